@@ -1,0 +1,10 @@
+# Turns each input file into a `const char* const kEmbedded<Name>` in namespace kestrel::embedded.
+set(content "// Generated from the shell scripts in core/clean; do not edit.\n#include <string_view>\nnamespace kestrel::embedded {\n")
+foreach(input ${INPUTS})
+  get_filename_component(stem ${input} NAME_WE)
+  file(READ ${input} text)
+  string(MAKE_C_IDENTIFIER ${stem} ident)
+  string(APPEND content "extern const std::string_view ${ident}Script;\nconst std::string_view ${ident}Script = R\"KESTREL_EMBED(${text})KESTREL_EMBED\";\n")
+endforeach()
+string(APPEND content "}  // namespace kestrel::embedded\n")
+file(WRITE ${OUT} "${content}")

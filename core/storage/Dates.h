@@ -1,0 +1,39 @@
+// Date texts as the platform prints and parses them: ISO 8601, the default description, local patterns.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kestrel {
+
+using Date = std::chrono::system_clock::time_point;
+
+namespace Dates {
+
+// Seconds between 1970-01-01 and 2001-01-01, the platform's reference date.
+inline constexpr int64_t kReferenceEpoch = 978307200;
+
+// Whole seconds since 1970 (floored, also before 1970).
+int64_t unixSeconds(Date d);
+Date fromUnixSeconds(int64_t s);
+// Seconds since 2001-01-01T00:00:00Z as a double (the plain JSON form of a date).
+double referenceSeconds(Date d);
+Date fromReferenceSeconds(double s);
+
+// "2026-11-15T18:23:09Z": UTC, fraction truncated.
+std::string iso8601(Date d);
+// Accepts "yyyy-MM-ddTHH:mm:ss" followed by Z, z, GMT/UTC (optionally with an offset), or an
+// offset +hh, +hhmm, +hh:mm, +hh:mm:ss. Fractional seconds and anything else give nothing.
+std::optional<Date> parseISO8601(std::string_view text);
+
+// "2026-11-22 18:23:09 +0000": always UTC, with a literal +0000.
+std::string description(Date d);
+
+// Local wall-clock text in the named zone (empty: the machine's zone). Supported patterns:
+// "yyyyMMdd-HHmmss", "yyyy-MM-dd", "HH:mm".
+std::string local(Date d, std::string_view pattern, const std::string& zone = "");
+
+}  // namespace Dates
+}  // namespace kestrel

@@ -1,0 +1,20 @@
+// Runs the built agent binary in a child process with a controlled environment.
+#include "tests/e2e/RunAgent.h"
+
+#include "core/storage/Shell.h"
+
+#include <cstdlib>
+
+namespace kestrel::test {
+
+AgentRun runAgentBinary(const ScratchHome& home, const std::vector<std::string>& args, bool withHome, double timeout) {
+  std::vector<std::string> envArgs;
+  envArgs.push_back(withHome ? "HOME=" + home.home().string() : "-u");
+  if (!withHome) envArgs.push_back("HOME");
+  envArgs.push_back(KESTREL_AGENT_BINARY);
+  envArgs.insert(envArgs.end(), args.begin(), args.end());
+  auto r = Shell::run("/usr/bin/env", envArgs, timeout);
+  return {r.status, r.stdout, r.stderr};
+}
+
+}  // namespace kestrel::test

@@ -1,0 +1,102 @@
+// ScratchHome and small file helpers for tests.
+#include "tests/support/ScratchHome.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace kestrel::test {
+
+ScratchHome::ScratchHome() {
+  std::string tmpl = (fs::temp_directory_path() / "kestrel test é-XXXXXX").string();
+  if (!::mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
+  root_ = tmpl;
+  home_ = root_ / "home";
+  fs::create_directories(home_);
+}
+
+ScratchHome::~ScratchHome() {
+  // Tests make read-only trees (like the Go module cache); open them up so removal succeeds.
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(root_, fs::directory_options::skip_permission_denied, ec);
+       it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    if (it->is_directory(ec) && !it->is_symlink(ec)) ::chmod(it->path().c_str(), 0755);
+  }
+  ::chmod(root_.c_str(), 0755);
+  fs::remove_all(root_, ec);  // our own temporary folder, never a user's
+}
+
+fs::path ScratchHome::file(std::string_view rel, int64_t bytes) {
+  return text(rel, std::string(static_cast<size_t>(bytes), 'x'));
+}
+
+fs::path ScratchHome::text(std::string_view rel, std::string_view content) {
+  const fs::path p = path(rel);
+  fs::create_directories(p.parent_path());
+  std::ofstream f(p, std::ios::binary | std::ios::trunc);
+  f.write(content.data(), static_cast<std::streamsize>(content.size()));
+  if (!f) throw std::runtime_error("cannot write " + p.string());
+  return p;
+}
+
+fs::path ScratchHome::folder(std::string_view rel) {
+  const fs::path p = path(rel);
+  fs::create_directories(p);
+  return p;
+}
+
+fs::path ScratchHome::link(std::string_view rel, const fs::path& target) {
+  const fs::path p = path(rel);
+  fs::create_directories(p.parent_path());
+  fs::create_symlink(target, p);
+  return p;
+}
+
+void ScratchHome::age(std::string_view rel, double days, Date now) {
+  const fs::path p = path(rel);
+  const auto t = now - std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(days * 86400.0));
+  const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+  timespec ts[2];
+  ts[0].tv_sec = ts[1].tv_sec = static_cast<time_t>(ns / 1000000000);
+  ts[0].tv_nsec = ts[1].tv_nsec = static_cast<long>(ns % 1000000000);
+  if (ts[0].tv_nsec < 0) {
+    ts[0].tv_nsec = ts[1].tv_nsec = ts[0].tv_nsec + 1000000000;
+    ts[0].tv_sec = ts[1].tv_sec = ts[0].tv_sec - 1;
+  }
+  if (::utimensat(AT_FDCWD, p.c_str(), ts, AT_SYMLINK_NOFOLLOW) != 0)
+    throw std::runtime_error("cannot set times of " + p.string());
+}
+
+fs::path ScratchHome::outside(std::string_view rel) {
+  const fs::path p = root_ / "outside" / fs::path(rel);
+  fs::create_directories(p);
+  return p;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const std::string& value) : name_(name) {
+  if (const char* v = std::getenv(name)) {
+    had_ = true;
+    old_ = v;
+  }
+  ::setenv(name, value.c_str(), 1);
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_) ::setenv(name_.c_str(), old_.c_str(), 1);
+  else ::unsetenv(name_.c_str());
+}
+
+std::string readText(const fs::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  std::ostringstream ss;
+  ss << f.rdbuf();
+  return ss.str();
+}
+
+}  // namespace kestrel::test

@@ -1,0 +1,58 @@
+// ScratchHome: a real temporary home folder (its name holds a blank and a non-ASCII letter).
+#pragma once
+
+#include "core/storage/Dates.h"
+#include "core/storage/Paths.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace kestrel::test {
+
+namespace fs = std::filesystem;
+
+class ScratchHome {
+ public:
+  ScratchHome();
+  ~ScratchHome();
+  ScratchHome(const ScratchHome&) = delete;
+  ScratchHome& operator=(const ScratchHome&) = delete;
+
+  const fs::path& root() const { return root_; }  // the scratch folder (home lives inside it)
+  const fs::path& home() const { return home_; }
+  Paths paths() const { return Paths(home_); }
+  fs::path path(std::string_view rel) const { return home_ / fs::path(rel); }
+
+  // Writes `bytes` bytes ('x') or the given text at rel, creating parent folders.
+  fs::path file(std::string_view rel, int64_t bytes = 0);
+  fs::path text(std::string_view rel, std::string_view content);
+  fs::path folder(std::string_view rel);
+  fs::path link(std::string_view rel, const fs::path& target);
+  // Sets access and modification times to `now` minus `days` (fractions allowed), without following links.
+  void age(std::string_view rel, double days, Date now = std::chrono::system_clock::now());
+  // A folder outside the home but inside the scratch folder.
+  fs::path outside(std::string_view rel);
+
+ private:
+  fs::path root_;
+  fs::path home_;
+};
+
+// Sets an environment variable for the lifetime of the object.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const std::string& value);
+  ~ScopedEnv();
+
+ private:
+  std::string name_;
+  std::string old_;
+  bool had_ = false;
+};
+
+// Reads a whole file; empty when it cannot be read.
+std::string readText(const fs::path& p);
+
+}  // namespace kestrel::test
