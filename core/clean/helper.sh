@@ -1,0 +1,216 @@
+#!/bin/bash
+# orvo Kestrel privileged helper. Runs as root, serves one app session, then exits.
+# It accepts a fixed set of operations and validates every path before touching it.
+#
+# Usage: helper.sh <session folder> <token> <app pid>
+# The app passes this text inline to bash (never as a file the user could change while it runs),
+# and the body is one function called on the last line, so bash has read everything before it runs.
+
+main() {
+  if [ "$1" = "--once" ]; then
+    once "${@:2}"
+    return
+  fi
+  local dir="$1" token="$2" app_pid="$3"
+  if [ -z "$dir" ] || [ -z "$token" ] || [ -z "$app_pid" ]; then exit 1; fi
+  settings
+  local IDLE_LIMIT=1800 LIFETIME_LIMIT=7200 POLL=20 MAX_LINE=65536
+  local started last now
+  started=$(date +%s)
+  last=$started
+
+  # Pin the session folder: root-owned so its entries can no longer be swapped, then work by
+  # relative names inside it.
+  cd -P -- "$dir" || exit 1
+  if [ "$(id -u)" = 0 ]; then
+    chown 0:0 . || exit 1
+    chmod 0711 . || exit 1
+  fi
+  if ! { [ -p cmd ] && [ ! -L cmd ] && [ -p out ] && [ ! -L out ]; }; then
+    cleanup
+    exit 1
+  fi
+  exec 3<>cmd || { cleanup; exit 1; }
+  # One descriptor for every reply: reopening by name could follow a swapped link.
+  exec 4<>out || { cleanup; exit 1; }
+
+  local line rest
+  while :; do
+    /bin/kill -0 "$app_pid" 2>/dev/null || break
+    now=$(date +%s)
+    [ $((now - last)) -ge "$IDLE_LIMIT" ] && break
+    [ $((now - started)) -ge "$LIFETIME_LIMIT" ] && break
+    line=""
+    if ! IFS= read -r -t "$POLL" -n $((MAX_LINE + 1)) line <&3; then
+      # Time-out: go round and re-check the app and the limits. A partial line is dropped; its
+      # remainder then fails the token check.
+      continue
+    fi
+    if [ "${#line}" -gt "$MAX_LINE" ]; then
+      # Too long: discard the rest of the line without holding it.
+      while IFS= read -r -t 1 -n "$MAX_LINE" rest <&3 && [ "${#rest}" -ge "$MAX_LINE" ]; do :; done
+      reply "ERR unknown-op"
+      continue
+    fi
+    [ -z "$line" ] && continue
+    last=$(date +%s)
+    handle "$line" || break
+  done
+  cleanup
+}
+
+# One operation without a session (the fallback when no session can be started): the same
+# checks, the reply on standard output, success when it begins with "OK".
+once() {
+  settings
+  local token=once
+  exec 4>&1
+  handle "once $*"
+}
+
+settings() {
+  export LC_ALL=C
+  export PATH=/usr/bin:/bin:/usr/sbin:/sbin
+  umask 077
+  MAX_PATH=1024
+  ALLOWED_ROOTS=("/Library/Caches/" "/Library/Logs/" "/private/var/log/" "/private/var/folders/"
+    "/Library/LaunchDaemons/" "/Library/LaunchAgents/" "/Library/Application Support/"
+    "/Library/Containers/" "/Applications/")
+}
+
+reply() {
+  # Replies are always one line.
+  local text="${1//[$'\n\r']/ }"
+  printf '%s\n' "$text" >&4
+}
+
+# Decodes Base64 into the global DECODED; fails on bad input, NUL bytes, control bytes or a
+# trailing newline (anything that would make the checked text differ from what is acted on).
+decode() {
+  local b64="$1" bytes
+  DECODED=""
+  [[ "$b64" =~ ^[A-Za-z0-9+/]+={0,2}$ ]] || return 1
+  DECODED=$(printf '%s' "$b64" | base64 -d 2>/dev/null && printf x) || return 1
+  DECODED=${DECODED%x}
+  bytes=$(printf '%s' "$b64" | base64 -d 2>/dev/null | wc -c) || return 1
+  [ "$bytes" -eq "${#DECODED}" ] || return 1
+  [[ "$DECODED" == *[[:cntrl:]]* ]] && return 1
+  return 0
+}
+
+# The path's text shape: absolute, short, no empty, "." or ".." components, no trailing slash,
+# strictly below one of the allowed roots.
+shape_ok() {
+  local p="$1" root
+  [ "${#p}" -le "$MAX_PATH" ] || return 1
+  [[ "$p" == /* ]] || return 1
+  [[ "$p" == */ || "$p" == *//* || "$p" == */./* || "$p" == */. || "$p" == */../* || "$p" == */.. ]] && return 1
+  for root in "${ALLOWED_ROOTS[@]}"; do
+    if [[ "$p" == "$root"?* ]]; then return 0; fi
+  done
+  return 1
+}
+
+# Physical folder check: the parent, with every link resolved, must itself lie at or below an
+# allowed root. Prints the parent's physical path.
+physical_parent() {
+  local parent="${1%/*}" phys root
+  phys=$(cd -P -- "$parent" 2>/dev/null && pwd -P) || return 1
+  for root in "${ALLOWED_ROOTS[@]}"; do
+    if [[ "$phys/" == "$root"* ]]; then
+      printf '%s' "$phys"
+      return 0
+    fi
+  done
+  return 1
+}
+
+remove_one() {
+  local p="$1" phys name="${1##*/}"
+  shape_ok "$p" || return 1
+  phys=$(physical_parent "$p") || return 1
+  # Remove "./name" inside the pinned parent, so no link on the way can redirect it.
+  (cd -P -- "$phys" && /bin/rm -rf -- "./$name") || return 1
+  [ ! -e "$phys/$name" ] && [ ! -L "$phys/$name" ]
+}
+
+handle() {
+  local words=() op
+  read -r -a words <<<"$1"
+  if [ "${words[0]}" != "$token" ]; then
+    reply "ERR bad-token"
+    return 0
+  fi
+  op="${words[1]}"
+  case "$op" in
+    PING) reply "OK" ;;
+    QUIT) reply "OK"; return 1 ;;
+    PURGE)
+      local out
+      if out=$(/usr/sbin/purge 2>&1); then reply "OK $out"; else reply "ERR $out"; fi
+      ;;
+    KILL)
+      local sig="${words[2]}" pid="${words[3]}" out pgid
+      if ! [[ "$sig" =~ ^[0-9]{1,3}$ && "$pid" =~ ^[0-9]{1,10}$ ]] || [ "${#words[@]}" -ne 4 ]; then
+        reply "ERR bad-args"; return 0
+      fi
+      pgid=$(ps -o pgid= -p $$ 2>/dev/null | tr -d ' ')
+      case "$sig" in 1|2|3|9|15) ;; *) reply "ERR bad-args"; return 0 ;; esac
+      if [ $((10#$pid)) -le 1 ] || [ "$((10#$pid))" = "$$" ] || [ "$((10#$pid))" = "$pgid" ]; then
+        reply "ERR bad-args"; return 0
+      fi
+      if out=$(/bin/kill "-$sig" "$((10#$pid))" 2>&1); then reply "OK"; else reply "ERR $out"; fi
+      ;;
+    BOOTOUT)
+      local b64="${words[2]}" out phys name
+      if [ "${#words[@]}" -ne 3 ] || ! decode "$b64"; then reply "ERR refused $b64"; return 0; fi
+      name="${DECODED##*/}"
+      if shape_ok "$DECODED" && [[ "$DECODED" == /Library/LaunchDaemons/*.plist ]] &&
+         [ "${DECODED%/*}" = "/Library/LaunchDaemons" ] &&
+         phys=$(physical_parent "$DECODED") && [ "$phys" = "/Library/LaunchDaemons" ] &&
+         [ -f "$phys/$name" ] && [ ! -L "$phys/$name" ]; then
+        out=$(/bin/launchctl bootout system "$phys/$name" 2>&1)
+        reply "OK $out"
+      else
+        reply "ERR refused $DECODED"
+      fi
+      ;;
+    RM)
+      local i count=0 failed=""
+      for ((i = 2; i < ${#words[@]}; i++)); do
+        if decode "${words[$i]}"; then
+          if remove_one "$DECODED"; then count=$((count + 1)); else failed+=" $DECODED"; fi
+        else
+          failed+=" ${words[$i]}"
+        fi
+      done
+      if [ -z "$failed" ]; then reply "OK removed $count"; else reply "ERR refused$failed"; fi
+      ;;
+    SCRIPT)
+      local out
+      case "${words[2]}" in
+        periodic-daily) out=$(/usr/sbin/periodic daily 2>&1) ;;
+        periodic-weekly) out=$(/usr/sbin/periodic weekly 2>&1) ;;
+        periodic-monthly) out=$(/usr/sbin/periodic monthly 2>&1) ;;
+        rebuild-spotlight) out=$(/usr/bin/mdutil -E / 2>&1) ;;
+        flush-dns) out=$( { /usr/bin/dscacheutil -flushcache; /usr/bin/killall -HUP mDNSResponder; } 2>&1) ;;
+        *) reply "ERR unknown-script"; return 0 ;;
+      esac
+      reply "OK $out"
+      ;;
+    *) reply "ERR unknown-op" ;;
+  esac
+  return 0
+}
+
+# Removes only the known entries of the pinned folder, then the folder itself by name from its
+# physical parent.
+cleanup() {
+  exec 3<&- 4<&- 2>/dev/null
+  local here
+  here=$(pwd -P)
+  rm -f -- cmd out helper.sh
+  cd .. && rmdir -- "./${here##*/}" 2>/dev/null
+}
+
+main "$@"; exit

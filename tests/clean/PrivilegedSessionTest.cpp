@@ -1,0 +1,236 @@
+// The app side of the privileged session against a fake administrator prompt: one prompt per
+// session, restart on silence, the per-op fallback, quoting of hostile paths, and the attacks.
+#include "core/clean/PrivilegedSession.h"
+
+#include "core/clean/AdminCommand.h"
+#include "tests/support/FakeTools.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+namespace kestrel {
+namespace {
+
+using test::FakeTools;
+using test::ScratchHome;
+namespace fs = std::filesystem;
+using Op = PrivilegedSession::Operation;
+
+bool waitFor(const std::function<bool()>& cond, double seconds) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (std::chrono::steady_clock::now() < end) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return cond();
+}
+
+// A fake polkit prompt that runs the command it is given (as the test user) and logs the call.
+void fakePkexec(FakeTools& tools) {
+  tools.script("pkexec", "printf 'call\\n' >> \"$(dirname \"$0\")/pkexec.calls\"\nexec \"$@\"");
+}
+
+int promptCount(const FakeTools& tools) {
+  const std::string log = test::readText(tools.bin() / "pkexec.calls");
+  return static_cast<int>(std::count(log.begin(), log.end(), '\n'));
+}
+
+TEST(PrivilegedSession, OnePromptPerSessionAndRestartAfterSilence) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  fakePkexec(tools);
+  PrivilegedSession session(h.paths());
+  auto first = session.run(Op::maintenance(Op::Script::periodicDaily));
+  auto second = session.run(Op::purge());
+  EXPECT_EQ(promptCount(tools), 1);
+  EXPECT_TRUE(first.stdout.rfind("OK", 0) == 0) << first.stdout;  // SCRIPT replies OK whatever the tool did
+  EXPECT_FALSE(second.ok());                                       // no purge tool here: "ERR …"
+  EXPECT_EQ(second.stdout.rfind("ERR ", 0), 0u) << second.stdout;
+  EXPECT_TRUE(session.isActive());
+  const auto dir = session.folder();
+  ASSERT_TRUE(dir);
+  EXPECT_EQ(dir->parent_path(), h.paths().supportDir());
+  EXPECT_EQ(dir->filename().string().rfind("priv-", 0), 0u);
+  // The helper disappears: the next run starts a new session once (one more prompt).
+  ASSERT_EQ(Shell::run("pkill", {"-f", "-KILL", "--", dir->string()}, 5).status, 0);
+  auto after = session.run(Op::maintenance(Op::Script::flushDNS));
+  EXPECT_EQ(after.stdout.rfind("OK", 0), 0u) << after.stdout;
+  EXPECT_EQ(promptCount(tools), 2);
+  EXPECT_NE(session.folder(), dir);
+  const auto last = session.folder();
+  session.end();
+  EXPECT_FALSE(session.isActive());
+  EXPECT_TRUE(waitFor([&] { return !fs::exists(*last); }, 5));
+}
+
+TEST(PrivilegedSession, FallsBackToOneShotCommandsPerOperation) {
+  ScratchHome h;
+  std::vector<std::pair<std::string, std::string>> calls;
+  PrivilegedSession session(h.paths(), [&](const std::string& cmd, const std::string& prompt, double) {
+    calls.emplace_back(cmd, prompt);
+    Shell::Result r;
+    r.status = cmd.find("nohup") != std::string::npos ? 1 : 0;  // the session prompt is cancelled
+    r.stderr = r.status ? "User canceled. (-128)" : "";
+    return r;
+  });
+  struct Case {
+    Op op;
+    std::string command;
+    std::string prompt;
+  };
+  const Case cases[] = {
+      {Op::kill(123, 9), "/bin/kill -9 123", "orvo Kestrel: quit an app"},
+      {Op::bootout("/Library/LaunchDaemons/it's.plist"), "/bin/launchctl bootout system '/Library/LaunchDaemons/it'\\''s.plist'",
+       "orvo Kestrel: stop a background item"},
+      {Op::maintenance(Op::Script::flushDNS), "/usr/bin/dscacheutil -flushcache; /usr/bin/killall -HUP mDNSResponder",
+       "orvo Kestrel: run maintenance"},
+      {Op::maintenance(Op::Script::rebuildSpotlight), "/usr/bin/mdutil -E /", "orvo Kestrel: run maintenance"},
+      {Op::purge(), "/usr/sbin/purge", "orvo Kestrel: free inactive memory"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.command);
+    calls.clear();
+    auto r = session.run(c.op);
+    EXPECT_TRUE(r.ok());
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].second, "orvo Kestrel needs permission once for this session.");
+    EXPECT_EQ(calls[1], std::make_pair(c.command, c.prompt));
+  }
+  EXPECT_FALSE(session.folder());
+  // A cancelled prompt leaves no session folder behind.
+  int leftovers = 0;
+  if (fs::exists(h.paths().supportDir()))
+    for (auto& e : fs::directory_iterator(h.paths().supportDir())) leftovers += e.path().filename().string().rfind("priv-", 0) == 0;
+  EXPECT_EQ(leftovers, 0);
+}
+
+TEST(PrivilegedSession, MissingPromptToolIsTheFallbacksFailure) {
+  {
+    test::ScopedEnv path("PATH", "");
+    if (Shell::which("pkexec")) GTEST_SKIP() << "a real pkexec is installed in a fixed tool folder";
+  }
+  ScratchHome h;
+  FakeTools tools(h.root());
+  test::ScopedEnv path("PATH", tools.bin().string());
+  PrivilegedSession session(h.paths());
+  auto r = session.run(Op::kill(123, 15));
+  EXPECT_EQ(r.status, 127);
+  EXPECT_EQ(r.stderr, "pkexec not found");
+}
+
+TEST(PrivilegedSession, RemoveFallbackKeepsTheHelpersPathRules) {
+  ScratchHome h;
+  h.file("victim", 5);
+  PrivilegedSession session(h.paths(), [&](const std::string& cmd, const std::string&, double) {
+    if (cmd.find("nohup") != std::string::npos) return Shell::Result{1, "", "cancelled"};
+    return Shell::run("/bin/sh", {"-c", cmd}, 30);  // the one-shot command, run as the test user
+  });
+  auto r = session.run(Op::remove({h.path("victim").string()}));
+  EXPECT_FALSE(r.ok());
+  EXPECT_EQ(r.stdout, "ERR refused " + h.path("victim").string());
+  EXPECT_TRUE(fs::exists(h.path("victim")));
+}
+
+TEST(PrivilegedSession, HostileHomePathsAreQuotedIntact) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  fakePkexec(tools);
+  const std::string weird = "we'ird \"q\" \\ $(touch pwned) `touch pwned2` \nz";
+  const fs::path home = h.folder(weird);
+  PrivilegedSession session{Paths(home)};
+  auto r = session.run(Op::maintenance(Op::Script::periodicWeekly));
+  EXPECT_EQ(r.stdout.rfind("OK", 0), 0u) << r.stderr;
+  const auto dir = session.folder();
+  ASSERT_TRUE(dir);
+  EXPECT_EQ(dir->parent_path(), Paths(home).supportDir());
+  session.end();
+  EXPECT_FALSE(fs::exists(h.path("pwned")));
+  EXPECT_FALSE(fs::exists("pwned"));
+  EXPECT_FALSE(fs::exists("pwned2"));
+}
+
+TEST(AdminCommand, ScriptQuotingRoundTripsThroughTheScriptLanguage) {
+  // Decodes the script language's string literal the way its parser does.
+  auto unquote = [](const std::string& lit, size_t& pos) {
+    EXPECT_EQ(lit[pos], '"');
+    std::string out;
+    for (++pos; pos < lit.size() && lit[pos] != '"'; ++pos) {
+      if (lit[pos] == '\\') ++pos;
+      out += lit[pos];
+    }
+    ++pos;
+    return out;
+  };
+  const std::string nasty = "/Users/o'neil/\"x\"/back\\slash/$(id)/`id`/new\nline";
+  const std::string command = "/bin/echo " + AdminCommand::shellQuote(nasty);
+  const std::string text = AdminCommand::doShellScript(command, "orvo Kestrel needs permission once for this session.");
+  ASSERT_EQ(text.rfind("do shell script ", 0), 0u);
+  size_t pos = std::string("do shell script ").size();
+  const std::string decoded = unquote(text, pos);
+  EXPECT_EQ(decoded, command);
+  EXPECT_EQ(text.substr(pos), " with administrator privileges with prompt \"orvo Kestrel needs permission once for this session.\"");
+  auto r = Shell::run("/bin/sh", {"-c", decoded}, 5);
+  EXPECT_EQ(r.stdout, nasty + "\n");
+  EXPECT_EQ(AdminCommand::base64("a b"), "YSBi");
+  EXPECT_EQ(AdminCommand::base64("ab"), "YWI=");
+  EXPECT_EQ(AdminCommand::base64(""), "");
+}
+
+TEST(PrivilegedSession, AttacksOnTheRunningSessionFail) {
+  if (::geteuid() != 0) GTEST_SKIP() << "swapping entries of the pinned folder needs root here";
+  ScratchHome h;
+  FakeTools tools(h.root());
+  fakePkexec(tools);
+  PrivilegedSession session(h.paths());
+  ASSERT_EQ(session.run(Op::maintenance(Op::Script::periodicDaily)).stdout.rfind("OK", 0), 0u);
+  const fs::path dir = *session.folder();
+  struct stat st;
+  ASSERT_EQ(::stat(dir.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0711u);  // pinned
+  // Appending to the inspection copy of the script changes nothing that runs.
+  std::ofstream(dir / "helper.sh", std::ios::app) << "\ntouch " << AdminCommand::shellQuote((h.root() / "appended").string()) << "\n";
+  // The token, read from the helper's own command line (bash -c <script> helper <dir> <token> <pid>).
+  const auto pids = Shell::run("pgrep", {"-f", "--", dir.string()}, 5);
+  ASSERT_TRUE(pids.ok());
+  std::string cmdline = test::readText("/proc/" + pids.stdout.substr(0, pids.stdout.find('\n')) + "/cmdline");
+  std::vector<std::string> args;
+  for (size_t i = 0, j; i < cmdline.size(); i = j + 1) {
+    j = cmdline.find('\0', i);
+    if (j == std::string::npos) j = cmdline.size();
+    args.push_back(cmdline.substr(i, j - i));
+  }
+  auto at = std::find(args.begin(), args.end(), dir.string());
+  ASSERT_TRUE(at != args.end() && at + 1 != args.end());
+  const std::string token = *(at + 1);
+  ASSERT_EQ(token.size(), 32u);
+  // Swapping "out" for a link: replies keep going to the pipe the helper pinned.
+  const fs::path canary = h.root() / "canary";
+  std::ofstream(canary) << "precious";
+  fs::rename(dir / "out", h.root() / "out.saved");
+  fs::create_symlink(canary, dir / "out");
+  auto r = session.run(Op::maintenance(Op::Script::periodicDaily));
+  EXPECT_EQ(test::readText(canary), "precious");
+  EXPECT_FALSE(fs::exists(h.root() / "appended"));
+  // The app refuses a pipe that is not a FIFO, so that command had no reply; a new session
+  // answered instead (a second prompt).
+  EXPECT_EQ(r.stdout.rfind("OK", 0), 0u);
+  EXPECT_EQ(promptCount(tools), 2);
+  EXPECT_EQ(r.stdout.find(token), std::string::npos);
+  for (auto& e : fs::recursive_directory_iterator(h.paths().supportDir())) {
+    if (e.is_regular_file()) {
+      EXPECT_EQ(test::readText(e.path()).find(token), std::string::npos) << e.path();
+    }
+  }
+  session.end();
+  // The old helper still serves its swapped folder until told to quit.
+  ::kill(std::stoi(pids.stdout), SIGTERM);
+}
+
+}  // namespace
+}  // namespace kestrel
