@@ -54,6 +54,8 @@ FolderSnapshot folderSnapshotFromJson(const Json& j) {
 
 GrowthTracker::GrowthTracker(const Paths& paths) : paths_(paths), url_(paths.supportFile("growth-snapshots.json")) {}
 
+GrowthTracker::GrowthTracker(const Paths& paths, fs::path url) : paths_(paths), url_(std::move(url)) {}
+
 std::vector<fs::path> GrowthTracker::watchedParents() const {
   const fs::path& home = paths_.home();
   return {home,

@@ -52,6 +52,8 @@ class GrowthTracker {
   static constexpr int64_t kMinDeltaBytes = 10000000;  // smaller changes are noise
 
   explicit GrowthTracker(const Paths& paths);
+  // Watches `paths` but keeps the snapshots in `url` (a home that must stay untouched).
+  GrowthTracker(const Paths& paths, std::filesystem::path url);
 
   const std::filesystem::path& url() const { return url_; }
   const Paths& paths() const { return paths_; }

@@ -174,6 +174,17 @@ TEST(GrowthTracker, SnapshotOfMissingWatchedFoldersIsEmpty) {
   EXPECT_EQ(tracker.snapshots().size(), 1u);
 }
 
+TEST(GrowthTracker, StoreElsewhereLeavesHomeUntouched) {
+  ScratchHome h;
+  h.file("Documents/a", 5000);
+  const fs::path store = h.outside("store") / "growth-snapshots.json";
+  GrowthTracker tracker(h.paths(), store);
+  const auto snapshot = tracker.takeSnapshot(kNow, nullptr);
+  EXPECT_EQ(snapshot.sizes.size(), 1u);
+  EXPECT_EQ(GrowthTracker(h.paths(), store).snapshots(), (std::vector<FolderSnapshot>{snapshot}));
+  EXPECT_FALSE(fs::exists(h.paths().library()));
+}
+
 TEST(GrowthTracker, KeepsNewest26Snapshots) {
   ScratchHome h;
   GrowthTracker tracker(h.paths());
