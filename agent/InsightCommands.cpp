@@ -64,7 +64,8 @@ std::optional<int64_t> parseDayCount(std::string_view text) {
 int forecastCommand(Context& ctx) {
   const auto& home = ctx.paths.home();
   if (auto space = FS::volumeSpace(home)) {
-    ctx.out << "Free: " << ByteFormat::string(space->free) << " of " << ByteFormat::string(space->total) << '\n';
+    ctx.out << "Free: " << ByteFormat::string(space->free) << " of "
+            << ByteFormat::string(space->total) << '\n';
   }
   const auto forecast = SpaceHistory(ctx.paths).forecast(ctx.now());
   if (!forecast) {
@@ -85,8 +86,8 @@ int forecastCommand(Context& ctx) {
 
 int growthCommand(Context& ctx) {
   // Positional on purpose: "growth --snapshot" has no day count and uses the default.
-  const int64_t days =
-      ctx.args.empty() ? kDefaultGrowthDays : parseDayCount(ctx.args[0]).value_or(kDefaultGrowthDays);
+  const int64_t days = ctx.args.empty() ? kDefaultGrowthDays
+                                        : parseDayCount(ctx.args[0]).value_or(kDefaultGrowthDays);
   GrowthTracker tracker(ctx.paths);
   if (ctx.flag("--snapshot") || tracker.snapshots().empty()) {
     tracker.takeSnapshot(ctx.now(), [] { return false; });
@@ -101,9 +102,12 @@ int growthCommand(Context& ctx) {
   for (const auto& e : report->entries) {
     const int64_t delta = e.delta();
     // The magnitude of the most negative delta does not fit; one byte less prints the same text.
-    const int64_t magnitude = delta >= 0 ? delta : (delta == std::numeric_limits<int64_t>::min() ? std::numeric_limits<int64_t>::max() : -delta);
-    ctx.out << (delta >= 0 ? "+" : "-") << ByteFormat::string(magnitude) << '\t' << replaceAll(e.path, home, "~")
-            << '\n';
+    const int64_t magnitude = delta >= 0 ? delta
+                                         : (delta == std::numeric_limits<int64_t>::min()
+                                                ? std::numeric_limits<int64_t>::max()
+                                                : -delta);
+    ctx.out << (delta >= 0 ? "+" : "-") << ByteFormat::string(magnitude) << '\t'
+            << replaceAll(e.path, home, "~") << '\n';
   }
   ctx.out.flush();
   return 0;

@@ -1,4 +1,4 @@
-// Benchmark: GrowthTracker.takeSnapshot against GNU du -s over the same folders, and cancel latency.
+// Benchmark: GrowthTracker.takeSnapshot against GNU du -s over the same folders; cancel latency.
 #include "core/insights/GrowthTracker.h"
 #include "core/storage/Shell.h"
 
@@ -16,7 +16,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 double median(std::vector<double> v) {
   std::sort(v.begin(), v.end());
@@ -26,7 +28,8 @@ double median(std::vector<double> v) {
 
 }  // namespace
 
-// growth_snapshot <home> <store-folder> [runs]: the home is only read; snapshots go to the store folder.
+// growth_snapshot <home> <store-folder> [runs]: the home is only read; snapshots go to the store
+// folder.
 int main(int argc, char** argv) {
   if (argc < 3) {
     std::fprintf(stderr, "usage: growth_snapshot <home> <store-folder> [runs]\n");

@@ -31,7 +31,8 @@ double epochSeconds(Date d) { return std::chrono::duration<double>(d.time_since_
 int64_t GrowthEntry::delta() const {
   int64_t d = 0;
   if (__builtin_sub_overflow(after, before, &d))
-    return after > before ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
+    return after > before ? std::numeric_limits<int64_t>::max()
+                          : std::numeric_limits<int64_t>::min();
   return d;
 }
 
@@ -47,14 +48,18 @@ FolderSnapshot folderSnapshotFromJson(const Json& j) {
   const auto date = Dates::parseISO8601(JsonDecode::string(j, "date"));
   if (!date) throw DecodeError("Expected date string to be ISO8601-formatted.");
   s.date = *date;
-  if (!j.contains("sizes") || !j.at("sizes").is_object()) throw DecodeError("Expected an object for sizes");
-  for (auto it = j.at("sizes").begin(); it != j.at("sizes").end(); ++it) s.sizes[it.key()] = JsonDecode::int64(it.value());
+  if (!j.contains("sizes") || !j.at("sizes").is_object())
+    throw DecodeError("Expected an object for sizes");
+  for (auto it = j.at("sizes").begin(); it != j.at("sizes").end(); ++it)
+    s.sizes[it.key()] = JsonDecode::int64(it.value());
   return s;
 }
 
-GrowthTracker::GrowthTracker(const Paths& paths) : paths_(paths), url_(paths.supportFile("growth-snapshots.json")) {}
+GrowthTracker::GrowthTracker(const Paths& paths)
+    : paths_(paths), url_(paths.supportFile("growth-snapshots.json")) {}
 
-GrowthTracker::GrowthTracker(const Paths& paths, fs::path url) : paths_(paths), url_(std::move(url)) {}
+GrowthTracker::GrowthTracker(const Paths& paths, fs::path url)
+    : paths_(paths), url_(std::move(url)) {}
 
 std::vector<fs::path> GrowthTracker::watchedParents() const {
   const fs::path& home = paths_.home();
@@ -69,7 +74,8 @@ std::vector<fs::path> GrowthTracker::watchedParents() const {
 }
 
 std::vector<FolderSnapshot> GrowthTracker::snapshots() const {
-  return JSONStore::load<std::vector<FolderSnapshot>>(url_, snapshotsFromJson).value_or(std::vector<FolderSnapshot>{});
+  return JSONStore::load<std::vector<FolderSnapshot>>(url_, snapshotsFromJson)
+      .value_or(std::vector<FolderSnapshot>{});
 }
 
 std::optional<Date> GrowthTracker::lastSnapshotDate() const {
@@ -137,7 +143,8 @@ std::optional<GrowthReport> GrowthTracker::report(int64_t days, size_t limit) co
   return GrowthReport{list[best].date, newest.date, diff(list[best], newest, limit)};
 }
 
-std::vector<GrowthEntry> GrowthTracker::diff(const FolderSnapshot& older, const FolderSnapshot& newer, size_t limit) {
+std::vector<GrowthEntry> GrowthTracker::diff(const FolderSnapshot& older,
+                                             const FolderSnapshot& newer, size_t limit) {
   // Both maps are in path order; walking them together gives the union in path order.
   std::vector<GrowthEntry> entries;
   auto o = older.sizes.begin();
@@ -158,8 +165,9 @@ std::vector<GrowthEntry> GrowthTracker::diff(const FolderSnapshot& older, const 
     const int64_t d = e.delta();
     if (d >= kMinDeltaBytes || d <= -kMinDeltaBytes) entries.push_back(std::move(e));
   }
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const GrowthEntry& a, const GrowthEntry& b) { return a.delta() > b.delta(); });
+  std::stable_sort(entries.begin(), entries.end(), [](const GrowthEntry& a, const GrowthEntry& b) {
+    return a.delta() > b.delta();
+  });
   if (entries.size() > limit) entries.resize(limit);
   return entries;
 }

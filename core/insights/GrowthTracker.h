@@ -1,4 +1,4 @@
-// Folder growth: snapshots of the sizes of the folders inside the watched folders, and their comparison.
+// Folder growth: snapshots of the sizes of the folders inside the watched folders, compared.
 #pragma once
 
 #include "core/storage/Dates.h"
@@ -78,7 +78,8 @@ class GrowthTracker {
 
   // Every folder of either snapshot whose size changed by at least 10,000,000 bytes, biggest
   // growth first and biggest shrinkage last; equal changes stay in path order. At most `limit`.
-  static std::vector<GrowthEntry> diff(const FolderSnapshot& older, const FolderSnapshot& newer, size_t limit);
+  static std::vector<GrowthEntry> diff(const FolderSnapshot& older, const FolderSnapshot& newer,
+                                       size_t limit);
 
  private:
   Paths paths_;

@@ -11,7 +11,9 @@ namespace {
 
 constexpr double kSecondsPerDay = 86400;
 
-double secondsBetween(Date from, Date to) { return std::chrono::duration<double>(to - from).count(); }
+double secondsBetween(Date from, Date to) {
+  return std::chrono::duration<double>(to - from).count();
+}
 
 // now + seconds, held at the clock's last representable date: a slow loss on a large disk can
 // predict a day centuries away, past what the clock's nanosecond count can hold.
@@ -51,7 +53,8 @@ SpaceHistory::SpaceHistory(const Paths& paths) : url_(paths.supportFile("space-h
 SpaceHistory::SpaceHistory(std::filesystem::path url) : url_(std::move(url)) {}
 
 std::vector<SpaceSample> SpaceHistory::samples() const {
-  return JSONStore::load<std::vector<SpaceSample>>(url_, samplesFromJson).value_or(std::vector<SpaceSample>{});
+  return JSONStore::load<std::vector<SpaceSample>>(url_, samplesFromJson)
+      .value_or(std::vector<SpaceSample>{});
 }
 
 void SpaceHistory::record(const FS::VolumeSpace& space, Date now) const noexcept {
@@ -69,9 +72,12 @@ void SpaceHistory::record(const FS::VolumeSpace& space, Date now) const noexcept
   }
 }
 
-std::optional<SpaceForecast> SpaceHistory::forecast(Date now) const { return forecast(samples(), now); }
+std::optional<SpaceForecast> SpaceHistory::forecast(Date now) const {
+  return forecast(samples(), now);
+}
 
-std::optional<SpaceForecast> SpaceHistory::forecast(const std::vector<SpaceSample>& samples, Date now) {
+std::optional<SpaceForecast> SpaceHistory::forecast(const std::vector<SpaceSample>& samples,
+                                                    Date now) {
   std::vector<SpaceSample> recent;
   for (const auto& s : samples) {
     if (secondsBetween(s.date, now) <= kWindowSeconds) recent.push_back(s);
@@ -81,10 +87,13 @@ std::optional<SpaceForecast> SpaceHistory::forecast(const std::vector<SpaceSampl
   // The trend after a cleanup is what matters; the jump itself would flatten the fit.
   std::vector<SpaceSample> series = recent;
   for (size_t i = recent.size() - 1; i > 0; --i) {
-    if (static_cast<double>(recent[i].free) - static_cast<double>(recent[i - 1].free) > kCleanupRiseBytes) {
-      std::vector<SpaceSample> segment(recent.begin() + static_cast<std::ptrdiff_t>(i), recent.end());
+    if (static_cast<double>(recent[i].free) - static_cast<double>(recent[i - 1].free) >
+        kCleanupRiseBytes) {
+      std::vector<SpaceSample> segment(recent.begin() + static_cast<std::ptrdiff_t>(i),
+                                       recent.end());
       if (segment.size() >= kMinFitSamples &&
-          secondsBetween(segment.front().date, segment.back().date) >= kMinFitDays * kSecondsPerDay) {
+          secondsBetween(segment.front().date, segment.back().date) >=
+              kMinFitDays * kSecondsPerDay) {
         series = std::move(segment);
       }
       break;

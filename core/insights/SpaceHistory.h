@@ -23,9 +23,9 @@ struct SpaceSample {
 
 // How fast free space shrinks and when it runs out; never stored.
 struct SpaceForecast {
-  double bytesPerDay = 0;              // positive while free space shrinks
-  std::optional<double> daysUntilFull;  // absent when the rate is too small to predict
-  double basedOnDays = 0;              // span of the samples used
+  double bytesPerDay = 0;                 // positive while free space shrinks
+  std::optional<double> daysUntilFull;    // absent when the rate is too small to predict
+  double basedOnDays = 0;                 // span of the samples used
   std::optional<Date> predictedFullDate;  // present exactly when daysUntilFull is
 
   bool operator==(const SpaceForecast&) const = default;
@@ -38,9 +38,9 @@ SpaceSample spaceSampleFromJson(const Json& j);
 // The "space-history.json" store: one JSON array of samples, oldest first.
 class SpaceHistory {
  public:
-  static constexpr size_t kMaxSamples = 2900;            // about 120 days, one an hour
-  static constexpr int64_t kMinSpacingSeconds = 3600;   // at most one sample an hour
-  static constexpr int64_t kWindowSeconds = 3888000;    // 45 days of samples feed the forecast
+  static constexpr size_t kMaxSamples = 2900;          // about 120 days, one an hour
+  static constexpr int64_t kMinSpacingSeconds = 3600;  // at most one sample an hour
+  static constexpr int64_t kWindowSeconds = 3888000;   // 45 days of samples feed the forecast
   static constexpr int64_t kCleanupRiseBytes = 1000000000;
   static constexpr size_t kMinFitSamples = 6;
   static constexpr double kMinFitDays = 2.0;

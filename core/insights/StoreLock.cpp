@@ -7,7 +7,8 @@
 
 namespace kestrel {
 
-std::unique_ptr<FileLock> lockBeside(const std::filesystem::path& url, std::chrono::milliseconds wait) {
+std::unique_ptr<FileLock> lockBeside(const std::filesystem::path& url,
+                                     std::chrono::milliseconds wait) {
   const auto deadline = std::chrono::steady_clock::now() + wait;
   std::filesystem::path lockURL = url;
   lockURL += ".lock";

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 namespace kestrel::agent {
@@ -28,7 +29,9 @@ Run run(const ScratchHome& h, std::vector<std::string> args) {
 }
 
 // The agent reads the real clock: histories are laid out back from the current whole second.
-Date wholeSecondNow() { return Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now())); }
+Date wholeSecondNow() {
+  return Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now()));
+}
 
 void writeSamples(const ScratchHome& h, const std::vector<SpaceSample>& samples) {
   Json j = Json::array();
@@ -36,11 +39,13 @@ void writeSamples(const ScratchHome& h, const std::vector<SpaceSample>& samples)
   JSONStore::save(j, SpaceHistory(h.paths()).url());
 }
 
-// One sample a day for eleven days, ending now, free space moving by `perDay` bytes a day to `lastFree`.
+// One sample a day for eleven days, ending now, free space moving by `perDay` bytes a day to
+// `lastFree`.
 std::vector<SpaceSample> daily(int64_t lastFree, int64_t perDay) {
   const Date now = wholeSecondNow();
   std::vector<SpaceSample> out;
-  for (int64_t ago = 10; ago >= 0; --ago) out.push_back({now - hours(24 * ago), lastFree + ago * perDay, 0});
+  for (int64_t ago = 10; ago >= 0; --ago)
+    out.push_back({now - hours(24 * ago), lastFree + ago * perDay, 0});
   return out;
 }
 
@@ -61,15 +66,18 @@ TEST(InsightCommands, ForecastLines) {
   };
   const Case cases[] = {
       {"no history", std::nullopt, nullptr, "Not enough history yet (needs ~2 days of samples).\n"},
-      {"damaged history", std::nullopt, "[{\"date\":1}]", "Not enough history yet (needs ~2 days of samples).\n"},
+      {"damaged history", std::nullopt, "[{\"date\":1}]",
+       "Not enough history yet (needs ~2 days of samples).\n"},
       {"losing 1 GB a day", daily(100000000000, 1000000000), nullptr,
        "Trend: 1 GB/day over 10 days\nPredicted full in 100 days\n"},
       {"losing 2.5 GB a day", daily(30000000000, 2500000000), nullptr,
        "Trend: 2.5 GB/day over 10 days\nPredicted full in 12 days\n"},
-      {"losing 40 MB a day", daily(100000000000, 40000000), nullptr, "Trend: 40 MB/day over 10 days\nNot filling up\n"},
+      {"losing 40 MB a day", daily(100000000000, 40000000), nullptr,
+       "Trend: 40 MB/day over 10 days\nNot filling up\n"},
       {"gaining 2 GB a day", daily(100000000000, -2000000000), nullptr,
        "Trend: -2 GB/day over 10 days\nNot filling up\n"},
-      {"steady", daily(100000000000, 0), nullptr, "Trend: Zero KB/day over 10 days\nNot filling up\n"},
+      {"steady", daily(100000000000, 0), nullptr,
+       "Trend: Zero KB/day over 10 days\nNot filling up\n"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -122,7 +130,8 @@ class GrowthCommand : public ::testing::Test {
     const std::string cache = h.path("Library/Caches/com.example").string();
     std::vector<FolderSnapshot> list = {
         {now - hours(24 * 14), {{marker, 100000000}, {cache, 900000000}}},
-        {now - hours(24 * 7), {{marker, 200000000}, {cache, 900000000}, {"/elsewhere/data", 50000000}}},
+        {now - hours(24 * 7),
+         {{marker, 200000000}, {cache, 900000000}, {"/elsewhere/data", 50000000}}},
         {now - hours(24), {{marker, 300000000}, {cache, 900000000}}},
         {now, {{marker, 400000000}, {cache, 880000000}}},
     };
@@ -140,9 +149,15 @@ TEST_F(GrowthCommand, PrintsSignedChangesWithTildePaths) {
     const char* expected;
   };
   const Case cases[] = {
-      {{"growth"}, "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 MB\t/elsewhere/data\n"},
-      {{"growth", "7"}, "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 MB\t/elsewhere/data\n"},
-      {{"growth", "week"}, "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 MB\t/elsewhere/data\n"},
+      {{"growth"},
+       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
+       "MB\t/elsewhere/data\n"},
+      {{"growth", "7"},
+       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
+       "MB\t/elsewhere/data\n"},
+      {{"growth", "week"},
+       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
+       "MB\t/elsewhere/data\n"},
       {{"growth", "14"}, "+300 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
       {{"growth", "0"}, "+100 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
       {{"growth", "1"}, "+100 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
@@ -190,7 +205,8 @@ TEST(InsightCommands, GrowthListsAtMost25) {
   ScratchHome h;
   const Date now = wholeSecondNow();
   FolderSnapshot older{now - hours(24 * 7), {}}, newer{now, {}};
-  for (int i = 0; i < 30; ++i) newer.sizes["/data/f" + std::to_string(100 + i)] = int64_t{20000000} + i;
+  for (int i = 0; i < 30; ++i)
+    newer.sizes["/data/f" + std::to_string(100 + i)] = int64_t{20000000} + i;
   JSONStore::save(Json::array({toJson(older), toJson(newer)}), GrowthTracker(h.paths()).url());
   const auto r = run(h, {"growth"});
   EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 25);

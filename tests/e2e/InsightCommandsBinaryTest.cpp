@@ -12,7 +12,9 @@ namespace {
 
 using std::chrono::hours;
 
-Date wholeSecondNow() { return Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now())); }
+Date wholeSecondNow() {
+  return Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now()));
+}
 
 std::string withoutFreeLine(const std::string& out) {
   EXPECT_EQ(out.rfind("Free: ", 0), 0u) << out;
@@ -26,7 +28,8 @@ TEST(InsightBinary, ForecastFromCraftedHistory) {
   Json j = Json::array();
   // Twelve samples a day apart, losing 1.5 GB a day down to 30 GB free.
   for (int64_t ago = 11; ago >= 0; --ago) {
-    j.push_back(toJson(SpaceSample{now - hours(24 * ago), 30000000000 + ago * 1500000000, 250000000000}));
+    j.push_back(
+        toJson(SpaceSample{now - hours(24 * ago), 30000000000 + ago * 1500000000, 250000000000}));
   }
   JSONStore::save(j, SpaceHistory(h.paths()).url());
   const auto r = runAgentBinary(h, {"forecast"});
@@ -63,7 +66,8 @@ TEST(InsightBinary, GrowthReportsAgainstStoredSnapshot) {
   const auto r = runAgentBinary(h, {"growth", "--snapshot"});
   EXPECT_EQ(r.status, 0);
   const int64_t grown = FS::allocatedSize(h.path("Downloads/video"));
-  EXPECT_EQ(r.out, "+" + ByteFormat::string(grown) + "\t~/Downloads/video\n-31 MB\t~/Library/Caches/com.example.gone\n");
+  EXPECT_EQ(r.out, "+" + ByteFormat::string(grown) +
+                       "\t~/Downloads/video\n-31 MB\t~/Library/Caches/com.example.gone\n");
 }
 
 }  // namespace

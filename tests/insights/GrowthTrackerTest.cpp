@@ -1,4 +1,4 @@
-// Folder growth: which folders a snapshot measures, the 26-snapshot cap, diff, report and cancelling.
+// Folder growth: which folders a snapshot measures, the 26-snapshot cap, diff, report, cancel.
 #include "core/insights/GrowthTracker.h"
 
 #include "core/storage/JSONStore.h"
@@ -32,31 +32,31 @@ void store(const GrowthTracker& tracker, const std::vector<FolderSnapshot>& list
 }
 
 TEST(GrowthTracker, DiffKeepsChangesOfTenMillionBytesAndMore) {
-  const FolderSnapshot older{day(0), {{"/h/gone", 50000000},
-                                      {"/h/grew", 1000},
-                                      {"/h/exact", 0},
-                                      {"/h/under", 0},
-                                      {"/h/shrankExact", 10000000},
-                                      {"/h/same", 70000000}}};
-  const FolderSnapshot newer{day(1), {{"/h/new", 30000000},
-                                      {"/h/grew", 30001000},
-                                      {"/h/exact", 10000000},
-                                      {"/h/under", 9999999},
-                                      {"/h/shrankExact", 0},
-                                      {"/h/same", 70000000}}};
+  const FolderSnapshot older{day(0),
+                             {{"/h/gone", 50000000},
+                              {"/h/grew", 1000},
+                              {"/h/exact", 0},
+                              {"/h/under", 0},
+                              {"/h/shrankExact", 10000000},
+                              {"/h/same", 70000000}}};
+  const FolderSnapshot newer{day(1),
+                             {{"/h/new", 30000000},
+                              {"/h/grew", 30001000},
+                              {"/h/exact", 10000000},
+                              {"/h/under", 9999999},
+                              {"/h/shrankExact", 0},
+                              {"/h/same", 70000000}}};
   const auto entries = GrowthTracker::diff(older, newer, 25);
   // Equal growth keeps path order ("/h/grew" before "/h/new"); shrinkage comes last.
-  EXPECT_EQ(paths(entries),
-            (std::vector<std::string>{"/h/grew", "/h/new", "/h/exact", "/h/shrankExact", "/h/gone"}));
+  EXPECT_EQ(paths(entries), (std::vector<std::string>{"/h/grew", "/h/new", "/h/exact",
+                                                      "/h/shrankExact", "/h/gone"}));
   struct Case {
     const char* path;
     int64_t before, after, delta;
   };
   const Case cases[] = {
-      {"/h/grew", 1000, 30001000, 30000000},
-      {"/h/new", 0, 30000000, 30000000},
-      {"/h/exact", 0, 10000000, 10000000},
-      {"/h/shrankExact", 10000000, 0, -10000000},
+      {"/h/grew", 1000, 30001000, 30000000}, {"/h/new", 0, 30000000, 30000000},
+      {"/h/exact", 0, 10000000, 10000000},   {"/h/shrankExact", 10000000, 0, -10000000},
       {"/h/gone", 50000000, 0, -50000000},
   };
   ASSERT_EQ(entries.size(), std::size(cases));
@@ -66,7 +66,8 @@ TEST(GrowthTracker, DiffKeepsChangesOfTenMillionBytesAndMore) {
     EXPECT_EQ(entries[i].after, cases[i].after);
     EXPECT_EQ(entries[i].delta(), cases[i].delta);
   }
-  EXPECT_EQ(paths(GrowthTracker::diff(older, newer, 2)), (std::vector<std::string>{"/h/grew", "/h/new"}));
+  EXPECT_EQ(paths(GrowthTracker::diff(older, newer, 2)),
+            (std::vector<std::string>{"/h/grew", "/h/new"}));
   EXPECT_TRUE(GrowthTracker::diff(older, newer, 0).empty());
   // Sizes no disk has do not overflow the difference.
   const FolderSnapshot huge{day(2), {{"/h/x", INT64_MAX}}};
@@ -201,7 +202,8 @@ TEST(GrowthTracker, KeepsNewest26Snapshots) {
 TEST(GrowthTracker, CancelStopsWithinTwoThousandEntriesAndStoresNothing) {
   ScratchHome h;
   for (int f = 0; f < 3; ++f) {
-    for (int i = 0; i < 2500; ++i) h.file("Downloads/set" + std::to_string(f) + "/f" + std::to_string(i), 1);
+    for (int i = 0; i < 2500; ++i)
+      h.file("Downloads/set" + std::to_string(f) + "/f" + std::to_string(i), 1);
   }
   GrowthTracker tracker(h.paths());
   store(tracker, {{day(-1), {{"/h/a", 1}}}});
@@ -209,7 +211,8 @@ TEST(GrowthTracker, CancelStopsWithinTwoThousandEntriesAndStoresNothing) {
 
   std::atomic<int> polls{0};
   const auto snapshot = tracker.takeSnapshot(kNow, [&] { return ++polls >= 2; });
-  // The walk of the first set stops at its second poll, within 2000 entries; nothing else is measured.
+  // The walk of the first set stops at its second poll, within 2000 entries; nothing else is
+  // measured.
   EXPECT_EQ(polls.load(), 2);
   EXPECT_LE(snapshot.sizes.size(), 1u);
   int64_t measured = 0;
@@ -245,9 +248,12 @@ TEST(GrowthTracker, SnapshotJsonForm) {
   const FolderSnapshot s{kNow, {{"/Users/me/Downloads/b", 20}, {"/Users/me/Documents", 4096}}};
   EXPECT_EQ(JsonText::pretty(toJson(s)),
             "{\n  \"date\" : \"2026-11-18T11:06:40Z\",\n  \"sizes\" : {\n"
-            "    \"\\/Users\\/me\\/Documents\" : 4096,\n    \"\\/Users\\/me\\/Downloads\\/b\" : 20\n  }\n}");
+            "    \"\\/Users\\/me\\/Documents\" : 4096,\n    \"\\/Users\\/me\\/Downloads\\/b\" : "
+            "20\n  }\n}");
   EXPECT_EQ(folderSnapshotFromJson(toJson(s)), s);
-  EXPECT_EQ(folderSnapshotFromJson(Json::parse(R"({"date":"2026-11-18T11:06:40Z","sizes":{}})")).sizes.size(), 0u);
+  EXPECT_EQ(folderSnapshotFromJson(Json::parse(R"({"date":"2026-11-18T11:06:40Z","sizes":{}})"))
+                .sizes.size(),
+            0u);
 }
 
 }  // namespace

@@ -20,15 +20,18 @@ const Date kNow = Dates::fromUnixSeconds(1795000000);  // 2026-11-18, a whole se
 constexpr double kDay = 86400;
 
 Date daysAgo(double days) {
-  return kNow - std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(days * kDay));
+  return kNow -
+         std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(days * kDay));
 }
 
 // `count` samples evenly spaced from `fromDaysAgo` up to `toDaysAgo`, free = f(days ago).
 std::vector<SpaceSample> series(double fromDaysAgo, double toDaysAgo, int count,
-                                const std::function<double(double)>& freeAt, int64_t total = 500000000000) {
+                                const std::function<double(double)>& freeAt,
+                                int64_t total = 500000000000) {
   std::vector<SpaceSample> out;
   for (int i = 0; i < count; ++i) {
-    const double ago = fromDaysAgo - (fromDaysAgo - toDaysAgo) * i / (count - 1);
+    const double ago =
+        count == 1 ? fromDaysAgo : fromDaysAgo - (fromDaysAgo - toDaysAgo) * i / (count - 1);
     out.push_back({daysAgo(ago), static_cast<int64_t>(freeAt(ago)), total});
   }
   return out;
@@ -55,13 +58,16 @@ TEST(SpaceHistory, ForecastOverSeries) {
   auto steady = [](double ago) { return 100e9 + ago * 1e9; };
   // Losing 2 GB a day until a 5 GB cleanup three days ago, 1 GB a day since.
   auto beforeCleanup = series(10, 3.01, 40, [](double ago) { return 50e9 + ago * 2e9; });
-  auto afterCleanup = [](int count) { return series(3, 0, count, [](double ago) { return 58e9 + ago * 1e9; }); };
+  auto afterCleanup = [](int count) {
+    return series(3, 0, count, [](double ago) { return 58e9 + ago * 1e9; });
+  };
   struct Case {
     const char* name;
     std::vector<SpaceSample> samples;
     bool expectForecast;
     double basedOnDays = 0;
-    std::optional<double> bytesPerDay = std::nullopt;  // nothing: only which samples were fit matters
+    std::optional<double> bytesPerDay =
+        std::nullopt;  // nothing: only which samples were fit matters
     std::optional<double> daysUntilFull = std::nullopt;
   };
   const Case cases[] = {
@@ -71,23 +77,31 @@ TEST(SpaceHistory, ForecastOverSeries) {
       {"one recent sample", series(0, 0, 1, steady), false},
       {"no samples", {}, false},
       {"six samples at one moment", std::vector<SpaceSample>(6, SpaceSample{kNow, 1, 2}), false},
-      {"cleanup three days ago, ten samples since", join(beforeCleanup, afterCleanup(10)), true, 3, 1e9, 58},
+      {"cleanup three days ago, ten samples since", join(beforeCleanup, afterCleanup(10)), true, 3,
+       1e9, 58},
       // Five samples after the cleanup are too few: the fit runs over everything, jump included.
-      {"cleanup three days ago, five samples since", join(beforeCleanup, afterCleanup(5)), true, 10},
+      {"cleanup three days ago, five samples since", join(beforeCleanup, afterCleanup(5)), true,
+       10},
       {"cleanup one day ago",
        join(series(10, 1.01, 40, [](double ago) { return 50e9 + ago * 2e9; }),
             series(1, 0, 10, [](double ago) { return 60e9 + ago * 1e9; })),
        true, 10},
       {"rise of exactly 1e9 is no cleanup", stepSeries(2000000000), true, 10},
       {"rise of 1e9 + 1 is a cleanup", stepSeries(2000000001), true, 3, 2e9, 82000000001.0 / 2e9},
-      {"loss of 40 MB a day", series(10, 0, 41, [](double ago) { return 100e9 + ago * 40e6; }), true, 10, 40e6},
-      {"free space growing", series(10, 0, 41, [](double ago) { return 100e9 - ago * 1e9; }), true, 10, -1e9},
+      {"loss of 40 MB a day", series(10, 0, 41, [](double ago) { return 100e9 + ago * 40e6; }),
+       true, 10, 40e6},
+      {"free space growing", series(10, 0, 41, [](double ago) { return 100e9 - ago * 1e9; }), true,
+       10, -1e9},
       // Samples older than 45 days are left out, even with a steeper loss.
       {"old samples ignored",
-       join(series(60, 46, 15, [](double ago) { return 300e9 + ago * 9e9; }), series(45, 0, 46, steady)), true, 45,
-       1e9, 100},
+       join(series(60, 46, 15, [](double ago) { return 300e9 + ago * 9e9; }),
+            series(45, 0, 46, steady)),
+       true, 45, 1e9, 100},
       {"only old samples", series(60, 46, 15, steady), false},
-      {"volume of total 0, nothing free", series(10, 0, 41, [](double) { return 0; }, 0), true, 10, 0},
+      {"volume of total 0, nothing free",
+       series(
+           10, 0, 41, [](double) { return 0; }, 0),
+       true, 10, 0},
       {"volume of total 0, losing", series(10, 0, 41, steady, 0), true, 10, 1e9, 100},
   };
   for (const auto& c : cases) {
@@ -102,7 +116,8 @@ TEST(SpaceHistory, ForecastOverSeries) {
     ASSERT_EQ(f->daysUntilFull.has_value(), c.daysUntilFull.has_value());
     if (!c.daysUntilFull) continue;
     EXPECT_NEAR(*f->daysUntilFull, *c.daysUntilFull, 1e-3);
-    const double predicted = std::chrono::duration<double>(*f->predictedFullDate - kNow).count() / kDay;
+    const double predicted =
+        std::chrono::duration<double>(*f->predictedFullDate - kNow).count() / kDay;
     EXPECT_NEAR(predicted, *c.daysUntilFull, 1e-3);
   }
 }
@@ -140,7 +155,8 @@ TEST(SpaceHistory, RecordAtMostHourly) {
     std::chrono::minutes gap;
     size_t expected;
   };
-  const Case cases[] = {{"59 minutes", std::chrono::minutes(59), 1}, {"60 minutes", std::chrono::minutes(60), 2}};
+  const Case cases[] = {{"59 minutes", std::chrono::minutes(59), 1},
+                        {"60 minutes", std::chrono::minutes(60), 2}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ScratchHome h;
@@ -175,7 +191,8 @@ TEST(SpaceHistory, WritesPrettySortedIsoFile) {
   EXPECT_EQ(history.url(), h.paths().supportDir() / "space-history.json");
   history.record({2000, 1500}, kNow + std::chrono::milliseconds(700));
   EXPECT_EQ(test::readText(history.url()),
-            "[\n  {\n    \"date\" : \"2026-11-18T11:06:40Z\",\n    \"free\" : 1500,\n    \"total\" : 2000\n  }\n]");
+            "[\n  {\n    \"date\" : \"2026-11-18T11:06:40Z\",\n    \"free\" : 1500,\n    \"total\" "
+            ": 2000\n  }\n]");
 }
 
 TEST(SpaceHistory, DamagedFilesReadEmptyAndAreReplaced) {
