@@ -1,12 +1,17 @@
 // The command table: each command joins it together with its handler, in dispatch order.
 #include "agent/Commands.h"
 
+#include "agent/InsightCommands.h"
+
 namespace kestrel::agent {
 
 std::vector<Command> commandHandlers() {
   // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
   // forecast, growth, quarantine, rules.
-  return {};
+  return {
+      {"forecast", forecastCommand},
+      {"growth", growthCommand},
+  };
 }
 
 }  // namespace kestrel::agent
