@@ -6,7 +6,9 @@ namespace kestrel::agent {
 std::vector<Command> commandHandlers() {
   // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
   // forecast, growth, quarantine, rules.
-  return {};
+  return {
+      {"scan", runScan},
+  };
 }
 
 }  // namespace kestrel::agent
