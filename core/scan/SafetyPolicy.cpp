@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstdlib>
 #include <deque>
+#include <unordered_map>
 
 namespace kestrel {
 namespace {
@@ -191,7 +192,17 @@ bool SafetyPolicy::isUserWritable(const std::string& path) const {
   return probes_.isWritable(path);
 }
 
-Verdict SafetyPolicy::check(const std::string& path) const {
+Verdict SafetyPolicy::check(const std::string& path) const { return check(path, nullptr); }
+
+std::vector<Verdict> SafetyPolicy::checkAll(const std::vector<std::string>& paths) const {
+  std::unordered_map<std::string, std::string> resolvedParents;
+  std::vector<Verdict> out;
+  out.reserve(paths.size());
+  for (const auto& p : paths) out.push_back(check(p, &resolvedParents));
+  return out;
+}
+
+Verdict SafetyPolicy::check(const std::string& path, std::unordered_map<std::string, std::string>* memo) const {
   const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
   if (p.empty() || p.front() != '/') return Verdict::blocked("Not an absolute path");
   for (const auto& t : topLevel_)
@@ -205,7 +216,15 @@ Verdict SafetyPolicy::check(const std::string& path) const {
   // The last component is never resolved: a link is removed as a link, never followed.
   const std::string parent = parentOf(p);
   const std::string lastName = p.substr(p.rfind('/') + 1);
-  const std::string resolvedParent = resolveLinks(parent);
+  std::string resolvedParent;
+  if (!memo) {
+    resolvedParent = resolveLinks(parent);
+  } else if (auto it = memo->find(parent); it != memo->end()) {
+    resolvedParent = it->second;
+  } else {
+    resolvedParent = resolveLinks(parent);
+    memo->emplace(parent, resolvedParent);
+  }
   const std::string resolvedItem = resolvedParent == "/" ? "/" + lastName : resolvedParent + "/" + lastName;
   const bool insideHome = isAtOrUnder(p, home_);
   const bool staysHome = isAtOrUnder(resolvedItem, home_) || isAtOrUnder(resolvedItem, resolvedHome_);

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace kestrel {
@@ -43,6 +44,9 @@ class SafetyPolicy {
   // The verdict for `path`; never fails (a path that does not exist is judged as the text it is).
   // Immutable: may run on any thread, concurrently.
   Verdict check(const std::string& path) const;
+  // The verdicts of many paths at once, resolving each parent folder's links only once within
+  // the call (nothing is remembered after it returns).
+  std::vector<Verdict> checkAll(const std::vector<std::string>& paths) const;
   // True when the parent folder and then the item itself are writable by the current user.
   bool isUserWritable(const std::string& path) const;
 
@@ -57,6 +61,8 @@ class SafetyPolicy {
   const std::vector<std::string>& userProtected() const { return userProtected_; }
 
  private:
+  Verdict check(const std::string& path, std::unordered_map<std::string, std::string>* resolvedParents) const;
+
   Paths paths_;
   std::string home_;
   std::string resolvedHome_;

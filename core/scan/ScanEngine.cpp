@@ -109,20 +109,35 @@ std::vector<CategoryResult> dedupe(std::vector<CategoryResult> results, const Sa
     }
   };
 
-  for (auto& r : results) {
+  // Only items that pass ownership and the ancestor test go to the policy, all in one batch so
+  // that the links of a shared parent folder are resolved once.
+  std::vector<std::vector<char>> candidate(results.size());
+  std::vector<std::string> toCheck;
+  for (size_t r = 0; r < results.size(); ++r) {
+    candidate[r].assign(results[r].items.size(), 0);
+    for (size_t i = 0; i < results[r].items.size(); ++i) {
+      const auto path = results[r].items[i].path();
+      if (!path) continue;
+      if (owner.at(*path) != results[r].category || hasOwnedAncestor(*path)) continue;
+      candidate[r][i] = 1;
+      toCheck.push_back(*path);
+    }
+  }
+  const std::vector<Verdict> verdicts = policy.checkAll(toCheck);
+  size_t next = 0;
+  for (size_t r = 0; r < results.size(); ++r) {
     std::vector<ScanItem> kept;
-    kept.reserve(r.items.size());
-    for (auto& item : r.items) {
-      const auto path = item.path();
-      if (path) {
-        if (owner.at(*path) != r.category) continue;
-        if (hasOwnedAncestor(*path)) continue;
-        if (policy.check(*path).isBlocked()) continue;
+    kept.reserve(results[r].items.size());
+    for (size_t i = 0; i < results[r].items.size(); ++i) {
+      ScanItem& item = results[r].items[i];
+      if (item.path()) {
+        if (!candidate[r][i]) continue;
+        if (verdicts[next++].isBlocked()) continue;
       }
       kept.push_back(std::move(item));
     }
     std::stable_sort(kept.begin(), kept.end(), [](const ScanItem& a, const ScanItem& b) { return a.size > b.size; });
-    r.items = std::move(kept);
+    results[r].items = std::move(kept);
   }
   return results;
 }

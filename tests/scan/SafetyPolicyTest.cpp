@@ -112,6 +112,12 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
     EXPECT_EQ(v.kind, c.expected.kind);
     EXPECT_EQ(v.text, c.expected.text);
   }
+  // The batch form shares resolved parents between paths but decides exactly the same.
+  std::vector<std::string> all;
+  for (const auto& c : cases) all.push_back(c.path);
+  const auto batch = policy.checkAll(all);
+  ASSERT_EQ(batch.size(), all.size());
+  for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(batch[i], cases[i].expected) << all[i];
 }
 
 TEST(SafetyPolicy, HomeReachedThroughALinkStaysHome) {
