@@ -9,6 +9,7 @@ std::vector<Command> commandHandlers() {
   // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
   // forecast, growth, quarantine, rules.
   return {
+      {"scan", runScan},
       {"forecast", forecastCommand},
       {"growth", growthCommand},
   };

@@ -10,4 +10,7 @@ namespace kestrel::agent {
 // The command table in dispatch order, built from the handlers that exist.
 std::vector<Command> commandHandlers();
 
+// "scan [--json]": the default categories as a table, or every item as JSON (ScanCommand.cpp).
+int runScan(Context& context);
+
 }  // namespace kestrel::agent

@@ -235,7 +235,10 @@ int64_t allocatedSize(const fs::path& url, const CancelTest& cancel) noexcept {
   if (!lstatPath(url, st)) return 0;
   if (S_ISLNK(st.st_mode)) return 0;
   if (!S_ISDIR(st.st_mode)) return S_ISREG(st.st_mode) ? fileSize(st) : 0;
-  const int fd = platform::openDirectory(url.c_str());
+  return allocatedSizeOfFolder(platform::openDirectory(url.c_str()), cancel);
+}
+
+int64_t allocatedSizeOfFolder(int fd, const CancelTest& cancel) noexcept {
   if (fd < 0) return 0;
   try {
     SizeWalk walk(cancel);

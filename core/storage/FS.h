@@ -52,6 +52,9 @@ std::optional<Date> newestModification(const fs::path& url, int limit) noexcept;
 // and then every 2000 entries; when it answers true the sum so far is returned. The walk uses up
 // to two threads.
 int64_t allocatedSize(const fs::path& url, const CancelTest& cancel = nullptr) noexcept;
+// The same walk over a folder the caller already opened (the descriptor is taken over and closed),
+// so a caller that holds the folder's status need not ask for it again.
+int64_t allocatedSizeOfFolder(int fd, const CancelTest& cancel = nullptr) noexcept;
 // Allocated bytes of one item from its status.
 inline int64_t fileSize(const struct stat& attrs) { return static_cast<int64_t>(attrs.st_blocks) * 512; }
 std::optional<std::string> volumeID(const fs::path& url) noexcept;

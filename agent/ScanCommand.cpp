@@ -1,0 +1,61 @@
+// The "scan" command: scans the default categories and prints a table or the items as JSON.
+#include "agent/Commands.h"
+#include "core/scan/ScanEngine.h"
+#include "core/storage/AppConfig.h"
+#include "core/storage/ByteFormat.h"
+
+#include <cstdlib>
+
+namespace kestrel::agent {
+namespace {
+
+// Pads with blanks or cuts to exactly `width` characters (UTF-8 code points, not bytes).
+std::string fit(const std::string& text, size_t width) {
+  std::string out;
+  size_t count = 0;
+  for (size_t i = 0; i < text.size();) {
+    size_t len = 1;
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0xF0) len = 4;
+    else if (c >= 0xE0) len = 3;
+    else if (c >= 0xC0) len = 2;
+    if (count == width) break;
+    out.append(text, i, len);
+    ++count;
+    i += len;
+  }
+  out.append(width - count, ' ');
+  return out;
+}
+
+}  // namespace
+
+int runScan(Context& context) {
+  const AppConfig config = ConfigStore(context.paths).load();
+  std::set<CleanCategory> categories;
+  for (CleanCategory c : allCategories())
+    if (selectedByDefault(c)) categories.insert(c);
+  const ScanEngine engine(context.paths, config, context.now);
+  const auto results = engine.scan(categories);
+
+  if (context.flag("--json")) {
+    Json items = Json::array();
+    for (const auto& r : results)
+      for (const auto& item : r.items) items.push_back(toJson(item, DateForm::referenceSeconds));
+    context.out << JsonText::pretty(items) << '\n';
+    return 0;
+  }
+  int64_t total = 0;
+  for (const auto& r : results) {
+    if (r.items.empty()) continue;
+    const int64_t size = r.totalSize();
+    if (__builtin_add_overflow(total, size, &total)) std::abort();  // a wrapped total would lie
+    context.out << fit(std::string(displayName(r.category)), 36) << fit(ByteFormat::string(size), 12) << "("
+                << r.items.size() << " items)\n";
+  }
+  context.out << "Total reclaimable: " << ByteFormat::string(total) << '\n';
+  context.out.flush();
+  return 0;
+}
+
+}  // namespace kestrel::agent

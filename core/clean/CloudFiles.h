@@ -1,0 +1,63 @@
+// Cloud files: the synced folders of the home folder, coordinated removal and eviction of local copies.
+#pragma once
+
+#include "core/storage/Paths.h"
+
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+namespace CloudFiles {
+
+// The two sync roots: "Library/Mobile Documents" (iCloud Drive) and "Library/CloudStorage" (one
+// sub-folder per account of other providers).
+std::vector<fs::path> syncRoots(const fs::path& home);
+// True when `path` equals a sync root or lies below one (textual test; the path is taken as given).
+bool isSynced(const std::string& path, const fs::path& home);
+// "iCloud Drive" inside the iCloud root; the provider's name from its account folder inside the
+// other root ("GoogleDrive-me@example.com" gives "GoogleDrive"); "your cloud drive" otherwise.
+std::string providerName(const std::string& path, const fs::path& home);
+// True when the item's data is not on this machine (always false where there are no placeholders).
+bool isDataless(const fs::path& url) noexcept;
+
+// How `remove` waits between attempts and removes one item; tests replace both.
+struct RemoveHooks {
+  std::function<void(std::chrono::duration<double>)> wait;
+  std::function<void(const fs::path&)> removeItem;
+};
+// Removes the item and its ".<name>.icloud" placeholder, retrying up to `attempts` times with
+// waits of 0.25 s, 0.5 s, 1 s … before the second, third, fourth attempt. Throws the last removal
+// error, or a filesystem_error (directory_not_empty) when the item stayed without an error.
+void remove(const fs::path& url, int attempts, const RemoveHooks& hooks = {});
+
+}  // namespace CloudFiles
+
+namespace CloudEvictor {
+
+class EvictError : public std::runtime_error {
+ public:
+  enum class Kind { failed, notInCloudFolder };
+  static EvictError failed(const std::string& message);
+  static EvictError notInCloudFolder();
+  Kind kind() const { return kind_; }
+
+ private:
+  EvictError(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+  Kind kind_;
+};
+
+// The iCloud root, then every existing folder inside "Library/CloudStorage" (sorted by name).
+std::vector<fs::path> cloudRoots(const Paths& paths);
+std::string provider(const std::string& path, const Paths& paths);
+// Drops the local copy, keeping the cloud copy: "fileproviderctl evict <path>" for provider
+// folders, the platform's eviction and then "brctl evict <path>" for iCloud Drive (60 s each).
+// Throws EvictError; never deletes anything.
+void evict(const fs::path& url, const Paths& paths);
+
+}  // namespace CloudEvictor
+
+}  // namespace kestrel

@@ -1,0 +1,22 @@
+// Cloud placeholders: the dataless flag, the platform's own eviction and coordinated removal.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace kestrel::platform {
+
+// True when the item's data is not on this machine (only its cloud placeholder is); always false
+// on a system without such files.
+bool isDataless(const std::filesystem::path& path) noexcept;
+
+// Asks the platform's cloud service to drop the local copy of the item. Nothing on success,
+// else the description of the platform's error.
+std::optional<std::string> evictUbiquitousItem(const std::filesystem::path& path);
+
+// Removes the item (a link as a link, a folder with its contents) while the platform's file
+// coordination holds off the sync service. Throws std::filesystem::filesystem_error.
+void coordinatedRemove(const std::filesystem::path& path);
+
+}  // namespace kestrel::platform

@@ -1,0 +1,101 @@
+// Scan engine: the scanner interface and its context, the registry, the progress throttle, and the
+// parallel scan with de-duplication through the safety policy.
+#pragma once
+
+#include "core/scan/SafetyPolicy.h"
+#include "core/scan/ScanModel.h"
+#include "core/storage/AppConfig.h"
+#include "core/storage/Paths.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace kestrel {
+
+// What every scanner gets. Its callbacks may be called from any worker thread.
+struct ScanContext {
+  Paths paths;
+  AppConfig config;
+  Date now;  // the one reference time of the whole scan
+  std::function<bool()> isCancelled = [] { return false; };
+  std::function<void(CleanCategory, const std::string&)> report = [](CleanCategory, const std::string&) {};
+
+  const fs::path& home() const { return paths.home(); }
+  fs::path lib(std::string_view sub) const { return paths.lib(sub); }
+  // `now` minus n exact 24-hour days.
+  Date daysAgo(int64_t n) const { return now - std::chrono::seconds(n * 86400); }
+  // The common minimum-age test: false for an item modified less than minItemAgeHours before now
+  // (an unknown modification date passes).
+  bool oldEnough(const std::optional<Date>& modified) const;
+};
+
+// One scanner per category. A scanner does not fail: a problem yields fewer or no items.
+class JunkScanner {
+ public:
+  virtual ~JunkScanner() = default;
+  virtual CleanCategory category() const = 0;
+  virtual std::vector<ScanItem> scan(const ScanContext& context) const = 0;
+};
+
+namespace ScannerRegistry {
+// One scanner per requested category that has one, in category order.
+std::vector<std::unique_ptr<JunkScanner>> scanners(const std::set<CleanCategory>& categories);
+// The categories that have a scanner.
+std::set<CleanCategory> scannable();
+}  // namespace ScannerRegistry
+
+// Admits at most one event per `interval`; thread-safe.
+class Throttle {
+ public:
+  using Clock = std::chrono::steady_clock;
+  explicit Throttle(double intervalSeconds, std::function<Clock::time_point()> clock = Clock::now);
+  bool allow();
+
+ private:
+  std::chrono::duration<double> interval_;
+  std::function<Clock::time_point()> clock_;
+  std::optional<Clock::time_point> last_;  // none: the distant past
+  std::mutex mutex_;
+};
+
+class ScanEngine {
+ public:
+  using Progress = std::function<void(CleanCategory, const std::string&)>;
+  using Status = std::function<void(CleanCategory)>;
+  using Clock = std::function<Date()>;
+
+  ScanEngine(Paths paths, AppConfig config, Clock clock = [] { return std::chrono::system_clock::now(); });
+
+  // Runs the scanners of `categories` in parallel threads, all joined before returning; then
+  // de-duplicates through the safety policy. `progress` gets the scanners' reports, at most one
+  // per 0.09 s; `status` is called once per scanner when it finishes (both on worker threads).
+  std::vector<CategoryResult> scan(const std::set<CleanCategory>& categories,
+                                   const std::function<bool()>& isCancelled = nullptr,
+                                   const Progress& progress = nullptr, const Status& status = nullptr) const;
+
+  // The same with scanners of the caller's own (tests use it to feed the engine fixed findings).
+  std::vector<CategoryResult> run(std::vector<std::unique_ptr<JunkScanner>> scanners,
+                                  const std::function<bool()>& isCancelled = nullptr,
+                                  const Progress& progress = nullptr, const Status& status = nullptr) const;
+
+ private:
+  Paths paths_;
+  AppConfig config_;
+  Clock clock_;
+};
+
+// Claim rank of a category: system junk 1, personal files 2, developer 3, clutter and cloud 4, later 5.
+int claimRank(CleanCategory c);
+
+// Every path owned by exactly one category (higher rank wins; equal ranks go to the earlier
+// category), nothing below another listed path, nothing the policy blocks; items largest first,
+// results in category order.
+std::vector<CategoryResult> dedupe(std::vector<CategoryResult> results, const SafetyPolicy& policy);
+
+}  // namespace kestrel

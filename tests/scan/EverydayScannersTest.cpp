@@ -1,0 +1,346 @@
+// Everyday scanners: each filter at its boundary, the texts of every item, odd names and links.
+#include "core/scan/scanners/Scanners.h"
+
+#include "tests/support/ScratchHome.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <plist/plist++.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+
+namespace kestrel {
+namespace {
+
+using test::ScratchHome;
+
+std::vector<ScanItem> runScanner(CleanCategory category, const ScratchHome& h, Date now, AppConfig config = {}) {
+  auto scanners = ScannerRegistry::scanners({category});
+  EXPECT_EQ(scanners.size(), 1u);
+  const ScanContext context{h.paths(), config, now};
+  return scanners.front()->scan(context);
+}
+
+const ScanItem* find(const std::vector<ScanItem>& items, const fs::path& path) {
+  for (const auto& i : items)
+    if (i.id == path.string()) return &i;
+  return nullptr;
+}
+
+TEST(EverydayScanners, FiltersHoldAtTheirBoundaries) {
+  using C = CleanCategory;
+  const std::string mail = "Library/Containers/com.apple.mail/Data/Library/Mail Downloads/";
+  const std::string saved = "Library/Saved Application State/";
+  const double minute = 1.0 / 1440;
+  struct Case {
+    const char* name;
+    C category;
+    std::string child;  // the direct child the scanner may list
+    std::string inner;  // a file inside it (empty: the child itself is the file)
+    int64_t bytes;
+    double ageDays;     // of the child and, with ageInner, of the file inside
+    bool ageInner;
+    bool listed;
+  };
+  const Case cases[] = {
+      {"cache under 64 KiB", C::userCaches, "Library/Caches/com.small", "data", 60000, 2, true, false},
+      {"cache of exactly 64 KiB", C::userCaches, "Library/Caches/com.exact", "data", 65536, 2, true, true},
+      {"excluded cache", C::userCaches, "Library/Caches/Homebrew", "big", 200000, 2, true, false},
+      {"another excluded cache", C::userCaches, "Library/Caches/com.apple.bird", "big", 200000, 2, true, false},
+      {"cache written 59 minutes ago", C::userCaches, "Library/Caches/com.fresh", "d", 200000, 59 * minute, true, false},
+      {"cache written 61 minutes ago", C::userCaches, "Library/Caches/com.hour", "d", 200000, 61 * minute, true, true},
+      {"cache file", C::userCaches, "Library/Caches/loose.db", "", 70000, 2, false, true},
+      {"old log", C::logs, "Library/Logs/app.log", "", 10, 3.01, false, true},
+      {"log just under the age", C::logs, "Library/Logs/recent.log", "", 10, 2.99, false, false},
+      {"old log folder", C::logs, "Library/Logs/App", "old.log", 10, 5, true, true},
+      {"old folder, fresh log inside", C::logs, "Library/Logs/Busy", "new.log", 10, 5, false, false},
+      {"empty log", C::logs, "Library/Logs/empty.log", "", 0, 10, false, false},
+      {"crash reports are not logs", C::logs, "Library/Logs/DiagnosticReports", "a.ips", 10, 10, true, false},
+      {"own log folder", C::logs, "Library/Logs/orvo Kestrel", "agent.log", 10, 10, true, false},
+      {"crash report", C::crashReports, "Library/Logs/DiagnosticReports/a.ips", "", 10, 1, false, true},
+      {"empty crash report", C::crashReports, "Library/Logs/DiagnosticReports/e.ips", "", 0, 1, false, false},
+      {"fresh crash report", C::crashReports, "Library/Logs/DiagnosticReports/f.ips", "", 10, 0, false, false},
+      {"empty file in the Trash", C::trash, ".Trash/empty", "", 0, 0, false, true},
+      {"fresh file in the Trash", C::trash, ".Trash/fresh", "", 10, 0, false, true},
+      {"saved state 13 days old", C::savedAppState, saved + "a.savedState", "w.data", 10, 13, true, false},
+      {"saved state 15 days old", C::savedAppState, saved + "b.savedState", "w.data", 10, 15, true, true},
+      {"empty saved state", C::savedAppState, saved + "c.savedState", "", 0, 15, false, false},
+      {"attachment 6 days old", C::mailDownloads, mail + "A", "a.pdf", 10, 6, true, false},
+      {"attachment 8 days old", C::mailDownloads, mail + "B", "b.pdf", 10, 8, true, true},
+      {"installer in any case", C::installers, "Downloads/App.DMG", "", 10, 1, false, true},
+      {"package on the Desktop", C::installers, "Desktop/Tool.Pkg", "", 10, 1, false, true},
+      {"meta package", C::installers, "Downloads/Suite.mpkg", "Contents", 10, 1, true, true},
+      {"not an installer", C::installers, "Downloads/notes.txt", "", 10, 1, false, false},
+      {"installer being downloaded", C::installers, "Downloads/fresh.dmg", "", 10, 0, false, false},
+      {"empty installer", C::installers, "Downloads/empty.pkg", "", 0, 1, false, false},
+      {"download 181 days old", C::oldDownloads, "Downloads/old.zip", "", 10, 181, false, true},
+      {"download 179 days old", C::oldDownloads, "Downloads/recent.zip", "", 10, 179, false, false},
+      {"old installer is not an old download", C::oldDownloads, "Downloads/Old.DmG", "", 10, 400, false, false},
+      {"firmware", C::iosUpdates, "Library/iTunes/iPhone Software Updates/a.ipsw", "", 10, 1, false, true},
+      {"iPad firmware", C::iosUpdates, "Library/iTunes/iPad Software Updates/b.ipsw", "", 10, 1, false, true},
+      {"fresh firmware", C::iosUpdates, "Library/iTunes/iPod Software Updates/c.ipsw", "", 10, 0, false, false},
+      {"backup", C::iosBackups, "Library/Application Support/MobileSync/Backup/0a1b", "Manifest.db", 10, 1, true, true},
+      {"backup being written", C::iosBackups, "Library/Application Support/MobileSync/Backup/0a1c", "M", 10, 0, true, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome h;
+    const Date now = std::chrono::system_clock::now();
+    if (c.inner.empty()) {
+      h.file(c.child, c.bytes);
+    } else {
+      h.file(c.child + "/" + c.inner, c.bytes);
+      if (c.ageInner) h.age(c.child + "/" + c.inner, c.ageDays, now);
+    }
+    h.age(c.child, c.ageDays, now);
+    const auto items = runScanner(c.category, h, now);
+    EXPECT_EQ(find(items, h.path(c.child)) != nullptr, c.listed);
+    for (const auto& item : items) EXPECT_EQ(item.category, c.category);
+  }
+}
+
+TEST(EverydayScanners, ItemsCarryTheirTexts) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  AppConfig config;
+  config.logAgeDays = 5;
+  config.oldDownloadsDays = 30;
+  using C = CleanCategory;
+  struct Case {
+    C category;
+    std::string child;
+    Risk risk;
+    std::string reason;
+  };
+  const Case cases[] = {
+      {C::userCaches, "Library/Caches/com.app", Risk::safe, "App cache; rebuilt automatically when needed"},
+      {C::logs, "Library/Logs/a.log", Risk::safe, "Log files untouched for 5+ days"},
+      {C::crashReports, "Library/Logs/DiagnosticReports/a.ips", Risk::safe,
+       "Crash/diagnostic report already sent (or never needed)"},
+      {C::trash, ".Trash/old doc.txt", Risk::review, "Already in the Trash"},
+      {C::savedAppState, "Library/Saved Application State/com.app.savedState", Risk::safe,
+       "Window positions restored at launch; apps recreate it"},
+      {C::mailDownloads, "Library/Containers/com.apple.mail/Data/Library/Mail Downloads/X", Risk::safe,
+       "Copy of an attachment you opened; the original stays in Mail"},
+      {C::iosUpdates, "Library/iTunes/iPhone Software Updates/a.ipsw", Risk::safe,
+       "Firmware file; re-downloaded if ever needed"},
+      {C::iosUpdates,
+       "Library/Group Containers/K36BKF7T3D.group.com.apple.configurator/Library/Caches/Assets/TTU/"
+       "com.apple.itunes.ipsw/b.ipsw",
+       Risk::safe, "Cached firmware file"},
+      {C::installers, "Downloads/A.dmg", Risk::review,
+       "Installer disk image or package; the app is usually already installed"},
+      {C::oldDownloads, "Downloads/a.zip", Risk::review, "Not opened in 30+ days"},
+  };
+  for (const auto& c : cases) {
+    h.file(c.child, 70000);
+    h.age(c.child, 40, now);
+  }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.child);
+    const auto items = runScanner(c.category, h, now, config);
+    const ScanItem* item = find(items, h.path(c.child));
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(item->title, h.path(c.child).filename().string());
+    EXPECT_EQ(item->target, ItemTarget::forPath(h.path(c.child).string()));
+    EXPECT_EQ(item->risk, c.risk);
+    EXPECT_EQ(item->reason, c.reason);
+    EXPECT_GE(item->size, 70000);
+    ASSERT_TRUE(item->lastUsed);
+    EXPECT_LT(std::chrono::abs(*item->lastUsed - (now - std::chrono::hours(40 * 24))), std::chrono::seconds(1));
+  }
+}
+
+TEST(EverydayScanners, InstallersListDownloadsBeforeDesktop) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  for (const char* rel : {"Desktop/a.dmg", "Downloads/z.pkg", "Downloads/b.dmg"}) {
+    h.file(rel, 10);
+    h.age(rel, 2, now);
+  }
+  const auto items = runScanner(CleanCategory::installers, h, now);
+  ASSERT_EQ(items.size(), 3u);
+  EXPECT_EQ(items[0].title, "b.dmg");
+  EXPECT_EQ(items[1].title, "z.pkg");
+  EXPECT_EQ(items[2].title, "a.dmg");
+}
+
+TEST(EverydayScanners, TrashUsesTheModificationDate) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  h.file(".Trash/x", 10);
+  h.age(".Trash/x", 3, now);
+  // A later access must not count: the Trash shows when the item was last changed.
+  struct timespec ts[2] = {{static_cast<time_t>(Dates::unixSeconds(now)), 0}, {0, UTIME_OMIT}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, h.path(".Trash/x").c_str(), ts, AT_SYMLINK_NOFOLLOW), 0);
+  const auto items = runScanner(CleanCategory::trash, h, now);
+  ASSERT_EQ(items.size(), 1u);
+  ASSERT_TRUE(items[0].lastUsed);
+  EXPECT_LT(std::chrono::abs(*items[0].lastUsed - (now - std::chrono::hours(72))), std::chrono::seconds(1));
+}
+
+std::vector<char> bytesOf(const std::string& s) { return std::vector<char>(s.begin(), s.end()); }
+
+std::string plistXml(const std::string& dictBody) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + dictBody + "</dict></plist>\n";
+}
+
+std::vector<char> toBinary(const std::string& xml) {
+  std::unique_ptr<PList::Structure> s(PList::Structure::FromXml(xml));
+  return s ? s->ToBin() : std::vector<char>{};
+}
+
+TEST(EverydayScanners, BackupInfoFromXmlAndBinaryPropertyLists) {
+  // Dates are written as XML text: this libplist's Date-from-timeval constructor is broken.
+  const std::string xml = plistXml(
+      "<key>Display Name</key><string>Shown name</string><key>Device Name</key><string>Ada's iPhone</string>"
+      "<key>Last Backup Date</key><date>2002-01-01T00:00:00Z</date>");
+  const std::vector<char> binary = toBinary(xml);
+  ASSERT_GT(binary.size(), 8u);
+
+  PList::Dictionary displayOnly;
+  displayOnly.Set("Display Name", PList::String("iPad"));
+  struct Case {
+    const char* name;
+    std::vector<char> bytes;
+    bool parses;
+    std::optional<std::string> device;
+    bool hasDate;
+  };
+  const Case cases[] = {
+      {"xml", bytesOf(xml), true, "Ada's iPhone", true},
+      {"binary", binary, true, "Ada's iPhone", true},
+      {"display name only", bytesOf(displayOnly.ToXml()), true, "iPad", false},
+      {"garbage", bytesOf("not a property list"), false, std::nullopt, false},
+      {"empty", {}, false, std::nullopt, false},
+      {"an array", bytesOf(PList::Array().ToXml()), false, std::nullopt, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto info = parseBackupInfo(c.bytes);
+    ASSERT_EQ(info.has_value(), c.parses);
+    if (!info) continue;
+    EXPECT_EQ(info->deviceName, c.device);
+    ASSERT_EQ(info->lastBackup.has_value(), c.hasDate);
+    if (c.hasDate) {
+      EXPECT_EQ(*info->lastBackup, Dates::parseISO8601("2002-01-01T00:00:00Z"));
+    }
+  }
+}
+
+TEST(EverydayScanners, BackupItemsAreNamedAfterTheirDevice) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  // 2026-05-09T00:00:00Z is 800,000,000 s after 2001 minus 6,400 s.
+  const std::vector<char> binary = toBinary(
+      plistXml("<key>Device Name</key><string>Ada's iPhone</string>"
+               "<key>Last Backup Date</key><date>2026-05-09T00:00:00Z</date>"));
+  const std::string backups = "Library/Application Support/MobileSync/Backup/";
+  h.text(backups + "named/Info.plist", std::string(binary.begin(), binary.end()));
+  h.file(backups + "named/Manifest.db", 5000);
+  h.file(backups + "unnamed/Manifest.db", 5000);
+  h.age(backups + "named", 3, now);
+  h.age(backups + "unnamed", 3, now);
+  const auto items = runScanner(CleanCategory::iosBackups, h, now);
+  ASSERT_EQ(items.size(), 2u);
+  const ScanItem* named = find(items, h.path(backups + "named"));
+  const ScanItem* unnamed = find(items, h.path(backups + "unnamed"));
+  ASSERT_TRUE(named && unnamed);
+  EXPECT_EQ(named->title, "Ada's iPhone");
+  EXPECT_EQ(named->risk, Risk::caution);
+  EXPECT_EQ(named->reason.rfind("Device backup from ", 0), 0u);
+  EXPECT_NE(named->reason.find("2026-05-0"), std::string::npos) << named->reason;
+  EXPECT_EQ(named->lastUsed, Dates::parseISO8601("2026-05-09T00:00:00Z"));
+  EXPECT_EQ(unnamed->title, "unnamed");
+  const std::string tail = ". Keep at least one recent backup.";
+  EXPECT_EQ(unnamed->reason.substr(unnamed->reason.size() - tail.size()), tail);
+}
+
+TEST(EverydayScanners, OddNamesAndBrokenFoldersNeverLeaveTheFolder) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  const std::vector<std::string> names = {"with blank", "new\nline", std::string("bad\xff\xfe utf8"), "ünïcödé",
+                                          " leading", "-dash"};
+  for (const auto& n : names) {
+    h.file("Library/Caches/" + n + "/blob", 70000);
+    h.age("Library/Caches/" + n, 2, now);
+  }
+  h.link("Library/Caches/dangling", h.path("nowhere"));
+  h.link("Library/Caches/outlink", h.outside("big"));
+  h.file("Library/Caches/fifo-parent/blob", 70000);
+  h.age("Library/Caches/fifo-parent", 2, now);
+  ASSERT_EQ(::mkfifo(h.path("Library/Caches/fifo").c_str(), 0600), 0);
+  const auto items = runScanner(CleanCategory::userCaches, h, now);
+  ASSERT_EQ(items.size(), names.size() + 1);
+  for (const auto& item : items) {
+    EXPECT_EQ(fs::path(item.id).parent_path(), h.path("Library/Caches"));
+    EXPECT_NE(item.title, "dangling");
+    EXPECT_NE(item.title, "outlink");
+  }
+  for (const auto& n : names) EXPECT_NE(find(items, h.path("Library/Caches/" + n)), nullptr) << n;
+}
+
+TEST(EverydayScanners, LinksAndFilesWhereFoldersBelongYieldNothing) {
+  struct Case {
+    const char* name;
+    std::function<void(ScratchHome&)> setup;
+  };
+  const Case cases[] = {
+      {"cache folder is a file", [](ScratchHome& h) { h.file("Library/Caches", 100); }},
+      {"Library is a file", [](ScratchHome& h) { h.file("Library", 100); }},
+      {"Library links out of home",
+       [](ScratchHome& h) {
+         const fs::path out = h.outside("lib");
+         fs::create_directories(out / "Caches/com.app");
+         std::ofstream(out / "Caches/com.app/blob") << std::string(70000, 'x');
+         h.link("Library", out);
+       }},
+      {"cache folder links inside home",
+       [](ScratchHome& h) {
+         h.file("elsewhere/com.app/blob", 70000);
+         h.folder("Library");
+         h.link("Library/Caches", h.path("elsewhere"));
+       }},
+      {"home is empty", [](ScratchHome&) {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome h;
+    c.setup(h);
+    EXPECT_TRUE(runScanner(CleanCategory::userCaches, h, std::chrono::system_clock::now() + std::chrono::hours(48))
+                    .empty());
+  }
+}
+
+TEST(EverydayScanners, ScanningLeavesAccessTimesAlone) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  const std::string backup = "Library/Application Support/MobileSync/Backup/dev";
+  h.text(backup + "/Info.plist", PList::Dictionary().ToXml());
+  h.file("Library/Caches/com.app/sub/blob", 70000);
+  h.file("Library/Logs/App/old.log", 100);
+  for (const char* rel : {"Library/Caches/com.app/sub/blob", "Library/Caches/com.app/sub", "Library/Caches/com.app",
+                          "Library/Logs/App/old.log", "Library/Logs/App", "Library/Caches", "Library/Logs"})
+    h.age(rel, 10, now);
+  h.age(backup + "/Info.plist", 10, now);
+  h.age(backup, 10, now);
+  const auto atime = [&](const std::string& rel) {
+    struct stat st;
+    EXPECT_EQ(::lstat(h.path(rel).c_str(), &st), 0);
+    return std::pair(st.st_atim.tv_sec, st.st_atim.tv_nsec);
+  };
+  const std::vector<std::string> watched = {"Library/Caches/com.app", "Library/Caches/com.app/sub",
+                                            "Library/Logs/App", backup, backup + "/Info.plist", "Library/Caches"};
+  std::vector<std::pair<time_t, long>> before;
+  for (const auto& rel : watched) before.push_back(atime(rel));
+  for (CleanCategory c : {CleanCategory::userCaches, CleanCategory::logs, CleanCategory::iosBackups})
+    EXPECT_EQ(runScanner(c, h, now).size(), 1u) << rawValue(c);
+  for (size_t i = 0; i < watched.size(); ++i) EXPECT_EQ(atime(watched[i]), before[i]) << watched[i];
+}
+
+}  // namespace
+}  // namespace kestrel
