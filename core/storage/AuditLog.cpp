@@ -321,9 +321,15 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
     if (!fd) return;  // the records are lost; logging never stops the work it records
     struct stat st;
     if (::fstat(fd.get(), &st) == 0 && st.st_size > 0) {
+      // A writer killed mid-line leaves a torn record; never glue ours onto it. The write
+      // descriptor cannot read, so a second one looks, after checking it is the same file.
+      UniqueFd reader(::open(url_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+      struct stat rs;
       char last = '\n';
-      // A writer killed mid-line leaves a torn record; never glue ours onto it.
-      if (::pread(fd.get(), &last, 1, st.st_size - 1) == 1 && last != '\n') buffer.insert(buffer.begin(), '\n');
+      if (reader && ::fstat(reader.get(), &rs) == 0 && rs.st_dev == st.st_dev && rs.st_ino == st.st_ino &&
+          ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 && last != '\n') {
+        buffer.insert(buffer.begin(), '\n');
+      }
     }
     // One write per batch, so concurrent appenders never interleave inside a line. A short write
     // (a full disk) leaves a torn tail that readers skip and the next append steps over.
