@@ -301,7 +301,11 @@ std::optional<QuarantineSession> Quarantine::recoverLocked(const std::string& id
       // Recovery runs again on the next read; the state on disk is still one it can settle.
     }
   }
-  if (session->activeCount() == 0 && removeSessionFolderIfEmpty(id)) return std::nullopt;
+  // A session whose entries were all restored goes; a new one with no entries yet stays, since a
+  // clean may be about to add to it.
+  if (!session->entries.empty() && session->activeCount() == 0 && removeSessionFolderIfEmpty(id)) {
+    return std::nullopt;
+  }
   return session;
 }
 
