@@ -216,7 +216,7 @@ TEST(SafeRemove, VeryDeepTreeFailsCleanlyWithBoundedDescriptors) {
 struct RaceFixture {
   ScratchHome h;
   fs::path app, blob, outside;
-  static constexpr int kFiles = 40;
+  static constexpr int kFiles = 100;
 
   RaceFixture() {
     app = h.path("Library/Caches/app");
@@ -258,6 +258,7 @@ struct RaceFixture {
   bool round(std::mt19937& rng, Remove remove) {
     populate();
     std::atomic<bool> stop{false};
+    std::atomic<int> cycles{0};
     const unsigned seed = static_cast<unsigned>(rng());
     std::thread attacker([&, seed] {
       std::mt19937 local(seed);
@@ -275,8 +276,11 @@ struct RaceFixture {
         std::this_thread::sleep_for(std::chrono::microseconds(local() % 100));
         ::unlink(victim.c_str());
         (void)::rename(moved.c_str(), victim.c_str());
+        cycles.fetch_add(1, std::memory_order_relaxed);
       }
     });
+    // Start only once the attacker is swapping, so every round is a real race.
+    while (cycles.load(std::memory_order_relaxed) == 0) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::microseconds(rng() % 200));
     remove();
     stop = true;
