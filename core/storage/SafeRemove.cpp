@@ -221,7 +221,12 @@ class Walk {
       if (errno == ENOENT) return {RemoveResult::Status::missing, {}, rootParentPath_ / name};
       return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()), rootParentPath_ / name};
     }
-    rootDev_ = st.st_dev;
+    // The parent's device: a root item that is itself a mount point is another device already.
+    struct stat parent;
+    if (::fstat(rootParentFd_, &parent) != 0) {
+      return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()), rootParentPath_};
+    }
+    rootDev_ = parent.st_dev;
     Frame pseudo;  // stands for the root item's parent
     pseudo.fd = rootParentFd_;
     stack_.push_back(std::move(pseudo));

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -161,6 +162,45 @@ TEST(SafeRemove, ParentHandleBindsTheOpenedFolder) {
   EXPECT_EQ(SafeFS::renameNoReplace(from, fresh), 0);
   EXPECT_EQ(fs::file_size(h.path("c/new/two")), 1u);
   EXPECT_EQ(fs::file_size(h.path("b/one")), 2u);
+}
+
+// A scratch file system mounted for the length of a test (needs the right to mount).
+class ScopedMount {
+ public:
+  explicit ScopedMount(const fs::path& at) : at_(at) {
+    fs::create_directories(at);
+    mounted_ = ::mount("kestrel-test", at.c_str(), "tmpfs", 0, "size=1m") == 0;
+  }
+  ~ScopedMount() {
+    if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+
+ private:
+  fs::path at_;
+  bool mounted_ = false;
+};
+
+TEST(SafeRemove, NeverCrossesOntoAnotherDevice) {
+  ScratchHome h;
+  h.file("Library/Caches/app/junk", 3);
+  ScopedMount mount(h.path("Library/Caches/app/mnt"));
+  if (!mount.mounted()) GTEST_SKIP() << "cannot mount a scratch file system here";
+  writeFile(h.path("Library/Caches/app/mnt/other-volume"), "keep");
+  SafeRemover remover(h.home());
+  struct Case {
+    const char* rel;
+  };
+  const Case cases[] = {{"Library/Caches/app"}, {"Library/Caches/app/mnt"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rel);
+    RemoveResult r = remover.remove(h.path(c.rel));
+    EXPECT_EQ(r.status, Status::refused) << r.message();
+    EXPECT_EQ(r.error, std::make_error_code(std::errc::cross_device_link));
+    EXPECT_EQ(r.where, h.path("Library/Caches/app/mnt"));
+    EXPECT_EQ(test::readText(h.path("Library/Caches/app/mnt/other-volume")), "keep");
+  }
+  EXPECT_FALSE(lexists(h.path("Library/Caches/app/junk")));
 }
 
 // Builds `depth` nested folders "d" under `dir` without ever holding more than two descriptors.
