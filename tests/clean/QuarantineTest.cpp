@@ -45,7 +45,16 @@ TEST(Quarantine, BeginSessionWritesTheManifestAndItsFolders) {
   EXPECT_EQ(manifest, "{\n  \"createdAt\" : \"2026-03-01T09:30:00Z\",\n  \"entries\" : [\n\n  ],\n"
                       "  \"expiresAt\" : \"2026-03-08T09:30:00Z\",\n  \"id\" : \"" + s.id + "\",\n"
                       "  \"trigger\" : {\n    \"schedule\" : {\n      \"ruleName\" : \"Nightly\"\n    }\n  }\n}");
-  EXPECT_NE(q.beginSession(TriggerSource::manual(), 7, kNow).id, s.id);
+  // Listing is newest first; a fresh session with no entries yet is listed, not tidied away.
+  const QuarantineSession newer = q.beginSession(TriggerSource::manual(), 7, kNow + std::chrono::hours(1));
+  const QuarantineSession older = q.beginSession(TriggerSource::manual(), 7, kNow - std::chrono::hours(1));
+  EXPECT_NE(newer.id, s.id);
+  const auto listed = q.sessions();
+  ASSERT_EQ(listed.size(), 3u);
+  EXPECT_EQ(listed[0].id, newer.id);
+  EXPECT_EQ(listed[1], s);
+  EXPECT_EQ(listed[2].id, older.id);
+  EXPECT_EQ(listed[1].trigger.label(), "Schedule: Nightly");
 }
 
 TEST(Quarantine, EntryAndSessionJsonRoundTripAndIgnoreUnknownKeys) {
