@@ -1,0 +1,72 @@
+// Audit log: the append-only JSON-lines record of every removal, move and restore.
+#pragma once
+
+#include "core/scan/ScanModel.h"
+#include "core/schedule/ScheduleRule.h"
+#include "core/storage/Dates.h"
+#include "core/storage/Json.h"
+#include "core/storage/Paths.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kestrel {
+
+struct AuditEntry {
+  std::string id;  // upper-case UUID text
+  Date date{};     // persisted to whole seconds
+  std::string action;  // "delete", "trash", "command", "purge", "quarantine", "restore", …
+  std::string target;
+  int64_t size = 0;
+  std::optional<CleanCategory> category;
+  TriggerSource trigger;
+  bool success = true;
+  std::optional<std::string> message;
+
+  // A record with a fresh id.
+  static AuditEntry make(Date date, std::string action, std::string target, int64_t size,
+                         std::optional<CleanCategory> category, TriggerSource trigger, bool success,
+                         std::optional<std::string> message = std::nullopt);
+  bool operator==(const AuditEntry&) const = default;
+};
+
+Json toJson(const AuditEntry& e);
+// Strict: DecodeError for a missing or ill-typed required key.
+AuditEntry auditEntryFromJson(const Json& j);
+// One line of the log; nothing when it is blank, too long or does not decode.
+std::optional<AuditEntry> decodeAuditLine(std::string_view line);
+
+// The log file "audit.jsonl" in the support folder. Appends from several threads are serialised;
+// appends from several processes are whole lines through O_APPEND and one write per batch.
+class AuditLog {
+ public:
+  // Longer lines are skipped without being decoded.
+  static constexpr size_t kMaxLine = 1 << 20;
+
+  explicit AuditLog(const Paths& paths) : url_(paths.auditFile()) {}
+
+  const std::filesystem::path& url() const { return url_; }
+
+  // Adds the records at the end of the file, creating it and its folder when needed. Never
+  // throws: a log that cannot be written loses the records.
+  void append(const std::vector<AuditEntry>& entries) noexcept;
+  // The last `limit` readable records, newest first. Reads the file from the end in blocks, so a
+  // small limit costs little on a long log.
+  std::vector<AuditEntry> recent(size_t limit) const;
+  // Bytes freed over the life of the log: successful "delete", "trash", "command" and "purge"
+  // records. Streams the file in fixed-size blocks.
+  int64_t lifetimeFreed() const;
+
+ private:
+  std::filesystem::path url_;
+  std::unique_ptr<std::mutex> lock_ = std::make_unique<std::mutex>();
+};
+
+}  // namespace kestrel
