@@ -1,6 +1,7 @@
 // The outcome of one clean: bytes freed by kind, failures, protected skips and deferred admin items.
 #pragma once
 
+#include "core/clean/CleanFailure.h"
 #include "core/storage/Json.h"
 
 #include <cstdint>
@@ -9,12 +10,6 @@
 #include <vector>
 
 namespace kestrel {
-
-struct CleanFailure {
-  std::string itemID;
-  std::string message;
-  bool operator==(const CleanFailure&) const = default;
-};
 
 struct CleanReport {
   int64_t freedBytes = 0;

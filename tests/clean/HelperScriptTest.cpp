@@ -3,6 +3,7 @@
 // uniquely named folder under /Library/Caches (removed afterwards).
 #include "core/clean/AdminCommand.h"
 #include "core/clean/PrivilegedSession.h"
+#include "tests/support/AllowedRoot.h"
 #include "tests/support/ScratchHome.h"
 
 #include <fcntl.h>
@@ -239,29 +240,6 @@ TEST(HelperScript, KillRefusesInitItselfAndOddSignals) {
   EXPECT_TRUE(waitFor([&] { return ::waitpid(ns, &status, WNOHANG) == ns; }, 10));
 }
 
-// An allowed root's scratch folder: /Library/Caches/kestrel-test-<random>, created and removed
-// by the test itself.
-class AllowedRoot {
- public:
-  AllowedRoot() {
-    createdCaches_ = !fs::exists("/Library/Caches");
-    createdLibrary_ = !fs::exists("/Library");
-    dir_ = fs::path("/Library/Caches") / ("kestrel-test-" + randomHexToken(12));
-    fs::create_directories(dir_);
-  }
-  ~AllowedRoot() {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);  // our own uniquely named test folder
-    if (createdCaches_) fs::remove("/Library/Caches", ec);
-    if (createdLibrary_) fs::remove("/Library", ec);
-  }
-  const fs::path& dir() const { return dir_; }
-
- private:
-  fs::path dir_;
-  bool createdCaches_ = false, createdLibrary_ = false;
-};
-
 void writeFile(const fs::path& p, const std::string& text = "x") {
   fs::create_directories(p.parent_path());
   std::ofstream(p) << text;
@@ -270,7 +248,7 @@ void writeFile(const fs::path& p, const std::string& text = "x") {
 TEST(HelperScript, RemovesOnlyWhatThePathRulesAllow) {
   if (::geteuid() != 0) GTEST_SKIP() << "RM cases need root to use an allowed system location";
   ScratchHome h;
-  AllowedRoot root;
+  test::AllowedRoot root;
   const fs::path canary = h.outside("canary");
   writeFile(canary / "keep", "precious");
   writeFile(h.root() / "outside" / "victim", "precious");
