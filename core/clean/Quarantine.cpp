@@ -214,11 +214,16 @@ QuarantineSession Quarantine::beginSession(const TriggerSource& trigger, int64_t
 
 void Quarantine::add(const fs::path& item, int64_t size, CleanCategory category, QuarantineSession& session) {
   checkSessionID(session.id);
+  add(SafeFS::openParent(Anchor::forPath(paths_.home(), item), item), size, category, session);
+}
+
+void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory category, QuarantineSession& session) {
+  checkSessionID(session.id);
+  const fs::path item = parent.itemPath();
   Lock lock(*lock_, paths_);
   const fs::path itemsPath = sessionDir(session.id) / kItems;
   const Anchor home = Anchor::open(paths_.home());
   UniqueFd itemsFd = SafeFS::openFolder(home, itemsPath, /*createMissing=*/true);
-  ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), item), item);
 
   auto identity = identityAt(parent.fd.get(), parent.name.c_str());
   if (!identity) throwErrno(errno, "quarantine " + item.string());

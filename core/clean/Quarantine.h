@@ -96,6 +96,9 @@ class Quarantine {
   // Moves `item` into the session and records it; `session` is updated to the saved manifest.
   // Throws QuarantineAddError for another volume (the item stays), or the file system's error.
   void add(const fs::path& item, int64_t size, CleanCategory category, QuarantineSession& session);
+  // The same for an item whose parent the caller already opened (and checked) from an anchor, so
+  // the object moved is the one the caller judged.
+  void add(const ParentDir& parent, int64_t size, CleanCategory category, QuarantineSession& session);
   // Writes the session's manifest atomically; throws the file system's error.
   void save(const QuarantineSession& session);
   // Puts back the session's active entries (only those named in `entryIDs` when given), never

@@ -32,7 +32,7 @@ std::optional<Date> parseISO8601(std::string_view text);
 std::string description(Date d);
 
 // Local wall-clock text in the named zone (empty: the machine's zone). Supported patterns:
-// "yyyyMMdd-HHmmss", "yyyy-MM-dd", "HH:mm".
+// "yyyyMMdd-HHmmss", "yyyy-MM-dd", "yyyy-MM-ddTHH:mm:ss", "h.mm.ss a" (12-hour, AM/PM), "HH:mm".
 std::string local(Date d, std::string_view pattern, const std::string& zone = "");
 
 }  // namespace Dates

@@ -1,0 +1,301 @@
+// Cleaner: per-target dispatch, the path disposal with its policy binding, the admin step.
+#include "core/clean/Cleaner.h"
+
+#include "core/clean/CloudFiles.h"
+#include "core/platform/Trash.h"
+#include "core/storage/FS.h"
+#include "core/uninstall/Explain.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+
+namespace kestrel {
+
+namespace fs = std::filesystem;
+
+struct Cleaner::Pass {
+  const TriggerSource& trigger;
+  bool dryRun;
+  std::optional<Disposal> disposalOverride;
+  Date now;
+  CleanReport report;
+  std::vector<AuditEntry> audit;
+  std::optional<QuarantineSession> session;
+  std::vector<ScanItem> adminItems;
+};
+
+namespace {
+
+void addChecked(int64_t& total, int64_t amount) {
+  if (__builtin_add_overflow(total, amount, &total)) total = INT64_MAX;  // a report figure: saturate
+}
+
+}  // namespace
+
+bool Cleaner::isPermissionError(const std::error_code& ec) {
+  return ec == std::errc::permission_denied || ec == std::errc::operation_not_permitted;
+}
+
+Cleaner::Cleaner(Paths paths, AppConfig config) : Cleaner(std::move(paths), std::move(config), Services{}) {}
+
+Cleaner::Cleaner(Paths paths, AppConfig config, Services services)
+    : paths_(paths),
+      config_(std::move(config)),
+      policy_(paths, config_.protectedPaths),
+      quarantine_(paths),
+      audit_(paths),
+      remover_(paths.home()),
+      services_(std::move(services)) {
+  if (!services_.runCommand) services_.runCommand = [](const std::string& e, const std::vector<std::string>& a, double t) {
+    return Shell::run(e, a, t);
+  };
+  if (!services_.evict) services_.evict = [p = paths_](const fs::path& url) { CloudEvictor::evict(url, p); };
+  if (!services_.session) services_.session = &PrivilegedSession::shared(paths_);
+  if (!services_.queue) services_.queue = &AdminQueue::shared();
+  if (!services_.now) services_.now = [] { return std::chrono::system_clock::now(); };
+}
+
+CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSource& trigger, bool dryRun,
+                           std::optional<Disposal> disposalOverride, const Progress& progress) {
+  Pass pass{trigger, dryRun, disposalOverride, services_.now(), {}, {}, {}, {}};
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (progress) progress(i, items.size());
+    const ScanItem& item = items[i];
+    try {
+      switch (item.target.kind) {
+        case ItemTarget::Kind::command: {
+          ++pass.report.itemsProcessed;
+          if (dryRun) break;
+          const auto& spec = item.target.command;
+          const Shell::Result r = services_.runCommand(spec.executable, spec.arguments, 600);
+          const std::string message = r.stderr.empty() ? "exit " + std::to_string(r.status) : r.stderr;
+          if (r.ok()) addChecked(pass.report.freedBytes, item.size);
+          else pass.report.failures.push_back({item.id, message});
+          pass.audit.push_back(AuditEntry::make(pass.now, "command", spec.display(), item.size, item.category,
+                                                trigger, r.ok(), r.ok() ? std::nullopt : std::optional(message)));
+          break;
+        }
+        case ItemTarget::Kind::adminPath:
+          pass.adminItems.push_back(item);
+          break;
+        case ItemTarget::Kind::evict: {
+          const std::string& path = item.target.pathValue;
+          const Verdict v = policy_.check(path);
+          if (v.isBlocked()) {
+            pass.report.skippedProtected.push_back(path);
+            if (!dryRun) pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, trigger, false, v.text));
+            break;
+          }
+          addChecked(pass.report.evictedBytes, item.size);
+          ++pass.report.itemsProcessed;
+          if (dryRun) break;
+          services_.evict(path);
+          pass.audit.push_back(AuditEntry::make(pass.now, "evict", path, item.size, item.category, trigger, true));
+          break;
+        }
+        case ItemTarget::Kind::path:
+          disposePath(item, item.target.pathValue, pass);
+          break;
+      }
+    } catch (const std::exception& e) {
+      pass.report.failures.push_back({item.id, e.what()});
+      if (!dryRun && item.path())
+        pass.audit.push_back(AuditEntry::make(pass.now, "fail", *item.path(), item.size, item.category, trigger, false, e.what()));
+    }
+  }
+  if (progress) progress(items.size(), items.size());
+  if (!dryRun) runAdminStep(pass);
+  if (pass.session) pass.report.quarantineSessionID = pass.session->id;
+  if (!dryRun) audit_.append(pass.audit);
+  return pass.report;
+}
+
+void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pass& pass) {
+  const Verdict verdict = policy_.check(givenPath);
+  if (verdict.isBlocked() || verdict.kind == Verdict::Kind::syncedCloud) {
+    // A synced cloud folder offers only eviction: removing the file there would delete it everywhere.
+    const std::string reason = verdict.isBlocked() ? verdict.text : "In " + verdict.text + "; only eviction is offered";
+    pass.report.skippedProtected.push_back(givenPath);
+    if (!pass.dryRun)
+      pass.audit.push_back(AuditEntry::make(pass.now, "skip", givenPath, item.size, item.category, pass.trigger, false, reason));
+    return;
+  }
+  if (verdict.kind == Verdict::Kind::needsAdmin) {
+    ScanItem admin = item;
+    admin.target = ItemTarget::forAdminPath(givenPath);
+    pass.adminItems.push_back(admin);
+    return;
+  }
+
+  std::string path = SafetyPolicy::normalize(givenPath, paths_.home());
+  struct stat st;
+  if (::lstat(path.c_str(), &st) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) {
+      pass.report.failures.push_back({item.id, "couldn't be read (the drive it's on may be offline)"});
+      return;
+    }
+    // An evicted cloud file leaves only its placeholder; that is what there is to remove.
+    const fs::path p(path);
+    const fs::path placeholder = p.parent_path() / ("." + p.filename().string() + ".icloud");
+    if (::lstat(placeholder.c_str(), &st) != 0) {
+      if (!pass.dryRun)
+        pass.audit.push_back(AuditEntry::make(pass.now, "gone", path, 0, item.category, pass.trigger, true));
+      return;
+    }
+    path = placeholder.string();
+  }
+
+  const Disposal disposal = pass.disposalOverride.value_or(config_.disposal(item.category));
+  if (pass.dryRun) {
+    switch (disposal) {
+      case Disposal::quarantine: addChecked(pass.report.quarantinedBytes, item.size); break;
+      case Disposal::trash: addChecked(pass.report.trashedBytes, item.size); break;
+      case Disposal::delete_: addChecked(pass.report.freedBytes, item.size); break;
+    }
+    ++pass.report.itemsProcessed;
+    return;
+  }
+
+  auto setAsideOnPermission = [&](const std::error_code& ec) {
+    if (!isPermissionError(ec)) return false;
+    const Verdict again = policy_.check(path);
+    if (again.isBlocked()) return false;
+    ScanItem admin = item;
+    admin.target = ItemTarget::forAdminPath(path);
+    pass.adminItems.push_back(admin);
+    return true;
+  };
+
+  if (CloudFiles::isDataless(path)) {
+    CloudFiles::remove(path, 4);
+    addChecked(pass.report.freedBytes, item.size);
+    ++pass.report.itemsProcessed;
+    pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
+    return;
+  }
+
+  try {
+    // Open the parent from a trusted folder without following any link, then judge what was
+    // actually opened: a folder swapped or moved since the check above is refused here.
+    ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), path), path);
+    std::string opened = path;
+    if (const auto real = parent.realPath()) {
+      opened = (*real / parent.name).string();
+      // A home reached through a link is judged under the name the policy knows it by.
+      const std::string resolvedHome = SafetyPolicy::resolveLinks(paths_.home().string());
+      if (resolvedHome != paths_.home().string() && isAtOrUnder(opened, resolvedHome))
+        opened = paths_.home().string() + opened.substr(resolvedHome.size());
+    }
+    const Verdict bound = policy_.check(opened);
+    if (bound.kind != verdict.kind) {
+      const std::string reason = bound.isBlocked() ? bound.text : "The folder changed while cleaning";
+      pass.report.skippedProtected.push_back(path);
+      pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
+      return;
+    }
+
+    switch (disposal) {
+      case Disposal::quarantine:
+        if (!pass.session) {
+          pass.session = quarantine_.beginSession(pass.trigger, config_.quarantineRetentionDays, pass.now);
+        }
+        quarantine_.add(parent, item.size, item.category, *pass.session);
+        addChecked(pass.report.quarantinedBytes, item.size);
+        break;
+      case Disposal::trash:
+        platform::moveToTrash(paths_, parent, pass.now);
+        addChecked(pass.report.trashedBytes, item.size);
+        break;
+      case Disposal::delete_: {
+        const RemoveResult r = remover_.removeEntry(parent);
+        if (!r.ok()) {
+          if (setAsideOnPermission(r.error)) return;
+          r.throwIfFailed();
+        }
+        addChecked(pass.report.freedBytes, item.size);
+        break;
+      }
+    }
+    if (identityAt(parent.fd.get(), parent.name.c_str())) {
+      throw CleanerError::stillThere(parent.name);
+    }
+  } catch (const QuarantineAddError& e) {
+    pass.report.failures.push_back({item.id, e.what()});
+    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
+                                          pass.trigger, false, e.what()));
+    return;
+  } catch (const std::system_error& e) {
+    if (setAsideOnPermission(e.code())) return;
+    pass.report.failures.push_back({item.id, e.what()});
+    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
+                                          pass.trigger, false, e.what()));
+    return;
+  } catch (const CleanerError& e) {
+    pass.report.failures.push_back({item.id, e.what()});
+    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
+                                          pass.trigger, false, e.what()));
+    return;
+  }
+  ++pass.report.itemsProcessed;
+  pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
+                                        pass.trigger, true));
+}
+
+void Cleaner::runAdminStep(Pass& pass) {
+  if (pass.adminItems.empty()) return;
+  std::vector<ScanItem> allowed;
+  for (const auto& item : pass.adminItems) {
+    const std::string path = *item.path();
+    const Verdict v = policy_.check(path);
+    if (v.isBlocked() || v.kind == Verdict::Kind::syncedCloud) {
+      pass.report.skippedProtected.push_back(path);
+      pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false,
+                                            v.isBlocked() ? v.text : "In " + v.text));
+      continue;
+    }
+    allowed.push_back(item);
+  }
+  if (allowed.empty()) return;
+  if (config_.queueAdminRemovals) {
+    for (const auto& item : allowed) {
+      services_.queue->enqueue(item);
+      ++pass.report.deferredAdmin;
+      pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size, item.category, pass.trigger,
+                                            true, "needs admin — queued"));
+    }
+    return;
+  }
+  std::vector<std::string> paths;
+  for (const auto& item : allowed) paths.push_back(*item.path());
+  const Shell::Result r = AdminRunner::remove(*services_.session, paths);
+  const std::string output = r.ok() ? "" : (r.stderr.empty() ? r.stdout : r.stderr);
+  for (const auto& item : allowed) {
+    const std::string path = *item.path();
+    if (FS::exists(path)) {
+      const std::string message = "Could not remove " + path + ": " + UninstallService::explain(path, output);
+      pass.report.failures.push_back({item.id, message});
+      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, false, message));
+    } else {
+      addChecked(pass.report.freedBytes, item.size);
+      ++pass.report.itemsProcessed;
+      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
+    }
+  }
+}
+
+std::vector<CleanFailure> Cleaner::restore(const std::string& sessionID, const std::optional<std::set<std::string>>& entryIDs) {
+  auto activeBytes = [&] {
+    for (const auto& s : quarantine_.sessions())
+      if (s.id == sessionID) return s.totalSize();
+    return int64_t{0};
+  };
+  const int64_t before = activeBytes();
+  auto failures = quarantine_.restore(sessionID, entryIDs);
+  const int64_t restored = before - activeBytes();
+  audit_.append({AuditEntry::make(services_.now(), "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
+                                  failures.empty(), failures.empty() ? std::nullopt : std::optional(failures.front().message))});
+  return failures;
+}
+
+}  // namespace kestrel

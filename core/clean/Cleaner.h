@@ -1,0 +1,83 @@
+// Cleaner: disposes of chosen items (quarantine, Trash, delete, command, eviction, admin batch),
+// re-checking every path against the safety policy right before it is touched, and audits it all.
+#pragma once
+
+#include "core/clean/AdminQueue.h"
+#include "core/clean/CleanReport.h"
+#include "core/clean/PrivilegedSession.h"
+#include "core/clean/Quarantine.h"
+#include "core/scan/SafetyPolicy.h"
+#include "core/scan/ScanModel.h"
+#include "core/schedule/ScheduleRule.h"
+#include "core/storage/AppConfig.h"
+#include "core/storage/AuditLog.h"
+#include "core/storage/SafeRemove.h"
+#include "core/storage/Shell.h"
+
+#include <functional>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace kestrel {
+
+// A removal that reported success while the item stayed.
+class CleanerError : public std::runtime_error {
+ public:
+  enum class Kind { stillThere };
+  static CleanerError stillThere(const std::string& name) {
+    return CleanerError(name + " reported success but is still on disk — the drive may be read-only");
+  }
+  Kind kind() const { return Kind::stillThere; }
+
+ private:
+  explicit CleanerError(const std::string& text) : std::runtime_error(text) {}
+};
+
+class Cleaner {
+ public:
+  // Seams for tests; every default is the real thing.
+  struct Services {
+    std::function<Shell::Result(const std::string&, const std::vector<std::string>&, double)> runCommand;
+    std::function<void(const std::filesystem::path&)> evict;
+    PrivilegedSession* session = nullptr;  // default: the shared session of this home
+    AdminQueue* queue = nullptr;           // default: the shared queue
+    std::function<Date()> now;
+  };
+  using Progress = std::function<void(size_t done, size_t total)>;
+
+  Cleaner(Paths paths, AppConfig config);
+  Cleaner(Paths paths, AppConfig config, Services services);
+
+  // Handles every item in order and never throws: each problem becomes a CleanFailure. A dry run
+  // touches nothing, opens no quarantine session, writes no audit records, and reports what it
+  // would free (path items by their disposal, evictions as evicted bytes).
+  CleanReport clean(const std::vector<ScanItem>& items, const TriggerSource& trigger, bool dryRun,
+                    std::optional<Disposal> disposalOverride, const Progress& progress = nullptr);
+
+  // Restores a quarantine session (or the given entries) and audits it as "restore". Per-entry
+  // problems are returned; throws when the session cannot be read.
+  std::vector<CleanFailure> restore(const std::string& sessionID,
+                                    const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
+
+  // Permission denied or operation not permitted.
+  static bool isPermissionError(const std::error_code& ec);
+
+ private:
+  struct Pass;
+  void disposePath(const ScanItem& item, const std::string& path, Pass& pass);
+  void runAdminStep(Pass& pass);
+
+  Paths paths_;
+  AppConfig config_;
+  SafetyPolicy policy_;
+  Quarantine quarantine_;
+  AuditLog audit_;
+  SafeRemover remover_;
+  Services services_;
+};
+
+}  // namespace kestrel
