@@ -1,11 +1,17 @@
 // Schedule rules: JSON forms, summaries, the default rule set and the rules file.
 #include "core/schedule/ScheduleRule.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 #include <utility>
 
 #include "core/storage/JSONStore.h"
+#include "core/storage/UniqueFd.h"
 #include "core/storage/Uuid.h"
 
 namespace kestrel {
@@ -374,6 +380,29 @@ std::vector<ScheduleRule> RuleStore::load(Date now) const {
 
 void RuleStore::save(const std::vector<ScheduleRule>& rules) const {
   JSONStore::save(toJson(rules), paths_.rulesFile());
+}
+
+std::vector<ScheduleRule> RuleStore::update(
+    const std::function<void(std::vector<ScheduleRule>&)>& change, Date now) const {
+  std::error_code ec;
+  fs::create_directories(paths_.supportDir(), ec);  // a failure shows in open below
+  // The lock file is never removed: two updaters must always lock the same file.
+  const fs::path lockPath = paths_.supportFile("rules.json.lock");
+  UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!lock) {
+    const int err = errno;
+    throw std::system_error(err, std::generic_category(), "open " + lockPath.string());
+  }
+  while (::flock(lock.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      const int err = errno;
+      throw std::system_error(err, std::generic_category(), "lock " + lockPath.string());
+    }
+  }
+  std::vector<ScheduleRule> rules = load(now);
+  change(rules);
+  save(rules);
+  return rules;
 }
 
 }  // namespace kestrel

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -125,6 +126,11 @@ class RuleStore {
   std::vector<ScheduleRule> load(Date now = std::chrono::system_clock::now()) const;
   // Atomic, durable replace of the file; throws the write's error.
   void save(const std::vector<ScheduleRule>& rules) const;
+  // Read-modify-write under an exclusive lock on "rules.json.lock" beside the file, so the agent
+  // and the app never lose each other's changes: loads (defaults when unreadable), lets `change`
+  // edit the list, saves it. Blocks while another updater holds the lock; throws like save().
+  std::vector<ScheduleRule> update(const std::function<void(std::vector<ScheduleRule>&)>& change,
+                                   Date now = std::chrono::system_clock::now()) const;
 
  private:
   Paths paths_;

@@ -1,5 +1,7 @@
 // Schedule rules: JSON forms and strict decoding, summaries, defaults, the rules file, UUID text.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <regex>
 #include <set>
@@ -294,6 +296,40 @@ TEST(RuleStore, SaveReplacesTheFileAndRoundTrips) {
   ScratchHome blocked;
   blocked.file("Library/Application Support", 1);
   EXPECT_ANY_THROW(RuleStore(blocked.paths()).save(rules));
+}
+
+TEST(RuleStore, ConcurrentUpdatesFromSeveralProcessesLoseNothing) {
+  ScratchHome h;
+  RuleStore(h.paths()).save({});
+  constexpr int kProcesses = 4, kEach = 25;
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      RuleStore store(h.paths());
+      for (int i = 0; i < kEach; ++i) {
+        store.update([&](std::vector<ScheduleRule>& rules) {
+          rules.push_back(ScheduleRule::make("p" + std::to_string(p) + "-" + std::to_string(i),
+                                             ScheduleTrigger::everyHours(1), {CleanCategory::logs},
+                                             kNow));
+        });
+      }
+      ::_exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const auto rules = RuleStore(h.paths()).load(kNow);
+  std::set<std::string> names;
+  for (const auto& r : rules) names.insert(r.name);
+  EXPECT_EQ(rules.size(), static_cast<size_t>(kProcesses * kEach));
+  EXPECT_EQ(names.size(), static_cast<size_t>(kProcesses * kEach));
+  EXPECT_TRUE(fs::exists(h.paths().supportFile("rules.json.lock")));
 }
 
 TEST(Uuid, MakesVersionFourUpperCaseAndParsesStrictly) {
