@@ -1,18 +1,19 @@
-// Benchmark: lifetimeFreed over a long audit log (time and peak memory), against decoding every line.
+// Benchmark: lifetimeFreed over a long audit log (time and peak memory), against decoding every
+// line.
 //
 //   audit_lifetime generate HOME N   writes N records to HOME's audit log
 //   audit_lifetime stream HOME       AuditLog::lifetimeFreed (streams the file)
 //   audit_lifetime naive HOME        reads the whole file and fully decodes every line
 // Each measuring mode prints: mode, total, seconds, peak RSS in KiB.
-#include "core/storage/AuditLog.h"
-#include "core/storage/JSONStore.h"
-
 #include <sys/resource.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "core/storage/AuditLog.h"
+#include "core/storage/JSONStore.h"
 
 using namespace kestrel;
 
@@ -26,18 +27,21 @@ long peakRssKiB() {
 
 void generate(const Paths& paths, long n) {
   AuditLog log(paths);
-  static const char* kActions[] = {"delete", "trash", "quarantine", "purge", "restore", "command", "delete", "trash"};
+  static const char* kActions[] = {"delete",  "trash",   "quarantine", "purge",
+                                   "restore", "command", "delete",     "trash"};
   const Date base = Dates::fromUnixSeconds(1700000000);
   std::vector<AuditEntry> batch;
   for (long i = 0; i < n; ++i) {
     const char* action = kActions[i % 8];
-    TriggerSource trigger = i % 3 == 0 ? TriggerSource::schedule("Weekly deep clean")
-                                       : i % 3 == 1 ? TriggerSource::manual() : TriggerSource::uninstall("Photo Tool");
-    batch.push_back(AuditEntry::make(base + std::chrono::seconds(i), action,
-                                     "/Users/someone/Library/Caches/com.example.app" + std::to_string(i % 97) +
-                                         "/Cache Data/é-file " + std::to_string(i),
-                                     1000 + (i % 5000) * 4096, CleanCategory::userCaches, trigger, i % 11 != 0,
-                                     i % 11 == 0 ? std::optional<std::string>("Operation not permitted") : std::nullopt));
+    TriggerSource trigger = i % 3 == 0   ? TriggerSource::schedule("Weekly deep clean")
+                            : i % 3 == 1 ? TriggerSource::manual()
+                                         : TriggerSource::uninstall("Photo Tool");
+    batch.push_back(AuditEntry::make(
+        base + std::chrono::seconds(i), action,
+        "/Users/someone/Library/Caches/com.example.app" + std::to_string(i % 97) +
+            "/Cache Data/é-file " + std::to_string(i),
+        1000 + (i % 5000) * 4096, CleanCategory::userCaches, trigger, i % 11 != 0,
+        i % 11 == 0 ? std::optional<std::string>("Operation not permitted") : std::nullopt));
     if (batch.size() == 5000) {
       log.append(batch);
       batch.clear();
@@ -55,7 +59,9 @@ int64_t naive(const Paths& paths) {
     size_t nl = text->find('\n', start);
     if (nl == std::string::npos) nl = text->size();
     auto e = decodeAuditLine(std::string_view(*text).substr(start, nl - start));
-    if (e && e->success && (e->action == "delete" || e->action == "trash" || e->action == "command" || e->action == "purge")) {
+    if (e && e->success &&
+        (e->action == "delete" || e->action == "trash" || e->action == "command" ||
+         e->action == "purge")) {
       __builtin_add_overflow(total, e->size, &total);
     }
     start = nl + 1;
@@ -85,8 +91,9 @@ int main(int argc, char** argv) {
   } else {
     return 2;
   }
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  std::printf("%s total=%lld seconds=%.3f peakRssKiB=%ld\n", mode.c_str(), static_cast<long long>(total), seconds,
-              peakRssKiB());
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::printf("%s total=%lld seconds=%.3f peakRssKiB=%ld\n", mode.c_str(),
+              static_cast<long long>(total), seconds, peakRssKiB());
   return 0;
 }

@@ -1,14 +1,6 @@
 // Quarantine store: sessions, manifests, crash-safe moves in and out, restore and purge.
 #include "core/clean/Quarantine.h"
 
-#include "core/platform/Durability.h"
-#include "core/platform/FileStat.h"
-#include "core/platform/SafeFiles.h"
-#include "core/storage/FS.h"
-#include "core/storage/JSONStore.h"
-#include "core/storage/UniqueFd.h"
-#include "core/storage/Uuid.h"
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -17,6 +9,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "core/platform/Durability.h"
+#include "core/platform/FileStat.h"
+#include "core/platform/SafeFiles.h"
+#include "core/storage/FS.h"
+#include "core/storage/JSONStore.h"
+#include "core/storage/UniqueFd.h"
+#include "core/storage/Uuid.h"
 
 namespace kestrel {
 namespace {
@@ -34,7 +34,8 @@ constexpr int64_t kAdoptedRetentionDays = 7;
 
 // A session id names one folder directly inside the quarantine, nothing else.
 void checkSessionID(const std::string& id) {
-  if (id.empty() || id == "." || id == ".." || id.find('/') != std::string::npos || id.find('\0') != std::string::npos) {
+  if (id.empty() || id == "." || id == ".." || id.find('/') != std::string::npos ||
+      id.find('\0') != std::string::npos) {
     throwErrno(EINVAL, "Not a quarantine session: " + id);
   }
 }
@@ -64,7 +65,8 @@ int64_t QuarantineSession::totalSize() const {
 }
 
 int64_t QuarantineSession::activeCount() const {
-  return std::count_if(entries.begin(), entries.end(), [](const QuarantineEntry& e) { return !e.restored; });
+  return std::count_if(entries.begin(), entries.end(),
+                       [](const QuarantineEntry& e) { return !e.restored; });
 }
 
 Json toJson(const QuarantineEntry& e) {
@@ -97,7 +99,8 @@ QuarantineEntry quarantineEntryFromJson(const Json& j) {
   e.moving = state != j.end() && state->is_string() && state->get<std::string>() == "moving";
   auto dev = j.find("dev"), ino = j.find("ino");
   if (dev != j.end() && ino != j.end() && dev->is_number_unsigned() && ino->is_number_unsigned()) {
-    e.identity = FileIdentity{static_cast<dev_t>(dev->get<uint64_t>()), static_cast<ino_t>(ino->get<uint64_t>())};
+    e.identity = FileIdentity{static_cast<dev_t>(dev->get<uint64_t>()),
+                              static_cast<ino_t>(ino->get<uint64_t>())};
   }
   auto orphan = j.find("orphan");
   e.orphan = orphan != j.end() && orphan->is_boolean() && orphan->get<bool>();
@@ -124,7 +127,8 @@ QuarantineSession quarantineSessionFromJson(const Json& j) {
   QuarantineSession s;
   s.id = JsonDecode::string(j, "id");
   for (const char* key : {"createdAt", "expiresAt", "trigger", "entries"}) {
-    if (j.find(key) == j.end()) throw DecodeError(std::string("No value associated with key ") + key);
+    if (j.find(key) == j.end())
+      throw DecodeError(std::string("No value associated with key ") + key);
   }
   s.createdAt = dateFromJson(j.at("createdAt"), DateForm::iso8601);
   s.expiresAt = dateFromJson(j.at("expiresAt"), DateForm::iso8601);
@@ -138,12 +142,14 @@ QuarantineSession quarantineSessionFromJson(const Json& j) {
 // ---- Errors ---------------------------------------------------------------------------------
 
 QuarantineAddError QuarantineAddError::differentVolume(const std::string& name) {
-  return {Kind::differentVolume,
-          name + " is on another drive \xE2\x80\x94 quarantining it would copy the whole file onto this Mac"};
+  return {Kind::differentVolume, name +
+                                     " is on another drive \xE2\x80\x94 quarantining it would copy "
+                                     "the whole file onto this Mac"};
 }
 
 QuarantineError QuarantineError::destinationExists(const std::string& path) {
-  return {Kind::destinationExists, "Something already exists at " + path + ". Move it first, then restore."};
+  return {Kind::destinationExists,
+          "Something already exists at " + path + ". Move it first, then restore."};
 }
 
 QuarantineError QuarantineError::missing(const std::string& path) {
@@ -162,9 +168,15 @@ class Quarantine::Lock {
     fs::create_directories(paths.quarantineDir(), ec);  // a failure shows in open below
     const fs::path file = paths.quarantineDir() / kLockName;
     fd_.reset(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd_) throwErrno(errno, "open " + file.string());
+    if (!fd_) {
+      const int err = errno;  // read before building the message
+      throwErrno(err, "open " + file.string());
+    }
     while (::flock(fd_.get(), LOCK_EX) != 0) {
-      if (errno != EINTR) throwErrno(errno, "lock " + file.string());
+      if (errno != EINTR) {
+        const int err = errno;  // read before building the message
+        throwErrno(err, "lock " + file.string());
+      }
     }
   }
 
@@ -198,7 +210,8 @@ void Quarantine::save(const QuarantineSession& session) {
   saveLocked(session);
 }
 
-QuarantineSession Quarantine::beginSession(const TriggerSource& trigger, int64_t retentionDays, Date now) {
+QuarantineSession Quarantine::beginSession(const TriggerSource& trigger, int64_t retentionDays,
+                                           Date now) {
   QuarantineSession s;
   s.id = Dates::local(now, "yyyyMMdd-HHmmss") + "-" + Uuid::make().substr(0, 6);
   s.createdAt = now;
@@ -212,7 +225,8 @@ QuarantineSession Quarantine::beginSession(const TriggerSource& trigger, int64_t
   return s;
 }
 
-void Quarantine::add(const fs::path& item, int64_t size, CleanCategory category, QuarantineSession& session) {
+void Quarantine::add(const fs::path& item, int64_t size, CleanCategory category,
+                     QuarantineSession& session) {
   checkSessionID(session.id);
   add(SafeFS::openParent(Anchor::forPath(paths_.home(), item), item), size, category, session);
 }
@@ -226,7 +240,10 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
   UniqueFd itemsFd = SafeFS::openFolder(home, itemsPath, /*createMissing=*/true);
 
   auto identity = identityAt(parent.fd.get(), parent.name.c_str());
-  if (!identity) throwErrno(errno, "quarantine " + item.string());
+  if (!identity) {
+    const int err = errno;
+    throwErrno(err, "quarantine " + item.string());
+  }
   if (volumeOf_) {
     auto a = volumeOf_(item.parent_path()), b = volumeOf_(itemsPath);
     if (a && b && *a != *b) throw QuarantineAddError::differentVolume(parent.name);
@@ -239,7 +256,8 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
     }
   }
 
-  // Another process may have changed the manifest since the caller read it: build on the disk's copy.
+  // Another process may have changed the manifest since the caller read it: build on the disk's
+  // copy.
   QuarantineSession current = readManifest(session.id).value_or(session);
   QuarantineEntry entry;
   entry.originalPath = item.string();
@@ -254,7 +272,8 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
   saveLocked(current);  // nothing has moved if this throws
 
   // 2. Move, never over anything.
-  const int err = platform::renameNoReplace(parent.fd.get(), parent.name.c_str(), itemsFd.get(), entry.storedName.c_str());
+  const int err = platform::renameNoReplace(parent.fd.get(), parent.name.c_str(), itemsFd.get(),
+                                            entry.storedName.c_str());
   if (err != 0) {
     current.entries.pop_back();
     try {
@@ -316,7 +335,8 @@ std::optional<QuarantineSession> Quarantine::recoverLocked(const std::string& id
 
 void Quarantine::adoptOrphans(QuarantineSession& session, int itemsFd, bool& changed) {
   std::vector<std::string> names;
-  platform::readDirectory(itemsFd, [&](const char* name, platform::EntryType) { names.emplace_back(name); });
+  platform::readDirectory(itemsFd,
+                          [&](const char* name, platform::EntryType) { names.emplace_back(name); });
   std::sort(names.begin(), names.end());
   for (const auto& name : names) {
     const bool known = std::any_of(session.entries.begin(), session.entries.end(),
@@ -348,19 +368,21 @@ bool Quarantine::removeSessionFolderIfEmpty(const std::string& id) {
   std::vector<std::string> temps;
   platform::readDirectory(sessionFd.get(), [&](const char* name, platform::EntryType type) {
     const std::string n = name;
-    if (type != platform::EntryType::directory && n.starts_with(".manifest.json.") && n.ends_with(".tmp")) {
+    if (type != platform::EntryType::directory && n.starts_with(".manifest.json.") &&
+        n.ends_with(".tmp")) {
       temps.push_back(n);
     }
   });
   for (const auto& t : temps) ::unlinkat(sessionFd.get(), t.c_str(), 0);
   sessionFd.reset();
-  if (::unlinkat(quarantineFd.get(), id.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) return false;
+  if (::unlinkat(quarantineFd.get(), id.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT)
+    return false;
   syncBestEffort(quarantineFd.get());
   return true;
 }
 
-std::vector<CleanFailure> Quarantine::restore(const std::string& sessionID,
-                                              const std::optional<std::set<std::string>>& entryIDs) {
+std::vector<CleanFailure> Quarantine::restore(
+    const std::string& sessionID, const std::optional<std::set<std::string>>& entryIDs) {
   checkSessionID(sessionID);
   Lock lock(*lock_, paths_);
   if (!readManifest(sessionID)) throwErrno(ENOENT, "No readable quarantine session " + sessionID);
@@ -380,13 +402,15 @@ std::vector<CleanFailure> Quarantine::restore(const std::string& sessionID,
     }
     try {
       const fs::path destination(e.originalPath);
-      ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), destination), destination,
-                                            /*createMissing=*/true);
+      ParentDir parent =
+          SafeFS::openParent(Anchor::forPath(paths_.home(), destination), destination,
+                             /*createMissing=*/true);
       if (identityAt(parent.fd.get(), parent.name.c_str())) {
         failures.push_back({e.id(), QuarantineError::destinationExists(e.originalPath).what()});
         continue;
       }
-      const int err = platform::renameNoReplace(itemsFd.get(), e.storedName.c_str(), parent.fd.get(), parent.name.c_str());
+      const int err = platform::renameNoReplace(itemsFd.get(), e.storedName.c_str(),
+                                                parent.fd.get(), parent.name.c_str());
       if (err == EEXIST) {
         failures.push_back({e.id(), QuarantineError::destinationExists(e.originalPath).what()});
         continue;
@@ -428,7 +452,9 @@ std::vector<QuarantineSession> Quarantine::sessions() {
     if (s) out.push_back(std::move(*s));
   }
   std::stable_sort(out.begin(), out.end(),
-                   [](const QuarantineSession& a, const QuarantineSession& b) { return a.createdAt > b.createdAt; });
+                   [](const QuarantineSession& a, const QuarantineSession& b) {
+                     return a.createdAt > b.createdAt;
+                   });
   return out;
 }
 
@@ -473,10 +499,12 @@ int64_t Quarantine::purgeExpired(Date now) {
       UniqueFd itemsFd(platform::openDirectory((child / kItems).c_str()));
       bool holdsItems = false;
       if (itemsFd) {
-        platform::readDirectory(itemsFd.get(), [&](const char*, platform::EntryType) { holdsItems = true; });
+        platform::readDirectory(itemsFd.get(),
+                                [&](const char*, platform::EntryType) { holdsItems = true; });
       }
       if (!holdsItems) {
-        (void)remover_.remove(Anchor::open(paths_.home()), child);  // errors ignored: tried again next time
+        (void)remover_.remove(Anchor::open(paths_.home()),
+                              child);  // errors ignored: tried again next time
         continue;
       }
       // A folder that lost its manifest but still holds items: adopt them instead of deleting.

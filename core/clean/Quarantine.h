@@ -1,14 +1,6 @@
 // Quarantine store: sessions, manifests, crash-safe moves in and out, restore and purge.
 #pragma once
 
-#include "core/clean/CleanFailure.h"
-#include "core/scan/ScanModel.h"
-#include "core/schedule/ScheduleRule.h"
-#include "core/storage/Dates.h"
-#include "core/storage/Json.h"
-#include "core/storage/Paths.h"
-#include "core/storage/SafeRemove.h"
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -19,6 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "core/clean/CleanFailure.h"
+#include "core/scan/ScanModel.h"
+#include "core/schedule/ScheduleRule.h"
+#include "core/storage/Dates.h"
+#include "core/storage/Json.h"
+#include "core/storage/Paths.h"
+#include "core/storage/SafeRemove.h"
+
 namespace kestrel {
 
 struct QuarantineEntry {
@@ -28,9 +28,9 @@ struct QuarantineEntry {
   CleanCategory category = CleanCategory::userCaches;
   bool restored = false;
   // Bookkeeping that makes moves crash-safe (extra manifest keys other readers ignore):
-  bool moving = false;                  // "state":"moving" while the move may be under way
+  bool moving = false;                   // "state":"moving" while the move may be under way
   std::optional<FileIdentity> identity;  // "dev"/"ino" of the item, kept by the move
-  bool orphan = false;                  // found in "items" without an entry, adopted on recovery
+  bool orphan = false;                   // found in "items" without an entry, adopted on recovery
 
   const std::string& id() const { return storedName; }
   bool operator==(const QuarantineEntry&) const = default;
@@ -91,7 +91,8 @@ class Quarantine {
 
   explicit Quarantine(Paths paths, VolumeOf volumeOf = nullptr);
 
-  // A new empty session with its "items" folder and manifest on disk; throws the file system's error.
+  // A new empty session with its "items" folder and manifest on disk; throws the file system's
+  // error.
   QuarantineSession beginSession(const TriggerSource& trigger, int64_t retentionDays, Date now);
   // Moves `item` into the session and records it; `session` is updated to the saved manifest.
   // Throws QuarantineAddError for another volume (the item stays), or the file system's error.
@@ -104,8 +105,9 @@ class Quarantine {
   // Puts back the session's active entries (only those named in `entryIDs` when given), never
   // over anything. Per-item problems are returned; the session folder goes when nothing is left
   // in it. Throws when the session's manifest cannot be read.
-  std::vector<CleanFailure> restore(const std::string& sessionID,
-                                    const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
+  std::vector<CleanFailure> restore(
+      const std::string& sessionID,
+      const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
   // Readable sessions, newest first. Never fails; settles interrupted moves first.
   std::vector<QuarantineSession> sessions();
   int64_t totalSize();

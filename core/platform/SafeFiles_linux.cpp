@@ -1,6 +1,4 @@
 // Descriptor-relative renames, descriptor paths and random bytes on Linux.
-#include "core/platform/SafeFiles.h"
-
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/random.h>
@@ -10,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+
+#include "core/platform/SafeFiles.h"
 
 namespace kestrel::platform {
 

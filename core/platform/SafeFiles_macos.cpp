@@ -1,6 +1,4 @@
 // Descriptor-relative renames, descriptor paths and random bytes on macOS.
-#include "core/platform/SafeFiles.h"
-
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "core/platform/SafeFiles.h"
 
 namespace kestrel::platform {
 

@@ -1,32 +1,46 @@
 // Schedule rules: JSON forms, summaries, the default rule set and the rules file.
 #include "core/schedule/ScheduleRule.h"
 
-#include "core/storage/JSONStore.h"
-#include "core/storage/Uuid.h"
+#include <fcntl.h>
+#include <sys/file.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 #include <utility>
+
+#include "core/storage/JSONStore.h"
+#include "core/storage/UniqueFd.h"
+#include "core/storage/Uuid.h"
 
 namespace kestrel {
 namespace {
 
-constexpr std::array<const char*, 7> kTriggerCases = {
-    "daily", "weekly", "monthly", "everyHours", "diskFreeBelowPercent", "diskFreeBelowGB", "forecastFullWithinDays"};
+constexpr std::array<const char*, 7> kTriggerCases = {"daily",
+                                                      "weekly",
+                                                      "monthly",
+                                                      "everyHours",
+                                                      "diskFreeBelowPercent",
+                                                      "diskFreeBelowGB",
+                                                      "forecastFullWithinDays"};
 
 constexpr std::array<const char*, 7> kWeekdayNames = {"Sunday",   "Monday", "Tuesday", "Wednesday",
                                                       "Thursday", "Friday", "Saturday"};
 
 const char* caseName(ScheduleTrigger::Kind k) { return kTriggerCases[static_cast<size_t>(k)]; }
 
-// An enumeration object: exactly one key, which must be one of `names`; returns its index and payload.
-std::pair<size_t, const Json*> singleCase(const Json& j, const char* const* names, size_t count, const char* what) {
+// An enumeration object: exactly one key, which must be one of `names`; returns its index and
+// payload.
+std::pair<size_t, const Json*> singleCase(const Json& j, const char* const* names, size_t count,
+                                          const char* what) {
   if (!j.is_object()) throw DecodeError(std::string("Expected an object for ") + what);
   if (j.size() != 1) throw DecodeError("Invalid number of keys found, expected one.");
   const auto it = j.begin();
   for (size_t i = 0; i < count; ++i) {
     if (it.key() == names[i]) {
-      if (!it.value().is_object()) throw DecodeError(std::string("Expected an object for case ") + names[i]);
+      if (!it.value().is_object())
+        throw DecodeError(std::string("Expected an object for case ") + names[i]);
       return {i, &it.value()};
     }
   }
@@ -35,7 +49,8 @@ std::pair<size_t, const Json*> singleCase(const Json& j, const char* const* name
 
 std::string clock(int64_t hour, int64_t minute) {
   char buf[48];
-  std::snprintf(buf, sizeof buf, "%02lld:%02lld", static_cast<long long>(hour), static_cast<long long>(minute));
+  std::snprintf(buf, sizeof buf, "%02lld:%02lld", static_cast<long long>(hour),
+                static_cast<long long>(minute));
   return buf;
 }
 
@@ -58,9 +73,12 @@ Date requiredDate(const Json& obj, const char* key) {
 
 std::string TriggerSource::label() const {
   switch (kind) {
-    case Kind::manual: return "Manual";
-    case Kind::schedule: return "Schedule: " + name;
-    case Kind::uninstall: return "Uninstall: " + name;
+    case Kind::manual:
+      return "Manual";
+    case Kind::schedule:
+      return "Schedule: " + name;
+    case Kind::uninstall:
+      return "Uninstall: " + name;
   }
   return "Manual";
 }
@@ -130,8 +148,9 @@ std::string ScheduleTrigger::summary() const {
       return "Every day at " + clock(hour, minute);
     case Kind::weekly: {
       // A weekday outside 1…7 never matches a date; say what the file holds rather than guess.
-      const std::string dayName = weekday >= 1 && weekday <= 7 ? kWeekdayNames[static_cast<size_t>(weekday - 1)]
-                                                               : "weekday " + std::to_string(weekday);
+      const std::string dayName = weekday >= 1 && weekday <= 7
+                                      ? kWeekdayNames[static_cast<size_t>(weekday - 1)]
+                                      : "weekday " + std::to_string(weekday);
       return "Every " + dayName + " at " + clock(hour, minute);
     }
     case Kind::monthly:
@@ -148,8 +167,8 @@ std::string ScheduleTrigger::summary() const {
   return {};
 }
 
-ScheduleRule ScheduleRule::make(std::string name, ScheduleTrigger trigger, std::vector<CleanCategory> categories,
-                                Date now) {
+ScheduleRule ScheduleRule::make(std::string name, ScheduleTrigger trigger,
+                                std::vector<CleanCategory> categories, Date now) {
   ScheduleRule r;
   r.id = Uuid::make();
   r.name = std::move(name);
@@ -162,27 +181,31 @@ ScheduleRule ScheduleRule::make(std::string name, ScheduleTrigger trigger, std::
 std::vector<ScheduleRule> ScheduleRule::defaults(Date now) {
   using C = CleanCategory;
   std::vector<ScheduleRule> rules;
-  ScheduleRule weekly = make("Weekly deep clean", ScheduleTrigger::weekly(1, 3, 0),
-                             {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads, C::iosUpdates},
-                             now);
+  ScheduleRule weekly = make(
+      "Weekly deep clean", ScheduleTrigger::weekly(1, 3, 0),
+      {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads, C::iosUpdates},
+      now);
   weekly.conditions.minIdleMinutes = 10;
   rules.push_back(std::move(weekly));
 
-  ScheduleRule developer = make("Developer junk", ScheduleTrigger::weekly(7, 4, 0),
-                                {C::xcode, C::simulators, C::packageCaches, C::projectArtifacts}, now);
+  ScheduleRule developer =
+      make("Developer junk", ScheduleTrigger::weekly(7, 4, 0),
+           {C::xcode, C::simulators, C::packageCaches, C::projectArtifacts}, now);
   developer.conditions.minIdleMinutes = 10;
   developer.conditions.skipIfAppsRunning = {"com.apple.dt.Xcode"};
   rules.push_back(std::move(developer));
 
   // The emergency rule runs on battery and while the Mac is in use, on purpose.
-  ScheduleRule emergency = make("Low disk emergency", ScheduleTrigger::diskFreeBelowPercent(10.0),
-                                {C::userCaches, C::xcode, C::packageCaches, C::logs, C::trash}, now);
+  ScheduleRule emergency =
+      make("Low disk emergency", ScheduleTrigger::diskFreeBelowPercent(10.0),
+           {C::userCaches, C::xcode, C::packageCaches, C::logs, C::trash}, now);
   emergency.conditions.requireACPower = false;
   rules.push_back(std::move(emergency));
 
   // Ships switched off on purpose: forecasts are only as good as the history behind them.
-  ScheduleRule forecast = make("Stay ahead of a full disk", ScheduleTrigger::forecastFullWithinDays(14),
-                               {C::userCaches, C::xcode, C::simulators, C::packageCaches}, now);
+  ScheduleRule forecast =
+      make("Stay ahead of a full disk", ScheduleTrigger::forecastFullWithinDays(14),
+           {C::userCaches, C::xcode, C::simulators, C::packageCaches}, now);
   forecast.enabled = false;
   rules.push_back(std::move(forecast));
   return rules;
@@ -190,9 +213,12 @@ std::vector<ScheduleRule> ScheduleRule::defaults(Date now) {
 
 Json toJson(const TriggerSource& t) {
   switch (t.kind) {
-    case TriggerSource::Kind::manual: return Json{{"manual", Json::object()}};
-    case TriggerSource::Kind::schedule: return Json{{"schedule", Json{{"ruleName", t.name}}}};
-    case TriggerSource::Kind::uninstall: return Json{{"uninstall", Json{{"appName", t.name}}}};
+    case TriggerSource::Kind::manual:
+      return Json{{"manual", Json::object()}};
+    case TriggerSource::Kind::schedule:
+      return Json{{"schedule", Json{{"ruleName", t.name}}}};
+    case TriggerSource::Kind::uninstall:
+      return Json{{"uninstall", Json{{"appName", t.name}}}};
   }
   return Json{{"manual", Json::object()}};
 }
@@ -201,9 +227,12 @@ TriggerSource triggerSourceFromJson(const Json& j) {
   static constexpr const char* kCases[] = {"schedule", "uninstall", "manual"};
   auto [index, payload] = singleCase(j, kCases, 3, "TriggerSource");
   switch (index) {
-    case 0: return TriggerSource::schedule(JsonDecode::string(*payload, "ruleName"));
-    case 1: return TriggerSource::uninstall(JsonDecode::string(*payload, "appName"));
-    default: return TriggerSource::manual();
+    case 0:
+      return TriggerSource::schedule(JsonDecode::string(*payload, "ruleName"));
+    case 1:
+      return TriggerSource::uninstall(JsonDecode::string(*payload, "appName"));
+    default:
+      return TriggerSource::manual();
   }
 }
 
@@ -232,7 +261,8 @@ Json toJson(const ScheduleTrigger& t) {
 }
 
 ScheduleTrigger scheduleTriggerFromJson(const Json& j) {
-  auto [index, payload] = singleCase(j, kTriggerCases.data(), kTriggerCases.size(), "ScheduleTrigger");
+  auto [index, payload] =
+      singleCase(j, kTriggerCases.data(), kTriggerCases.size(), "ScheduleTrigger");
   const Json& p = *payload;
   using K = ScheduleTrigger::Kind;
   switch (static_cast<K>(index)) {
@@ -342,11 +372,37 @@ std::vector<ScheduleRule> scheduleRulesFromJson(const Json& j) {
 }
 
 std::vector<ScheduleRule> RuleStore::load(Date now) const {
-  auto rules = JSONStore::load<std::vector<ScheduleRule>>(paths_.rulesFile(), scheduleRulesFromJson);
+  auto rules =
+      JSONStore::load<std::vector<ScheduleRule>>(paths_.rulesFile(), scheduleRulesFromJson);
   if (!rules) return ScheduleRule::defaults(now);
   return std::move(*rules);
 }
 
-void RuleStore::save(const std::vector<ScheduleRule>& rules) const { JSONStore::save(toJson(rules), paths_.rulesFile()); }
+void RuleStore::save(const std::vector<ScheduleRule>& rules) const {
+  JSONStore::save(toJson(rules), paths_.rulesFile());
+}
+
+std::vector<ScheduleRule> RuleStore::update(
+    const std::function<void(std::vector<ScheduleRule>&)>& change, Date now) const {
+  std::error_code ec;
+  fs::create_directories(paths_.supportDir(), ec);  // a failure shows in open below
+  // The lock file is never removed: two updaters must always lock the same file.
+  const fs::path lockPath = paths_.supportFile("rules.json.lock");
+  UniqueFd lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+  if (!lock) {
+    const int err = errno;
+    throw std::system_error(err, std::generic_category(), "open " + lockPath.string());
+  }
+  while (::flock(lock.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) {
+      const int err = errno;
+      throw std::system_error(err, std::generic_category(), "lock " + lockPath.string());
+    }
+  }
+  std::vector<ScheduleRule> rules = load(now);
+  change(rules);
+  save(rules);
+  return rules;
+}
 
 }  // namespace kestrel

@@ -1,15 +1,17 @@
-// Schedule rules: triggers, conditions, why a clean happened, the default rule set and the rules file.
+// Schedule rules: triggers, conditions, why a clean happened, the default rule set and the rules
+// file.
 #pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "core/scan/ScanModel.h"
 #include "core/storage/Dates.h"
 #include "core/storage/Json.h"
 #include "core/storage/Paths.h"
-
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace kestrel {
 
@@ -20,8 +22,12 @@ struct TriggerSource {
   std::string name;  // the rule's name (schedule) or the app's name (uninstall)
 
   static TriggerSource manual() { return {}; }
-  static TriggerSource schedule(std::string ruleName) { return {Kind::schedule, std::move(ruleName)}; }
-  static TriggerSource uninstall(std::string appName) { return {Kind::uninstall, std::move(appName)}; }
+  static TriggerSource schedule(std::string ruleName) {
+    return {Kind::schedule, std::move(ruleName)};
+  }
+  static TriggerSource uninstall(std::string appName) {
+    return {Kind::uninstall, std::move(appName)};
+  }
 
   // Display text for listings: "Manual", "Schedule: " + rule, "Uninstall: " + app.
   std::string label() const;
@@ -30,7 +36,15 @@ struct TriggerSource {
 
 // When a rule fires. Calendar cases use hour/minute (and weekday or day); the others one payload.
 struct ScheduleTrigger {
-  enum class Kind { daily, weekly, monthly, everyHours, diskFreeBelowPercent, diskFreeBelowGB, forecastFullWithinDays };
+  enum class Kind {
+    daily,
+    weekly,
+    monthly,
+    everyHours,
+    diskFreeBelowPercent,
+    diskFreeBelowGB,
+    forecastFullWithinDays
+  };
   Kind kind = Kind::daily;
   int64_t hour = 0;
   int64_t minute = 0;
@@ -79,7 +93,8 @@ struct ScheduleRule {
 
   // A new enabled rule with a fresh id: mains power required, no battery or idle minimum, no
   // applications, a 6-hour cooldown, safe items only, notifying, not a dry run, created `now`.
-  static ScheduleRule make(std::string name, ScheduleTrigger trigger, std::vector<CleanCategory> categories, Date now);
+  static ScheduleRule make(std::string name, ScheduleTrigger trigger,
+                           std::vector<CleanCategory> categories, Date now);
   // The four shipped rules, built anew (fresh ids, created `now`) on every call.
   static std::vector<ScheduleRule> defaults(Date now);
 
@@ -111,6 +126,11 @@ class RuleStore {
   std::vector<ScheduleRule> load(Date now = std::chrono::system_clock::now()) const;
   // Atomic, durable replace of the file; throws the write's error.
   void save(const std::vector<ScheduleRule>& rules) const;
+  // Read-modify-write under an exclusive lock on "rules.json.lock" beside the file, so the agent
+  // and the app never lose each other's changes: loads (defaults when unreadable), lets `change`
+  // edit the list, saves it. Blocks while another updater holds the lock; throws like save().
+  std::vector<ScheduleRule> update(const std::function<void(std::vector<ScheduleRule>&)>& change,
+                                   Date now = std::chrono::system_clock::now()) const;
 
  private:
   Paths paths_;

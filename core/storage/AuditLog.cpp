@@ -1,10 +1,6 @@
 // Audit log: whole-line appends through O_APPEND, tolerant reads, and a streaming lifetime total.
 #include "core/storage/AuditLog.h"
 
-#include "core/platform/Durability.h"
-#include "core/storage/UniqueFd.h"
-#include "core/storage/Uuid.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +9,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+
+#include "core/platform/Durability.h"
+#include "core/storage/UniqueFd.h"
+#include "core/storage/Uuid.h"
 
 namespace kestrel {
 namespace {
@@ -41,8 +41,17 @@ class QuickReader {
 
   // Nothing means unsure.
   std::optional<QuickRecord> read() {
-    enum : unsigned { kId = 1, kDate = 2, kAction = 4, kTarget = 8, kSize = 16, kCategory = 32, kTrigger = 64,
-                      kSuccess = 128, kMessage = 256 };
+    enum : unsigned {
+      kId = 1,
+      kDate = 2,
+      kAction = 4,
+      kTarget = 8,
+      kSize = 16,
+      kCategory = 32,
+      kTrigger = 64,
+      kSuccess = 128,
+      kMessage = 256
+    };
     unsigned seen = 0;
     QuickRecord r;
     ws();
@@ -123,7 +132,9 @@ class QuickReader {
     return true;
   }
   void ws() {
-    while (pos_ < s_.size() && (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\r' || s_[pos_] == '\n')) ++pos_;
+    while (pos_ < s_.size() &&
+           (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\r' || s_[pos_] == '\n'))
+      ++pos_;
   }
   bool literal(std::string_view word) {
     if (s_.substr(pos_, word.size()) != word) return false;
@@ -146,7 +157,8 @@ class QuickReader {
     }
     return false;
   }
-  // Any valid string: simple escapes and well-formed UTF-8 (\u escapes are left to the full decoder).
+  // Any valid string: simple escapes and well-formed UTF-8 (\u escapes are left to the full
+  // decoder).
   bool anyString() {
     if (!eat('"')) return false;
     while (pos_ < s_.size()) {
@@ -222,7 +234,8 @@ class QuickReader {
   // The three forms the writer produces, without blanks.
   bool trigger() {
     if (literal("{\"manual\":{}}")) return true;
-    for (std::string_view head : {std::string_view("{\"schedule\":{\"ruleName\":"), std::string_view("{\"uninstall\":{\"appName\":")}) {
+    for (std::string_view head : {std::string_view("{\"schedule\":{\"ruleName\":"),
+                                  std::string_view("{\"uninstall\":{\"appName\":")}) {
       if (literal(head)) return anyString() && literal("}}");
     }
     return false;
@@ -233,7 +246,8 @@ class QuickReader {
 };
 
 bool isBlank(std::string_view line) {
-  return std::all_of(line.begin(), line.end(), [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
+  return std::all_of(line.begin(), line.end(),
+                     [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
 }
 
 // Adds a line's bytes to `total` when it is a counted, successful record.
@@ -257,15 +271,16 @@ void countLine(std::string_view line, int64_t& total) {
 }  // namespace
 
 AuditEntry AuditEntry::make(Date date, std::string action, std::string target, int64_t size,
-                            std::optional<CleanCategory> category, TriggerSource trigger, bool success,
-                            std::optional<std::string> message) {
-  return {Uuid::make(),     date,     std::move(action), std::move(target), size, category, std::move(trigger),
-          success, std::move(message)};
+                            std::optional<CleanCategory> category, TriggerSource trigger,
+                            bool success, std::optional<std::string> message) {
+  return {Uuid::make(),       date,    std::move(action), std::move(target), size, category,
+          std::move(trigger), success, std::move(message)};
 }
 
 Json toJson(const AuditEntry& e) {
-  Json j{{"id", e.id},         {"date", Dates::iso8601(e.date)}, {"action", e.action},
-         {"target", e.target}, {"size", e.size},                 {"trigger", toJson(e.trigger)},
+  Json j{{"id", e.id},          {"date", Dates::iso8601(e.date)},
+         {"action", e.action},  {"target", e.target},
+         {"size", e.size},      {"trigger", toJson(e.trigger)},
          {"success", e.success}};
   if (e.category) j["category"] = std::string(rawValue(*e.category));
   if (e.message) j["message"] = *e.message;
@@ -326,8 +341,9 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
       UniqueFd reader(::open(url_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
       struct stat rs;
       char last = '\n';
-      if (reader && ::fstat(reader.get(), &rs) == 0 && rs.st_dev == st.st_dev && rs.st_ino == st.st_ino &&
-          ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 && last != '\n') {
+      if (reader && ::fstat(reader.get(), &rs) == 0 && rs.st_dev == st.st_dev &&
+          rs.st_ino == st.st_ino && ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 &&
+          last != '\n') {
         buffer.insert(buffer.begin(), '\n');
       }
     }
@@ -351,7 +367,8 @@ std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
   if (!fd) return out;
   struct stat st;
   if (::fstat(fd.get(), &st) != 0) return out;
-  // Walk backwards block by block; `carry` holds the start of a line whose beginning is further back.
+  // Walk backwards block by block; `carry` holds the start of a line whose beginning is further
+  // back.
   off_t pos = st.st_size;
   std::string carry;
   bool carryTooLong = false;
@@ -365,7 +382,8 @@ std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
     block.resize(n);
     size_t got = 0;
     while (got < n) {
-      const ssize_t r = ::pread(fd.get(), block.data() + got, n - got, pos + static_cast<off_t>(got));
+      const ssize_t r =
+          ::pread(fd.get(), block.data() + got, n - got, pos + static_cast<off_t>(got));
       if (r < 0 && errno == EINTR) continue;
       if (r <= 0) return out;
       got += static_cast<size_t>(r);

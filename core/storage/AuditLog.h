@@ -1,12 +1,6 @@
 // Audit log: the append-only JSON-lines record of every removal, move and restore.
 #pragma once
 
-#include "core/scan/ScanModel.h"
-#include "core/schedule/ScheduleRule.h"
-#include "core/storage/Dates.h"
-#include "core/storage/Json.h"
-#include "core/storage/Paths.h"
-
 #include <cstdint>
 #include <filesystem>
 #include <limits>
@@ -17,11 +11,17 @@
 #include <string_view>
 #include <vector>
 
+#include "core/scan/ScanModel.h"
+#include "core/schedule/ScheduleRule.h"
+#include "core/storage/Dates.h"
+#include "core/storage/Json.h"
+#include "core/storage/Paths.h"
+
 namespace kestrel {
 
 struct AuditEntry {
-  std::string id;  // upper-case UUID text
-  Date date{};     // persisted to whole seconds
+  std::string id;      // upper-case UUID text
+  Date date{};         // persisted to whole seconds
   std::string action;  // "delete", "trash", "command", "purge", "quarantine", "restore", …
   std::string target;
   int64_t size = 0;

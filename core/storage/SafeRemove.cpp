@@ -1,10 +1,6 @@
 // The safe remover: anchored, descriptor-relative resolution and an iterative, bounded tree walk.
 #include "core/storage/SafeRemove.h"
 
-#include "core/platform/FileStat.h"
-#include "core/platform/SafeFiles.h"
-#include "core/scan/ProtectedLists.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <utility>
+
+#include "core/platform/FileStat.h"
+#include "core/platform/SafeFiles.h"
+#include "core/scan/ProtectedLists.h"
 
 namespace kestrel {
 namespace {
@@ -51,10 +51,16 @@ std::vector<std::string> componentsBelow(const fs::path& anchor, const fs::path&
 UniqueFd openStep(int dirFd, const std::string& name, bool create, const fs::path& shown) {
   UniqueFd fd(::openat(dirFd, name.c_str(), kDirFlags));
   if (!fd && errno == ENOENT && create) {
-    if (::mkdirat(dirFd, name.c_str(), 0755) != 0 && errno != EEXIST) throwErrno(errno, "create " + shown.string());
+    if (::mkdirat(dirFd, name.c_str(), 0755) != 0 && errno != EEXIST) {
+      const int err = errno;  // read before building the message
+      throwErrno(err, "create " + shown.string());
+    }
     fd.reset(::openat(dirFd, name.c_str(), kDirFlags));
   }
-  if (!fd) throwErrno(errno, "open " + shown.string());
+  if (!fd) {
+    const int err = errno;  // read before building the message
+    throwErrno(err, "open " + shown.string());
+  }
   return fd;
 }
 
@@ -73,7 +79,10 @@ std::optional<FileIdentity> identityOf(const fs::path& path) noexcept {
 Anchor Anchor::open(const fs::path& root) {
   if (!root.is_absolute()) throwErrno(EINVAL, "anchor must be absolute: " + root.string());
   UniqueFd fd(::open(root.c_str(), kDirFlags));
-  if (!fd) throwErrno(errno, "open " + root.string());
+  if (!fd) {
+    const int err = errno;  // read before building the message
+    throwErrno(err, "open " + root.string());
+  }
   fs::path clean = root.lexically_normal();
   if (clean.native().size() > 1 && clean.native().ends_with('/')) clean = clean.parent_path();
   return Anchor(std::move(fd), clean);
@@ -98,13 +107,19 @@ ParentDir openParent(const Anchor& anchor, const fs::path& path, bool createMiss
   ParentDir out;
   out.path = anchor.path();
   UniqueFd cur(::fcntl(anchor.fd(), F_DUPFD_CLOEXEC, 0));
-  if (!cur) throwErrno(errno, "open " + anchor.path().string());
+  if (!cur) {
+    const int err = errno;  // read before building the message
+    throwErrno(err, "open " + anchor.path().string());
+  }
   for (size_t i = 0; i + 1 < parts.size(); ++i) {
     out.path /= parts[i];
     cur = openStep(cur.get(), parts[i], createMissing, out.path);
   }
   struct stat st;
-  if (::fstat(cur.get(), &st) != 0) throwErrno(errno, "stat " + out.path.string());
+  if (::fstat(cur.get(), &st) != 0) {
+    const int err = errno;  // read before building the message
+    throwErrno(err, "stat " + out.path.string());
+  }
   out.identity = identityFrom(st);
   out.fd = std::move(cur);
   out.name = parts.back();
@@ -167,7 +182,8 @@ RemoveResult SafeRemover::remove(const Anchor& anchor, const fs::path& path) con
     return removeEntry(parent);
   } catch (const std::system_error& e) {
     // A missing folder on the way means the item is gone already.
-    if (e.code() == std::errc::no_such_file_or_directory) return {RemoveResult::Status::missing, {}, path};
+    if (e.code() == std::errc::no_such_file_or_directory)
+      return {RemoveResult::Status::missing, {}, path};
     return {RemoveResult::Status::failed, e.code(), path};
   }
 }
@@ -213,18 +229,22 @@ bool listInto(Frame& f) {
 class Walk {
  public:
   Walk(const SafeRemover& remover, int rootParentFd, fs::path rootParentPath)
-      : remover_(remover), rootParentFd_(rootParentFd), rootParentPath_(std::move(rootParentPath)) {}
+      : remover_(remover),
+        rootParentFd_(rootParentFd),
+        rootParentPath_(std::move(rootParentPath)) {}
 
   RemoveResult run(const std::string& name) {
     struct stat st;
     if (::fstatat(rootParentFd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno == ENOENT) return {RemoveResult::Status::missing, {}, rootParentPath_ / name};
-      return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()), rootParentPath_ / name};
+      return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()),
+              rootParentPath_ / name};
     }
     // The parent's device: a root item that is itself a mount point is another device already.
     struct stat parent;
     if (::fstat(rootParentFd_, &parent) != 0) {
-      return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()), rootParentPath_};
+      return {RemoveResult::Status::failed, std::error_code(errno, std::generic_category()),
+              rootParentPath_};
     }
     rootDev_ = parent.st_dev;
     Frame pseudo;  // stands for the root item's parent
@@ -245,7 +265,8 @@ class Walk {
 
   void note(RemoveResult::Status status, int err, const std::string& name) {
     stack_.back().blocked = true;
-    if (result_.status == RemoveResult::Status::removed) result_ = {status, std::error_code(err, std::generic_category()), pathOf(name)};
+    if (result_.status == RemoveResult::Status::removed)
+      result_ = {status, std::error_code(err, std::generic_category()), pathOf(name)};
   }
 
   // Deals with `name` in the folder on top of the stack: unlinks it, or pushes it as a new frame.
@@ -289,7 +310,8 @@ class Walk {
       UniqueFd fd(::openat(dirFd, name.c_str(), kDirFlags));
       if (!fd) {
         if (errno == ENOENT) return true;
-        if (errno == ENOTDIR || errno == ELOOP) {  // it became a link or a file: remove only the name
+        if (errno == ENOTDIR ||
+            errno == ELOOP) {  // it became a link or a file: remove only the name
           kind = Kind::nonDirectory;
           continue;
         }
@@ -359,9 +381,11 @@ class Walk {
 
 }  // namespace
 
-RemoveResult SafeRemover::removeEntry(int parentFd, const std::string& name, const fs::path& parentPath) const {
+RemoveResult SafeRemover::removeEntry(int parentFd, const std::string& name,
+                                      const fs::path& parentPath) const {
   if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
-    return {RemoveResult::Status::failed, std::make_error_code(std::errc::invalid_argument), parentPath / name};
+    return {RemoveResult::Status::failed, std::make_error_code(std::errc::invalid_argument),
+            parentPath / name};
   }
   return Walk(*this, parentFd, parentPath).run(name);
 }

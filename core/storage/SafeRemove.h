@@ -1,8 +1,6 @@
 // The one safe remover: files and trees removed through descriptors, never following a link.
 #pragma once
 
-#include "core/storage/UniqueFd.h"
-
 #include <sys/types.h>
 
 #include <filesystem>
@@ -10,6 +8,8 @@
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "core/storage/UniqueFd.h"
 
 namespace kestrel {
 

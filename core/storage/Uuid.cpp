@@ -1,9 +1,9 @@
 // UUID text: generation from the system's random source and strict parsing.
 #include "core/storage/Uuid.h"
 
-#include "core/platform/SafeFiles.h"
-
 #include <cstdint>
+
+#include "core/platform/SafeFiles.h"
 
 namespace kestrel::Uuid {
 namespace {

@@ -1,9 +1,4 @@
 // Quarantine store: sessions, manifests, restore rules, purge by age, recovery, and crash safety.
-#include "core/clean/Quarantine.h"
-
-#include "core/storage/JSONStore.h"
-#include "tests/support/ScratchHome.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -15,6 +10,10 @@
 #include <fstream>
 #include <regex>
 #include <thread>
+
+#include "core/clean/Quarantine.h"
+#include "core/storage/JSONStore.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {
@@ -42,12 +41,18 @@ TEST(Quarantine, BeginSessionWritesTheManifestAndItsFolders) {
   EXPECT_EQ(s.expiresAt - s.createdAt, std::chrono::hours(7 * 24));
   EXPECT_TRUE(fs::is_directory(itemsDir(h, s)));
   const std::string manifest = test::readText(h.paths().quarantineDir() / s.id / "manifest.json");
-  EXPECT_EQ(manifest, "{\n  \"createdAt\" : \"2026-03-01T09:30:00Z\",\n  \"entries\" : [\n\n  ],\n"
-                      "  \"expiresAt\" : \"2026-03-08T09:30:00Z\",\n  \"id\" : \"" + s.id + "\",\n"
-                      "  \"trigger\" : {\n    \"schedule\" : {\n      \"ruleName\" : \"Nightly\"\n    }\n  }\n}");
+  EXPECT_EQ(manifest,
+            "{\n  \"createdAt\" : \"2026-03-01T09:30:00Z\",\n  \"entries\" : [\n\n  ],\n"
+            "  \"expiresAt\" : \"2026-03-08T09:30:00Z\",\n  \"id\" : \"" +
+                s.id +
+                "\",\n"
+                "  \"trigger\" : {\n    \"schedule\" : {\n      \"ruleName\" : \"Nightly\"\n    "
+                "}\n  }\n}");
   // Listing is newest first; a fresh session with no entries yet is listed, not tidied away.
-  const QuarantineSession newer = q.beginSession(TriggerSource::manual(), 7, kNow + std::chrono::hours(1));
-  const QuarantineSession older = q.beginSession(TriggerSource::manual(), 7, kNow - std::chrono::hours(1));
+  const QuarantineSession newer =
+      q.beginSession(TriggerSource::manual(), 7, kNow + std::chrono::hours(1));
+  const QuarantineSession older =
+      q.beginSession(TriggerSource::manual(), 7, kNow - std::chrono::hours(1));
   EXPECT_NE(newer.id, s.id);
   const auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 3u);
@@ -63,10 +68,13 @@ TEST(Quarantine, EntryAndSessionJsonRoundTripAndIgnoreUnknownKeys) {
   s.createdAt = kNow;
   s.expiresAt = kNow + std::chrono::hours(24);
   s.trigger = TriggerSource::uninstall("Photo Tool");
-  s.entries.push_back({"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, FileIdentity{2049, 77}, false});
-  s.entries.push_back({"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true});
-  EXPECT_EQ(JsonText::compact(toJson(s.entries[0])),
-            R"({"category":"logs","dev":2049,"ino":77,"originalPath":"\/Users\/me\/a","restored":false,"size":10,"storedName":"0-a"})");
+  s.entries.push_back(
+      {"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, FileIdentity{2049, 77}, false});
+  s.entries.push_back(
+      {"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true});
+  EXPECT_EQ(
+      JsonText::compact(toJson(s.entries[0])),
+      R"({"category":"logs","dev":2049,"ino":77,"originalPath":"\/Users\/me\/a","restored":false,"size":10,"storedName":"0-a"})");
   EXPECT_EQ(quarantineSessionFromJson(toJson(s)), s);
   EXPECT_EQ(s.totalSize(), 10);
   EXPECT_EQ(s.activeCount(), 1);
@@ -169,7 +177,9 @@ TEST(Quarantine, RestoreNeverOverwritesAndReportsMissingCopies) {
 TEST(Quarantine, ItemOnAnotherVolumeIsRefusedAndStays) {
   ScratchHome h;
   const fs::path local = h.file("Library/Caches/big.bin", 10);
-  const std::string text = "big.bin is on another drive \xE2\x80\x94 quarantining it would copy the whole file onto this Mac";
+  const std::string text =
+      "big.bin is on another drive \xE2\x80\x94 quarantining it would copy the whole file onto "
+      "this Mac";
   {
     // Injected volumes.
     Quarantine q(h.paths(), [&](const fs::path& p) -> std::optional<std::string> {
@@ -216,15 +226,19 @@ TEST(Quarantine, PurgeExpiredHonoursExpiryAndStrayFolders) {
   const fs::path b = h.file("Library/Logs/b.log", 1);
   // Stray folders are aged by their real modification dates, so this test runs at the wall clock.
   const Date wallNow = Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now()));
-  QuarantineSession due = q.beginSession(TriggerSource::manual(), 1, wallNow - std::chrono::hours(24));
+  QuarantineSession due =
+      q.beginSession(TriggerSource::manual(), 1, wallNow - std::chrono::hours(24));
   q.add(a, 100, CleanCategory::logs, due);
-  QuarantineSession later = q.beginSession(TriggerSource::manual(), 2, wallNow - std::chrono::hours(24));
+  QuarantineSession later =
+      q.beginSession(TriggerSource::manual(), 2, wallNow - std::chrono::hours(24));
   q.add(b, 50, CleanCategory::logs, later);
-  // Folders with no manifest: one empty and old, one empty and fresh, one old still holding an item.
+  // Folders with no manifest: one empty and old, one empty and fresh, one old still holding an
+  // item.
   const fs::path qdir = h.paths().quarantineDir();
   h.folder("Library/Application Support/orvo Kestrel/Quarantine/stray-old/items");
   h.folder("Library/Application Support/orvo Kestrel/Quarantine/stray-new");
-  h.text("Library/Application Support/orvo Kestrel/Quarantine/stray-full/items/0-kept.txt", "keep me");
+  h.text("Library/Application Support/orvo Kestrel/Quarantine/stray-full/items/0-kept.txt",
+         "keep me");
   h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-old", 1.5, wallNow);
   h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-new", 0.5, wallNow);
   h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-full", 3, wallNow);
@@ -241,7 +255,8 @@ TEST(Quarantine, PurgeExpiredHonoursExpiryAndStrayFolders) {
   // The full one is adopted, not deleted: listed, and restorable to the recovery folder.
   auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 2u);
-  auto adopted = std::find_if(listed.begin(), listed.end(), [](auto& s) { return s.id == "stray-full"; });
+  auto adopted =
+      std::find_if(listed.begin(), listed.end(), [](auto& s) { return s.id == "stray-full"; });
   ASSERT_NE(adopted, listed.end());
   ASSERT_EQ(adopted->entries.size(), 1u);
   EXPECT_TRUE(adopted->entries[0].orphan);
@@ -301,7 +316,9 @@ TEST(Quarantine, RecoverySettlesEveryInterruptedState) {
   EXPECT_EQ(e[3].originalPath, (q.recoveryDir(s.id) / "stranger").string());
   EXPECT_EQ(listed[0].activeCount(), 2);
   // Settled on disk, not only in the listing.
-  EXPECT_EQ(JSONStore::load<QuarantineSession>(qdir / s.id / "manifest.json", quarantineSessionFromJson), listed[0]);
+  EXPECT_EQ(
+      JSONStore::load<QuarantineSession>(qdir / s.id / "manifest.json", quarantineSessionFromJson),
+      listed[0]);
   EXPECT_TRUE(q.restore(s.id).empty());
   EXPECT_EQ(test::readText(moved), "m");
   EXPECT_EQ(test::readText(q.recoveryDir(s.id) / "stranger"), "who");
@@ -314,7 +331,8 @@ TEST(Quarantine, RecoverySettlesEveryInterruptedState) {
 std::vector<fs::path> makeItems(ScratchHome& h, int n) {
   std::vector<fs::path> items;
   for (int i = 0; i < n; ++i) {
-    const std::string name = "Library/Caches/app" + std::to_string(i % 3) + "/i" + std::to_string(i);
+    const std::string name =
+        "Library/Caches/app" + std::to_string(i % 3) + "/i" + std::to_string(i);
     if (i % 4 == 3) {
       h.text(name + "/nested/data", "item " + std::to_string(i));
     } else {
@@ -335,7 +353,8 @@ void runBatch(const Paths& paths, const std::vector<fs::path>& items) {
   Quarantine q(paths);
   QuarantineSession a = q.beginSession(TriggerSource::manual(), 7, kNow);
   QuarantineSession b = q.beginSession(TriggerSource::schedule("r"), 7, kNow);
-  for (size_t i = 0; i < items.size(); ++i) q.add(items[i], 1, CleanCategory::userCaches, i % 2 ? a : b);
+  for (size_t i = 0; i < items.size(); ++i)
+    q.add(items[i], 1, CleanCategory::userCaches, i % 2 ? a : b);
   q.restore(a.id);
   std::set<std::string> some;
   for (const auto& e : b.entries) {
@@ -348,7 +367,8 @@ void runBatch(const Paths& paths, const std::vector<fs::path>& items) {
 }
 
 // Every item is at its original path, or stored in a session whose active entry restores it.
-void expectNothingLost(const ScratchHome& h, const std::vector<fs::path>& items, const std::string& when) {
+void expectNothingLost(const ScratchHome& h, const std::vector<fs::path>& items,
+                       const std::string& when) {
   Quarantine q(h.paths());
   const auto sessions = q.sessions();  // runs recovery
   for (size_t i = 0; i < items.size(); ++i) {
@@ -367,7 +387,8 @@ void expectNothingLost(const ScratchHome& h, const std::vector<fs::path>& items,
   }
   // Restoring everything brings every item home with its contents.
   for (const auto& s : sessions) EXPECT_TRUE(q.restore(s.id).empty()) << s.id;
-  for (size_t i = 0; i < items.size(); ++i) EXPECT_EQ(contentOf(items[i]), "item " + std::to_string(i)) << when;
+  for (size_t i = 0; i < items.size(); ++i)
+    EXPECT_EQ(contentOf(items[i]), "item " + std::to_string(i)) << when;
   EXPECT_TRUE(q.sessions().empty()) << when;
 }
 
@@ -380,7 +401,8 @@ TEST(Quarantine, NothingIsLostWhenKilledAtAnyInstant) {
     auto items = makeItems(h, kItems);
     const auto start = std::chrono::steady_clock::now();
     runBatch(h.paths(), items);
-    full = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+    full = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() -
+                                                                 start);
     expectNothingLost(h, items, "undisturbed");
   }
   const char* env = std::getenv("KESTREL_CRASH_POINTS");

@@ -1,14 +1,15 @@
 // Schedule rules: JSON forms and strict decoding, summaries, defaults, the rules file, UUID text.
-#include "core/schedule/ScheduleRule.h"
-
-#include "core/storage/JSONStore.h"
-#include "core/storage/Uuid.h"
-#include "tests/support/ScratchHome.h"
-
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <regex>
 #include <set>
+
+#include "core/schedule/ScheduleRule.h"
+#include "core/storage/JSONStore.h"
+#include "core/storage/Uuid.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {
@@ -83,7 +84,8 @@ TEST(ScheduleTrigger, SummariesAndCalendarFlag) {
       {ScheduleTrigger::diskFreeBelowPercent(10), "When free space drops below 10.0%", false},
       {ScheduleTrigger::diskFreeBelowGB(2.5), "When free space drops below 2.5 GB", false},
       {ScheduleTrigger::diskFreeBelowGB(0.1), "When free space drops below 0.1 GB", false},
-      {ScheduleTrigger::forecastFullWithinDays(14), "When the disk is predicted to fill within 14 days", false},
+      {ScheduleTrigger::forecastFullWithinDays(14),
+       "When the disk is predicted to fill within 14 days", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.summary);
@@ -100,9 +102,10 @@ TEST(TriggerSource, JsonFormsLabelsAndStrictness) {
   };
   const Case cases[] = {
       {TriggerSource::manual(), R"({"manual":{}})", "Manual"},
-      {TriggerSource::schedule("Weekly deep clean"), R"({"schedule":{"ruleName":"Weekly deep clean"}})",
-       "Schedule: Weekly deep clean"},
-      {TriggerSource::uninstall("Photo Tool"), R"({"uninstall":{"appName":"Photo Tool"}})", "Uninstall: Photo Tool"},
+      {TriggerSource::schedule("Weekly deep clean"),
+       R"({"schedule":{"ruleName":"Weekly deep clean"}})", "Schedule: Weekly deep clean"},
+      {TriggerSource::uninstall("Photo Tool"), R"({"uninstall":{"appName":"Photo Tool"}})",
+       "Uninstall: Photo Tool"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
@@ -110,8 +113,8 @@ TEST(TriggerSource, JsonFormsLabelsAndStrictness) {
     EXPECT_EQ(triggerSourceFromJson(parsed(c.json)), c.source);
     EXPECT_EQ(c.source.label(), c.label);
   }
-  for (const char* bad : {R"({"manual":{},"schedule":{"ruleName":"x"}})", R"({"schedule":{}})", R"({"manual":1})",
-                          R"({"auto":{}})", R"("manual")"}) {
+  for (const char* bad : {R"({"manual":{},"schedule":{"ruleName":"x"}})", R"({"schedule":{}})",
+                          R"({"manual":1})", R"({"auto":{}})", R"("manual")"}) {
     SCOPED_TRACE(bad);
     EXPECT_THROW(triggerSourceFromJson(parsed(bad)), DecodeError);
   }
@@ -129,11 +132,12 @@ ScheduleRule sampleRule() {
 
 TEST(ScheduleRule, GoldenTextAndRoundTrips) {
   ScheduleRule r = sampleRule();
-  EXPECT_EQ(JsonText::compact(toJson(r)),
-            R"({"categories":["logs","userCaches"],"conditions":{"cooldownHours":6,"minBatteryPercent":40,)"
-            R"("requireACPower":true,"skipIfAppsRunning":["com.example.editor"]},"createdAt":"2026-03-01T09:30:00Z",)"
-            R"("dryRun":false,"enabled":true,"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","maxRisk":1,"name":"Nightly",)"
-            R"("notify":true,"trigger":{"daily":{"hour":2,"minute":30}}})");
+  EXPECT_EQ(
+      JsonText::compact(toJson(r)),
+      R"({"categories":["logs","userCaches"],"conditions":{"cooldownHours":6,"minBatteryPercent":40,)"
+      R"("requireACPower":true,"skipIfAppsRunning":["com.example.editor"]},"createdAt":"2026-03-01T09:30:00Z",)"
+      R"("dryRun":false,"enabled":true,"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","maxRisk":1,"name":"Nightly",)"
+      R"("notify":true,"trigger":{"daily":{"hour":2,"minute":30}}})");
   // Absent optionals stay absent; present ones come back.
   EXPECT_EQ(scheduleRuleFromJson(toJson(r)), r);
   r.lastRun = kNow + std::chrono::hours(1);
@@ -155,7 +159,10 @@ TEST(ScheduleRule, StrictDecodingOfRequiredKeys) {
       {"id not a UUID", [](Json& j) { j["id"] = "E621E1F8C36C495A93FC0C247A3E6E5F"; }},
       {"name ill-typed", [](Json& j) { j["name"] = 3; }},
       {"enabled missing", [](Json& j) { j.erase("enabled"); }},
-      {"trigger two keys", [](Json& j) { j["trigger"]["weekly"] = Json{{"weekday", 1}, {"hour", 1}, {"minute", 1}}; }},
+      {"trigger two keys",
+       [](Json& j) {
+         j["trigger"]["weekly"] = Json{{"weekday", 1}, {"hour", 1}, {"minute", 1}};
+       }},
       {"conditions missing cooldown", [](Json& j) { j["conditions"].erase("cooldownHours"); }},
       {"conditions apps missing", [](Json& j) { j["conditions"].erase("skipIfAppsRunning"); }},
       {"unknown category", [](Json& j) { j["categories"].push_back("everything"); }},
@@ -190,13 +197,34 @@ TEST(ScheduleRule, DefaultsAreTheFourShippedRulesWithFreshIds) {
   };
   using C = CleanCategory;
   const Case cases[] = {
-      {"Weekly deep clean", true, ScheduleTrigger::weekly(1, 3, 0), true, 10, {},
-       {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads, C::iosUpdates}},
-      {"Developer junk", true, ScheduleTrigger::weekly(7, 4, 0), true, 10, {"com.apple.dt.Xcode"},
+      {"Weekly deep clean",
+       true,
+       ScheduleTrigger::weekly(1, 3, 0),
+       true,
+       10,
+       {},
+       {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads,
+        C::iosUpdates}},
+      {"Developer junk",
+       true,
+       ScheduleTrigger::weekly(7, 4, 0),
+       true,
+       10,
+       {"com.apple.dt.Xcode"},
        {C::xcode, C::simulators, C::packageCaches, C::projectArtifacts}},
-      {"Low disk emergency", true, ScheduleTrigger::diskFreeBelowPercent(10.0), false, std::nullopt, {},
+      {"Low disk emergency",
+       true,
+       ScheduleTrigger::diskFreeBelowPercent(10.0),
+       false,
+       std::nullopt,
+       {},
        {C::userCaches, C::xcode, C::packageCaches, C::logs, C::trash}},
-      {"Stay ahead of a full disk", false, ScheduleTrigger::forecastFullWithinDays(14), true, std::nullopt, {},
+      {"Stay ahead of a full disk",
+       false,
+       ScheduleTrigger::forecastFullWithinDays(14),
+       true,
+       std::nullopt,
+       {},
        {C::userCaches, C::xcode, C::simulators, C::packageCaches}},
   };
   std::set<std::string> ids;
@@ -235,12 +263,9 @@ TEST(RuleStore, LoadsSavedRulesAndFallsBackToDefaults) {
   Json goodAndBad = toJson(std::vector<ScheduleRule>{sampleRule(), sampleRule()});
   goodAndBad[1]["trigger"]["everyHours"] = Json{{"_0", 2}};
   const Case cases[] = {
-      {"no file", std::nullopt, 4, true},
-      {"empty list", "[]", 0, false},
-      {"one rule", oneGood, 1, false},
-      {"one bad rule of two", goodAndBad.dump(), 4, true},
-      {"not JSON", "{rules", 4, true},
-      {"an object", "{}", 4, true},
+      {"no file", std::nullopt, 4, true}, {"empty list", "[]", 0, false},
+      {"one rule", oneGood, 1, false},    {"one bad rule of two", goodAndBad.dump(), 4, true},
+      {"not JSON", "{rules", 4, true},    {"an object", "{}", 4, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -271,6 +296,40 @@ TEST(RuleStore, SaveReplacesTheFileAndRoundTrips) {
   ScratchHome blocked;
   blocked.file("Library/Application Support", 1);
   EXPECT_ANY_THROW(RuleStore(blocked.paths()).save(rules));
+}
+
+TEST(RuleStore, ConcurrentUpdatesFromSeveralProcessesLoseNothing) {
+  ScratchHome h;
+  RuleStore(h.paths()).save({});
+  constexpr int kProcesses = 4, kEach = 25;
+  std::vector<pid_t> children;
+  for (int p = 0; p < kProcesses; ++p) {
+    const pid_t pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      RuleStore store(h.paths());
+      for (int i = 0; i < kEach; ++i) {
+        store.update([&](std::vector<ScheduleRule>& rules) {
+          rules.push_back(ScheduleRule::make("p" + std::to_string(p) + "-" + std::to_string(i),
+                                             ScheduleTrigger::everyHours(1), {CleanCategory::logs},
+                                             kNow));
+        });
+      }
+      ::_exit(0);
+    }
+    children.push_back(pid);
+  }
+  for (pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const auto rules = RuleStore(h.paths()).load(kNow);
+  std::set<std::string> names;
+  for (const auto& r : rules) names.insert(r.name);
+  EXPECT_EQ(rules.size(), static_cast<size_t>(kProcesses * kEach));
+  EXPECT_EQ(names.size(), static_cast<size_t>(kProcesses * kEach));
+  EXPECT_TRUE(fs::exists(h.paths().supportFile("rules.json.lock")));
 }
 
 TEST(Uuid, MakesVersionFourUpperCaseAndParsesStrictly) {

@@ -1,15 +1,14 @@
 // Audit log: record forms, appends (torn tails, several processes), tolerant reads, lifetime total.
-#include "core/storage/AuditLog.h"
-
-#include "core/storage/JSONStore.h"
-#include "tests/support/ScratchHome.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
+
+#include "core/storage/AuditLog.h"
+#include "core/storage/JSONStore.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {
@@ -20,8 +19,8 @@ const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
 constexpr const char* kId = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 
 AuditEntry entry(std::string action, int64_t size, bool success = true) {
-  return AuditEntry::make(kNow, std::move(action), "/Users/me/Library/Caches/x", size, CleanCategory::userCaches,
-                          TriggerSource::manual(), success);
+  return AuditEntry::make(kNow, std::move(action), "/Users/me/Library/Caches/x", size,
+                          CleanCategory::userCaches, TriggerSource::manual(), success);
 }
 
 void appendRaw(const fs::path& file, const std::string& text) {
@@ -41,17 +40,27 @@ TEST(AuditEntry, GoldenTextsAndRoundTrips) {
     AuditEntry e;
     const char* json;
   };
-  AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete", "/Users/me/Library/Caches/é x", 4096,
-                  CleanCategory::logs, TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
-  AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt, TriggerSource::manual(), true,
-                  std::nullopt};
+  AuditEntry full{kId,
+                  kNow + std::chrono::milliseconds(900),
+                  "delete",
+                  "/Users/me/Library/Caches/é x",
+                  4096,
+                  CleanCategory::logs,
+                  TriggerSource::schedule("Weekly deep clean"),
+                  false,
+                  "Permission denied"};
+  AuditEntry bare{
+      kId,  kNow,        "purge", "expired quarantine", 10, std::nullopt, TriggerSource::manual(),
+      true, std::nullopt};
   const Case cases[] = {
-      {full, R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")"
-             "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"
-             R"(","message":"Permission denied","size":4096,"success":false,)"
-             R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})"},
-      {bare, R"({"action":"purge","date":"2026-03-01T09:30:00Z","id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
-             R"("size":10,"success":true,"target":"expired quarantine","trigger":{"manual":{}}})"},
+      {full,
+       R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")"
+       "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"
+       R"(","message":"Permission denied","size":4096,"success":false,)"
+       R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})"},
+      {bare,
+       R"({"action":"purge","date":"2026-03-01T09:30:00Z","id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
+       R"("size":10,"success":true,"target":"expired quarantine","trigger":{"manual":{}}})"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
@@ -72,7 +81,8 @@ TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
   EXPECT_FALSE(fs::exists(log.url().parent_path()));
   log.append({entry("delete", 1), entry("trash", 2)});
   EXPECT_EQ(lines(test::readText(log.url())).size(), 2u);
-  EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all),
+            fs::perms::owner_read | fs::perms::owner_write);
   auto recent = log.recent(10);
   ASSERT_EQ(recent.size(), 2u);
   EXPECT_EQ(recent[0].action, "trash");  // newest first
@@ -108,12 +118,18 @@ TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
     int64_t expected;
   };
   const Case cases[] = {
-      {"the four counted actions", {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)}, 1111},
-      {"quarantine and restore do not count", {entry("quarantine", 5), entry("restore", 5), entry("delete", 1)}, 1},
+      {"the four counted actions",
+       {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
+       1111},
+      {"quarantine and restore do not count",
+       {entry("quarantine", 5), entry("restore", 5), entry("delete", 1)},
+       1},
       {"failed delete does not count", {entry("delete", 50, false), entry("delete", 2)}, 2},
       {"case-sensitive", {entry("Delete", 50), entry("TRASH", 50)}, 0},
       {"negative sizes are summed as given", {entry("delete", -5), entry("delete", 8)}, 3},
-      {"an overflowing record is skipped", {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)}, INT64_MAX},
+      {"an overflowing record is skipped",
+       {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)},
+       INT64_MAX},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -128,8 +144,8 @@ TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
 
 TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   // Each line is alone in a log; the expected total is what the full decoder says it is worth.
-  const std::string base = JsonText::compact(toJson(AuditEntry{kId, kNow, "delete", "/x", 7, std::nullopt,
-                                                               TriggerSource::manual(), true, std::nullopt}));
+  const std::string base = JsonText::compact(toJson(AuditEntry{
+      kId, kNow, "delete", "/x", 7, std::nullopt, TriggerSource::manual(), true, std::nullopt}));
   auto with = [&](const std::string& from, const std::string& to) {
     std::string s = base;
     s.replace(s.find(from), from.size(), to);
@@ -207,7 +223,8 @@ TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
       AuditLog log(h.paths());
       for (int i = 0; i < kRecords; ++i) {
         AuditEntry e = entry("delete", 1);
-        e.target = "process " + std::to_string(p) + " record " + std::to_string(i) + std::string(static_cast<size_t>(i % 300), 'p');
+        e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
+                   std::string(static_cast<size_t>(i % 300), 'p');
         log.append({e});
       }
       ::_exit(0);

@@ -1,8 +1,4 @@
 // The safe remover: what it removes, what it refuses, links, depth, and a parent swapped mid-walk.
-#include "core/storage/SafeRemove.h"
-
-#include "tests/support/ScratchHome.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,6 +12,9 @@
 #include <fstream>
 #include <random>
 #include <thread>
+
+#include "core/storage/SafeRemove.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {
@@ -79,8 +78,10 @@ TEST(SafeRemove, RemovesFilesTreesAndLinksWithoutFollowingThem) {
 
 TEST(SafeRemove, RefusesProtectedFoldersByIdentityAndBadPaths) {
   ScratchHome h;
-  for (const char* rel : {"Library/Caches/x", "Documents/d", "Downloads/f", "Desktop/e"}) h.file(rel, 1);
-  // A link inside the tree that leads to a protected folder is only a link: it goes, the folder stays.
+  for (const char* rel : {"Library/Caches/x", "Documents/d", "Downloads/f", "Desktop/e"})
+    h.file(rel, 1);
+  // A link inside the tree that leads to a protected folder is only a link: it goes, the folder
+  // stays.
   h.link("Library/Caches/app/homeLink", h.home());
   const fs::path outside = h.outside("elsewhere");
   h.link("Library/Caches/toDocuments", h.path("Documents"));
@@ -109,7 +110,8 @@ TEST(SafeRemove, RefusesProtectedFoldersByIdentityAndBadPaths) {
     SCOPED_TRACE(c.path.string());
     RemoveResult r = remover.remove(c.path);
     EXPECT_EQ(r.status, c.status) << r.message();
-    EXPECT_TRUE(r.error == std::make_error_code(c.error) || r.error == std::make_error_code(c.alsoAccepted))
+    EXPECT_TRUE(r.error == std::make_error_code(c.error) ||
+                r.error == std::make_error_code(c.alsoAccepted))
         << r.message();
     EXPECT_THROW(r.throwIfFailed(), std::system_error);
   }
@@ -215,7 +217,8 @@ void buildDeepChain(const fs::path& dir, int depth) {
 }
 
 // Removes a chain built above from the bottom up, climbing with ".." (the test's own cleanup,
-// with nobody racing it; the scratch folder's recursive removal would need a stack frame per level).
+// with nobody racing it; the scratch folder's recursive removal would need a stack frame per
+// level).
 void dismantleDeepChain(const fs::path& dir) {
   UniqueFd cur(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   int depth = 0;
@@ -262,7 +265,8 @@ struct RaceFixture {
     app = h.path("Library/Caches/app");
     blob = app / "blob";
     outside = h.outside("O");
-    for (int i = 0; i < kFiles; ++i) writeFile(outside / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
+    for (int i = 0; i < kFiles; ++i)
+      writeFile(outside / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
     writeFile(outside / ".ssh" / "id", "secret key");
   }
 
@@ -283,13 +287,16 @@ struct RaceFixture {
 
   bool canariesIntact() const {
     for (int i = 0; i < kFiles; ++i) {
-      if (test::readText(outside / "blob" / ("f" + std::to_string(i))) != "canary " + std::to_string(i)) return false;
+      if (test::readText(outside / "blob" / ("f" + std::to_string(i))) !=
+          "canary " + std::to_string(i))
+        return false;
     }
     return test::readText(outside / ".ssh" / "id") == "secret key";
   }
 
   void restoreCanaries() {
-    for (int i = 0; i < kFiles; ++i) writeFile(outside / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
+    for (int i = 0; i < kFiles; ++i)
+      writeFile(outside / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
     writeFile(outside / ".ssh" / "id", "secret key");
   }
 
@@ -352,7 +359,8 @@ TEST(SafeRemove, ParentSwappedForALinkNeverReachesOutside) {
     if (result.status == Status::failed || result.status == Status::refused) ++refused;
   }
   EXPECT_EQ(breaches, 0);
-  // The race has to be real for the count above to mean anything: some runs removed, some hit a link.
+  // The race has to be real for the count above to mean anything: some runs removed, some hit a
+  // link.
   EXPECT_GT(removed, 0);
   EXPECT_GT(refused, 0) << "the attacker never got a link in place; the harness is not racing";
   RecordProperty("removed", removed);
@@ -372,7 +380,8 @@ TEST(SafeRemove, SameHarnessBreachesAPathBasedRemover) {
       std::filesystem::remove_all(f.blob, ec);
     });
   }
-  EXPECT_GT(breaches, 0) << "inconclusive: no breach of std::filesystem::remove_all in " << tried << " runs";
+  EXPECT_GT(breaches, 0) << "inconclusive: no breach of std::filesystem::remove_all in " << tried
+                         << " runs";
   RecordProperty("runsUntilBreach", tried);
 }
 
