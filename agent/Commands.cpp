@@ -10,8 +10,10 @@ std::vector<Command> commandHandlers() {
   // forecast, growth, quarantine, rules.
   return {
       {"scan", runScan},
+      {"clean", runClean},
       {"forecast", forecastCommand},
       {"growth", growthCommand},
+      {"quarantine", runQuarantine},
   };
 }
 

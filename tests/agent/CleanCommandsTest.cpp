@@ -1,0 +1,174 @@
+// The "clean" and "quarantine" commands, run in process against scratch homes.
+#include "agent/Dispatcher.h"
+#include "core/clean/Quarantine.h"
+#include "core/storage/AppConfig.h"
+#include "core/storage/AuditLog.h"
+#include "core/storage/ByteFormat.h"
+#include "tests/support/ScratchHome.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace kestrel::agent {
+namespace {
+
+using test::ScratchHome;
+namespace fs = std::filesystem;
+
+struct Run {
+  int status;
+  std::string out;
+};
+
+Run run(const ScratchHome& h, std::vector<std::string> args) {
+  std::ostringstream out;
+  const int status = runAgent(std::move(args), h.paths(), out);
+  return {status, out.str()};
+}
+
+// Two cache folders big enough to be listed, old enough to be offered.
+void makeCaches(ScratchHome& h) {
+  h.file("Library/Caches/com.example.a/blob", 70000);
+  h.file("Library/Caches/com.example.b/data/x", 90000);
+  for (const char* rel : {"Library/Caches/com.example.a/blob", "Library/Caches/com.example.a",
+                          "Library/Caches/com.example.b/data/x", "Library/Caches/com.example.b/data",
+                          "Library/Caches/com.example.b"})
+    h.age(rel, 2);
+}
+
+std::string listing(const fs::path& root) {
+  std::string out;
+  for (auto& e : fs::recursive_directory_iterator(root)) out += e.path().string() + "\n";
+  return out;
+}
+
+TEST(CleanCommand, UsageErrorsListTheCategories) {
+  ScratchHome h;
+  const std::string line =
+      "Categories: userCaches, logs, crashReports, trash, savedAppState, mailDownloads, iosBackups, iosUpdates, "
+      "oldDownloads, installers, largeOldFiles, xcode, simulators, projectArtifacts, packageCaches, docker, "
+      "duplicates, similarPhotos, cloudLocalCopies, securityThreats, appBundle, appLeftovers, orphanedLeftovers\n";
+  const std::vector<std::vector<std::string>> invocations = {
+      {"clean"}, {"clean", "--category"}, {"clean", "--category", "appBundles"}, {"clean", "--category", "UserCaches"},
+      {"clean", "--dry-run", "--category"}};
+  for (const auto& args : invocations) {
+    SCOPED_TRACE(args.back());
+    auto r = run(h, args);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.out, line);
+  }
+}
+
+TEST(CleanCommand, DeletesAndReportsFreedBytes) {
+  ScratchHome h;
+  makeCaches(h);
+  auto r = run(h, {"clean", "--category", "userCaches"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("Freed ", 0), 0u) << r.out;
+  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));
+  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.b")));
+  EXPECT_TRUE(fs::is_directory(h.path("Library/Caches")));
+  const auto audit = AuditLog(h.paths()).recent(10);
+  ASSERT_EQ(audit.size(), 2u);
+  for (const auto& e : audit) {
+    EXPECT_EQ(e.action, "delete");
+    EXPECT_EQ(e.category, CleanCategory::userCaches);
+    EXPECT_EQ(e.trigger, TriggerSource::manual());
+    EXPECT_TRUE(e.success);
+    EXPECT_GE(e.size, 65536);
+  }
+  EXPECT_EQ(run(h, {"clean", "--category", "userCaches"}).out, "Nothing to clean\n");
+}
+
+TEST(CleanCommand, DryRunTouchesNothing) {
+  ScratchHome h;
+  makeCaches(h);
+  const std::string before = listing(h.home());
+  auto r = run(h, {"clean", "--category", "userCaches", "--dry-run"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("Would free ", 0), 0u) << r.out;
+  EXPECT_EQ(listing(h.home()), before);
+  EXPECT_FALSE(fs::exists(h.paths().auditFile()));
+  EXPECT_FALSE(fs::exists(h.paths().quarantineDir()));
+}
+
+TEST(CleanCommand, QuarantineRestoreAndPurgeThroughTheCommands) {
+  ScratchHome h;
+  makeCaches(h);
+  AppConfig config;
+  config.disposalOverrides["userCaches"] = Disposal::quarantine;
+  ConfigStore(h.paths()).save(config);
+  auto cleaned = run(h, {"clean", "--category", "userCaches"});
+  EXPECT_NE(cleaned.out.find(" to quarantine"), std::string::npos) << cleaned.out;
+  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));
+
+  auto list = run(h, {"quarantine"});
+  EXPECT_EQ(run(h, {"quarantine", "list"}).out, list.out);
+  const auto sessions = Quarantine(h.paths()).sessions();
+  ASSERT_EQ(sessions.size(), 1u);
+  const auto& s = sessions[0];
+  EXPECT_EQ(list.out, s.id + "\t" + ByteFormat::string(s.totalSize()) + "\t2 items\tManual\texpires " +
+                          Dates::description(s.expiresAt) + "\n");
+
+  EXPECT_EQ(run(h, {"quarantine", "restore", s.id}).out, "Restored.\n");
+  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.example.a/blob")));
+  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.example.b/data/x")));
+  EXPECT_EQ(run(h, {"quarantine"}).out, "");
+
+  run(h, {"clean", "--category", "userCaches"});
+  const auto again = Quarantine(h.paths()).sessions();
+  ASSERT_EQ(again.size(), 1u);
+  EXPECT_EQ(run(h, {"quarantine", "purge", again[0].id}).out, "Purged.\n");
+  EXPECT_TRUE(Quarantine(h.paths()).sessions().empty());
+  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));
+}
+
+TEST(CleanCommand, QuarantineUsageAndStoreErrors) {
+  ScratchHome h;
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;  // empty: any non-empty text
+  };
+  const Case cases[] = {
+      {{"quarantine", "restore"}, 2, "usage: quarantine restore <id>\n"},
+      {{"quarantine", "purge"}, 2, "usage: quarantine purge <id>\n"},
+      {{"quarantine", "restore", "20260101-000000-ABCDEF"}, 1, ""},
+      {{"quarantine", "purge", "20260101-000000-ABCDEF"}, 1, ""},
+      {{"quarantine", "purge", "../../Documents"}, 1, ""},
+  };
+  h.file("Documents/keep", 3);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args.back());
+    auto r = run(h, c.args);
+    EXPECT_EQ(r.status, c.status);
+    if (c.out.empty()) {
+      EXPECT_FALSE(r.out.empty());
+    } else {
+      EXPECT_EQ(r.out, c.out);
+    }
+  }
+  EXPECT_TRUE(fs::exists(h.path("Documents/keep")));
+}
+
+TEST(CleanCommand, RiskLimitNeverWidensAndTrashStaysADeletion) {
+  ScratchHome h;
+  h.file(".Trash/old.txt", 5000);
+  h.file(".Trash/folder/inner", 5000);
+  AppConfig config;
+  config.quarantineEverything = true;
+  ConfigStore(h.paths()).save(config);
+  // Trash items are "review": an unknown limit (wrong case) means "safe", so nothing goes.
+  EXPECT_EQ(run(h, {"clean", "--category", "trash", "--max-risk", "REVIEW"}).out, "Nothing to clean\n");
+  EXPECT_EQ(run(h, {"clean", "--category", "trash", "--max-risk"}).out, "Nothing to clean\n");
+  EXPECT_TRUE(fs::exists(h.path(".Trash/old.txt")));
+  auto r = run(h, {"clean", "--category", "trash", "--max-risk", "review"});
+  EXPECT_EQ(r.out.rfind("Freed ", 0), 0u) << r.out;  // deleted, not quarantined
+  EXPECT_FALSE(fs::exists(h.path(".Trash/old.txt")));
+  EXPECT_FALSE(fs::exists(h.path(".Trash/folder")));
+  EXPECT_TRUE(Quarantine(h.paths()).sessions().empty());
+}
+
+}  // namespace
+}  // namespace kestrel::agent
