@@ -5,6 +5,7 @@
 #include "core/clean/PrivilegedSession.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/ScratchHome.h"
+#include "tests/support/Wait.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -28,6 +29,7 @@ extern const std::string_view helperScript;
 namespace {
 
 using test::ScratchHome;
+using test::waitFor;
 namespace fs = std::filesystem;
 
 pid_t spawn(const std::vector<std::string>& argv) {
@@ -37,15 +39,6 @@ pid_t spawn(const std::vector<std::string>& argv) {
   pid_t pid = -1;
   EXPECT_EQ(::posix_spawn(&pid, a[0], nullptr, nullptr, a.data(), environ), 0);
   return pid;
-}
-
-bool waitFor(const std::function<bool()>& cond, double seconds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return cond();
 }
 
 // A helper started with bash as the test user (root in CI) on a scratch session folder.

@@ -4,6 +4,7 @@
 
 #include "core/clean/AdminCommand.h"
 #include "tests/support/FakeTools.h"
+#include "tests/support/Wait.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -19,17 +20,9 @@ namespace {
 
 using test::FakeTools;
 using test::ScratchHome;
+using test::waitFor;
 namespace fs = std::filesystem;
 using Op = PrivilegedSession::Operation;
-
-bool waitFor(const std::function<bool()>& cond, double seconds) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return cond();
-}
 
 // A fake polkit prompt that runs the command it is given (as the test user) and logs the call.
 void fakePkexec(FakeTools& tools) {
