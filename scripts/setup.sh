@@ -7,7 +7,7 @@ debian_packages=(
   cmake ninja-build g++ clang pkg-config
   nlohmann-json3-dev libhowardhinnant-date-dev libdate-tz3 libxxhash-dev
   libplist++-dev libplist-dev libuv1-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3 shellcheck util-linux
+  python3 shellcheck util-linux libclang-rt-14-dev procps
 )
 brew_formulae=(cmake ninja nlohmann-json howard-hinnant-date xxhash libplist libuv googletest google-benchmark shellcheck)
 

@@ -158,7 +158,9 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
   }
 
   auto setAsideOnPermission = [&](const std::error_code& ec) {
-    if (!isPermissionError(ec)) return false;
+    // Only a deletion may become a privileged deletion: an item the user wanted undoable must
+    // never be removed for good behind their back.
+    if (disposal != Disposal::delete_ || !isPermissionError(ec)) return false;
     const Verdict again = policy_.check(path);
     if (again.isBlocked()) return false;
     ScanItem admin = item;
@@ -166,14 +168,6 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     pass.adminItems.push_back(admin);
     return true;
   };
-
-  if (CloudFiles::isDataless(path)) {
-    CloudFiles::remove(path, 4);
-    addChecked(pass.report.freedBytes, item.size);
-    ++pass.report.itemsProcessed;
-    pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
-    return;
-  }
 
   try {
     // Open the parent from a trusted folder without following any link, then judge what was
@@ -192,6 +186,15 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
       const std::string reason = bound.isBlocked() ? bound.text : "The folder changed while cleaning";
       pass.report.skippedProtected.push_back(path);
       pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
+      return;
+    }
+
+    if (CloudFiles::isDataless(path)) {
+      // No local data: the cloud service's own removal, retried while it is busy.
+      CloudFiles::remove(path, 4);
+      addChecked(pass.report.freedBytes, item.size);
+      ++pass.report.itemsProcessed;
+      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
       return;
     }
 
@@ -294,7 +297,10 @@ std::vector<CleanFailure> Cleaner::restore(const std::string& sessionID, const s
   auto failures = quarantine_.restore(sessionID, entryIDs);
   const int64_t restored = before - activeBytes();
   audit_.append({AuditEntry::make(services_.now(), "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
-                                  failures.empty(), failures.empty() ? std::nullopt : std::optional(failures.front().message))});
+                                  failures.empty(),
+                                  failures.empty() ? std::nullopt
+                                                   : std::optional(std::to_string(failures.size()) +
+                                                                   " item(s) could not be restored"))});
   return failures;
 }
 

@@ -20,8 +20,20 @@ main() {
   last=$started
 
   # Pin the session folder: root-owned so its entries can no longer be swapped, then work by
-  # relative names inside it.
+  # relative names inside it. Before anything is changed, the folder must really be the app
+  # user's own "priv-" folder where the arguments say, not something a link leads to.
+  if [ ! -d "$dir" ] || [ -L "$dir" ]; then exit 1; fi
+  local expected owner app_uid
+  expected=$(cd -P -- "${dir%/*}" 2>/dev/null && pwd -P) || exit 1
+  expected="$expected/${dir##*/}"
   cd -P -- "$dir" || exit 1
+  [ "$(pwd -P)" = "$expected" ] || exit 1
+  [[ "${expected##*/}" == priv-* ]] || exit 1
+  # Numeric owner of the folder; ls -n is the form both systems share.
+  # shellcheck disable=SC2012
+  owner=$(ls -ldn . | awk '{print $3}')
+  app_uid=$(ps -o uid= -p "$app_pid" 2>/dev/null | tr -d ' ')
+  [ -n "$owner" ] && [ "$owner" = "$app_uid" ] || exit 1
   if [ "$(id -u)" = 0 ]; then
     chown 0:0 . || exit 1
     chmod 0711 . || exit 1
@@ -111,27 +123,26 @@ shape_ok() {
   return 1
 }
 
-# Physical folder check: the parent, with every link resolved, must itself lie at or below an
-# allowed root. Prints the parent's physical path.
-physical_parent() {
-  local parent="${1%/*}" phys root
-  phys=$(cd -P -- "$parent" 2>/dev/null && pwd -P) || return 1
+# True when the physical folder path "$1/" lies at or below an allowed root.
+root_ok() {
+  local root
   for root in "${ALLOWED_ROOTS[@]}"; do
-    if [[ "$phys/" == "$root"* ]]; then
-      printf '%s' "$phys"
-      return 0
-    fi
+    if [[ "$1" == "$root"* ]]; then return 0; fi
   done
   return 1
 }
 
+# Checks and removes inside one pinned working folder: the parent is entered once, its physical
+# path checked, and "./name" removed there, so no link swapped in between can redirect it.
 remove_one() {
-  local p="$1" phys name="${1##*/}"
+  local p="$1" name="${1##*/}"
   shape_ok "$p" || return 1
-  phys=$(physical_parent "$p") || return 1
-  # Remove "./name" inside the pinned parent, so no link on the way can redirect it.
-  (cd -P -- "$phys" && /bin/rm -rf -- "./$name") || return 1
-  [ ! -e "$phys/$name" ] && [ ! -L "$phys/$name" ]
+  (
+    cd -P -- "${p%/*}" 2>/dev/null || exit 1
+    root_ok "$(pwd -P)/" || exit 1
+    /bin/rm -rf -- "./$name" || exit 1
+    [ ! -e "./$name" ] && [ ! -L "./$name" ]
+  )
 }
 
 handle() {
@@ -162,14 +173,19 @@ handle() {
       if out=$(/bin/kill "-$sig" "$((10#$pid))" 2>&1); then reply "OK"; else reply "ERR $out"; fi
       ;;
     BOOTOUT)
-      local b64="${words[2]}" out phys name
+      local b64="${words[2]}" out name
       if [ "${#words[@]}" -ne 3 ] || ! decode "$b64"; then reply "ERR refused $b64"; return 0; fi
       name="${DECODED##*/}"
       if shape_ok "$DECODED" && [[ "$DECODED" == /Library/LaunchDaemons/*.plist ]] &&
          [ "${DECODED%/*}" = "/Library/LaunchDaemons" ] &&
-         phys=$(physical_parent "$DECODED") && [ "$phys" = "/Library/LaunchDaemons" ] &&
-         [ -f "$phys/$name" ] && [ ! -L "$phys/$name" ]; then
-        out=$(/bin/launchctl bootout system "$phys/$name" 2>&1)
+         out=$(
+           cd -P -- /Library/LaunchDaemons 2>/dev/null || exit 1
+           if [ "$(pwd -P)" != "/Library/LaunchDaemons" ] || [ ! -f "./$name" ] || [ -L "./$name" ]; then
+             exit 1
+           fi
+           /bin/launchctl bootout system "/Library/LaunchDaemons/$name" 2>&1
+           exit 0
+         ); then
         reply "OK $out"
       else
         reply "ERR refused $DECODED"
@@ -210,7 +226,7 @@ cleanup() {
   local here
   here=$(pwd -P)
   rm -f -- cmd out helper.sh
-  cd .. && rmdir -- "./${here##*/}" 2>/dev/null
+  cd -P .. && rmdir -- "./${here##*/}" 2>/dev/null
 }
 
 main "$@"; exit

@@ -1,6 +1,8 @@
 // Cloud placeholders on Linux: there are none, and there is no file coordinator.
 #include "core/platform/CloudItem.h"
 
+#include "core/storage/SafeRemove.h"
+
 namespace kestrel::platform {
 
 bool isDataless(const std::filesystem::path&) noexcept { return false; }
@@ -10,8 +12,9 @@ std::optional<std::string> evictUbiquitousItem(const std::filesystem::path&) {
 }
 
 void coordinatedRemove(const std::filesystem::path& path) {
-  // remove_all never follows a link: a link is removed as a link.
-  std::filesystem::remove_all(path);
+  // No file coordinator here: the safe remover, walking from "/" without following any link.
+  const RemoveResult r = SafeRemover("/").remove(path);
+  if (!r.ok()) throw std::filesystem::filesystem_error(r.message(), path, r.error);
 }
 
 }  // namespace kestrel::platform

@@ -205,6 +205,8 @@ std::vector<Verdict> SafetyPolicy::checkAll(const std::vector<std::string>& path
 Verdict SafetyPolicy::check(const std::string& path, std::unordered_map<std::string, std::string>* memo) const {
   const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
   if (p.empty() || p.front() != '/') return Verdict::blocked("Not an absolute path");
+  // Without a real home folder everything would count as "inside home".
+  if (home_ == "/") return Verdict::blocked("No home folder");
   for (const auto& t : topLevel_)
     if (p == t) return Verdict::blocked("Top-level folder");
   for (const auto& e : userProtected_)

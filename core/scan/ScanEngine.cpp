@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -51,21 +52,26 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
   {
     std::vector<std::thread> threads;
     threads.reserve(scanners.size());
+    auto runOne = [&context, &status, &resultsMutex, &results](const JunkScanner* s) {
+      const CleanCategory category = s->category();
+      std::vector<ScanItem> items;
+      try {
+        items = s->scan(context);
+      } catch (const std::exception&) {
+        // A scanner reports problems by finding less; one that throws anyway found nothing.
+        items.clear();
+      }
+      if (status) status(category);
+      std::lock_guard lock(resultsMutex);
+      results.push_back(CategoryResult{category, std::move(items), std::nullopt});
+    };
     for (const auto& scanner : scanners) {
       const JunkScanner* s = scanner.get();
-      threads.emplace_back([s, &context, &status, &resultsMutex, &results] {
-        const CleanCategory category = s->category();
-        std::vector<ScanItem> items;
-        try {
-          items = s->scan(context);
-        } catch (const std::exception&) {
-          // A scanner reports problems by finding less; one that throws anyway found nothing.
-          items.clear();
-        }
-        if (status) status(category);
-        std::lock_guard lock(resultsMutex);
-        results.push_back(CategoryResult{category, std::move(items), std::nullopt});
-      });
+      try {
+        threads.emplace_back(runOne, s);
+      } catch (const std::system_error&) {
+        runOne(s);  // no thread to be had: scan this one on the calling thread
+      }
     }
     for (auto& t : threads) t.join();
   }

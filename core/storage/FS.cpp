@@ -32,7 +32,13 @@ class SizeWalk {
   int64_t run(int rootFd, unsigned workers) {
     queue_.push_back(rootFd);
     std::vector<std::thread> threads;
-    for (unsigned i = 1; i < workers; ++i) threads.emplace_back([this] { work(); });
+    for (unsigned i = 1; i < workers; ++i) {
+      try {
+        threads.emplace_back([this] { work(); });
+      } catch (const std::system_error&) {
+        break;  // fewer helpers: the calling thread walks what they would have taken
+      }
+    }
     work();
     for (auto& t : threads) t.join();
     for (int fd : queue_) ::close(fd);  // left over only after a cancel
@@ -202,27 +208,37 @@ std::optional<Date> newestModification(const fs::path& url, int limit) noexcept 
   auto newest = modificationDate(url);
   if (!newest || !isDirectory(url)) return newest;
   try {
-    std::vector<UniqueFd> stack;
-    UniqueFd root(platform::openDirectory(url.c_str()));
-    if (!root) return newest;
-    stack.push_back(std::move(root));
-    int visited = 0;
-    while (!stack.empty() && visited < limit) {
-      UniqueFd dir = std::move(stack.back());
-      stack.pop_back();
+    // Depth-first with one open folder per level: a wide folder never holds its subfolders open.
+    struct Frame {
+      UniqueFd fd;
       std::vector<std::string> subdirs;
-      platform::readDirectory(dir.get(), [&](const char* name, EntryType) {
+      size_t next = 0;
+    };
+    int visited = 0;
+    auto list = [&](Frame& f) {
+      platform::readDirectory(f.fd.get(), [&](const char* name, EntryType) {
         if (visited >= limit) return;
         ++visited;
         platform::EntryStat st;
-        if (!platform::statAt(dir.get(), name, st, true)) return;
+        if (!platform::statAt(f.fd.get(), name, st, true)) return;
         if (st.modified > *newest) newest = st.modified;
-        if (st.type == EntryType::directory) subdirs.emplace_back(name);
+        if (st.type == EntryType::directory) f.subdirs.emplace_back(name);
       });
-      for (const auto& s : subdirs) {
-        UniqueFd child(platform::openDirectoryAt(dir.get(), s.c_str()));
-        if (child) stack.push_back(std::move(child));
+    };
+    std::vector<Frame> stack;
+    stack.push_back(Frame{UniqueFd(platform::openDirectory(url.c_str())), {}, 0});
+    if (!stack.back().fd) return newest;
+    list(stack.back());
+    while (!stack.empty() && visited < limit) {
+      Frame& top = stack.back();
+      if (top.next >= top.subdirs.size()) {
+        stack.pop_back();
+        continue;
       }
+      UniqueFd child(platform::openDirectoryAt(top.fd.get(), top.subdirs[top.next++].c_str()));
+      if (!child) continue;
+      stack.push_back(Frame{std::move(child), {}, 0});
+      list(stack.back());
     }
   } catch (const std::bad_alloc&) {
     // best effort: what was seen so far stands

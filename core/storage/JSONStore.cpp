@@ -55,14 +55,20 @@ void writeAtomically(std::string_view bytes, const fs::path& url) {
   const fs::path parent = url.parent_path().empty() ? fs::path(".") : url.parent_path();
   fs::create_directories(parent);
   UniqueFd dir(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir) throwErrno(errno, "open " + parent.string());
+  if (!dir) {
+    const int err = errno;
+    throwErrno(err, "open " + parent.string());
+  }
   const std::string name = url.filename().string();
   std::string tmp;
   UniqueFd fd;
   for (int attempt = 0; attempt < 16 && !fd; ++attempt) {
     tmp = uniqueTempName(name);
     fd.reset(::openat(dir.get(), tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd && errno != EEXIST) throwErrno(errno, "create " + (parent / tmp).string());
+    if (!fd && errno != EEXIST) {
+      const int err = errno;
+      throwErrno(err, "create " + (parent / tmp).string());
+    }
   }
   if (!fd) throwErrno(EEXIST, "create " + (parent / tmp).string());
   auto fail = [&](int err, const std::string& what) {

@@ -221,6 +221,8 @@ Kind kindOf(platform::EntryType t) {
 
 bool listInto(Frame& f) {
   f.pending.clear();
+  // A second listing of the same descriptor (after a folder refused to go) starts from the top.
+  ::lseek(f.fd, 0, SEEK_SET);
   return platform::readDirectory(f.fd, [&](const char* name, platform::EntryType type) {
     f.pending.emplace_back(name, type);
   });

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <atomic>
 #include <fstream>
 #include <thread>
 
@@ -292,6 +293,75 @@ TEST(HelperScript, RemovesOnlyWhatThePathRulesAllow) {
   EXPECT_FALSE(fs::exists(d / "go"));
   EXPECT_TRUE(fs::exists(refused));
   EXPECT_EQ(helper.send("RM " + b64((d / "plain").string()) + " " + b64((d / "nulpart").string())), "OK removed 2");
+}
+
+TEST(HelperScript, RefusesASessionFolderThatIsNotTheAppsOwn) {
+  ScratchHome h;
+  // A folder the helper must never take over: its mode, owner and content stay as they are.
+  const fs::path victim = h.outside("victim");
+  writeFile(victim / "helper.sh", "keep");
+  ::mkfifo((victim / "cmd").c_str(), 0600);
+  ::mkfifo((victim / "out").c_str(), 0600);
+  ::chmod(victim.c_str(), 01777);
+  h.link("priv-link", victim);
+  const fs::path wrongName = h.folder("session-x");
+  ::mkfifo((wrongName / "cmd").c_str(), 0600);
+  ::mkfifo((wrongName / "out").c_str(), 0600);
+  const fs::path otherOwner = h.folder("priv-other");
+  ::mkfifo((otherOwner / "cmd").c_str(), 0600);
+  ::mkfifo((otherOwner / "out").c_str(), 0600);
+  const bool canChown = ::geteuid() == 0 && ::chown(otherOwner.c_str(), 65534, 65534) == 0;
+  struct Case {
+    fs::path dir;
+    fs::path real;
+    mode_t mode;
+  };
+  std::vector<Case> cases = {{h.path("priv-link"), victim, 01777}, {wrongName, wrongName, 0755}};
+  if (canChown) cases.push_back({otherOwner, otherOwner, 0755});
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.dir.string());
+    auto r = Shell::run("/bin/bash", {"-c", std::string(embedded::helperScript), "helper", c.dir.string(), randomHexToken(), std::to_string(::getpid())}, 10);
+    EXPECT_EQ(r.status, 1);
+    struct stat st;
+    ASSERT_EQ(::stat(c.real.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, c.mode);
+    EXPECT_TRUE(fs::exists(c.real / "cmd"));
+  }
+  EXPECT_EQ(test::readText(victim / "helper.sh"), "keep");
+}
+
+TEST(HelperScript, RemovalRacingALinkSwapStaysInside) {
+  if (::geteuid() != 0) GTEST_SKIP() << "RM cases need root to use an allowed system location";
+  ScratchHome h;
+  test::AllowedRoot root;
+  const fs::path outside = h.outside("target");
+  const fs::path a = root.dir() / "a";
+  Helper helper(h.path("priv-race"), ::getpid());
+  std::atomic<bool> stop{false};
+  std::thread attacker([&] {
+    const fs::path moved = root.dir() / "a.moved";
+    while (!stop.load()) {
+      std::error_code ec;
+      fs::rename(a, moved, ec);
+      if (ec) continue;
+      fs::create_directory_symlink(outside, a, ec);
+      std::this_thread::sleep_for(std::chrono::microseconds(50));
+      fs::remove(a, ec);
+      fs::rename(moved, a, ec);
+    }
+  });
+  int breaches = 0;
+  for (int i = 0; i < 200; ++i) {
+    writeFile(outside / "victim", "precious");
+    std::error_code ec;
+    fs::create_directories(a, ec);
+    writeFile(a / "victim", "junk");
+    helper.send("RM " + b64((a / "victim").string()));
+    breaches += !fs::exists(outside / "victim");
+  }
+  stop = true;
+  attacker.join();
+  EXPECT_EQ(breaches, 0);
 }
 
 }  // namespace
