@@ -67,12 +67,12 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
         case ItemTarget::Kind::command: {
           ++pass.report.itemsProcessed;
           if (dryRun) break;
-          const auto& spec = item.target.command;
-          const Shell::Result r = services_.runCommand(spec.executable, spec.arguments, 600);
+          const auto& command = item.target.command;
+          const Shell::Result r = services_.runCommand(command.executable, command.arguments, 600);
           const std::string message = r.stderr.empty() ? "exit " + std::to_string(r.status) : r.stderr;
           if (r.ok()) addChecked(pass.report.freedBytes, item.size);
           else pass.report.failures.push_back({item.id, message});
-          pass.audit.push_back(AuditEntry::make(pass.now, "command", spec.display(), item.size, item.category,
+          pass.audit.push_back(AuditEntry::make(pass.now, "command", command.display(), item.size, item.category,
                                                 trigger, r.ok(), r.ok() ? std::nullopt : std::optional(message)));
           break;
         }
@@ -106,9 +106,26 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
   }
   if (progress) progress(items.size(), items.size());
   if (!dryRun) runAdminStep(pass);
-  if (pass.session) pass.report.quarantineSessionID = pass.session->id;
+  if (pass.session && !(pass.session->entries.empty() && discardEmptySession(pass.session->id)))
+    pass.report.quarantineSessionID = pass.session->id;
   if (!dryRun) audit_.append(pass.audit);
   return pass.report;
+}
+
+bool Cleaner::discardEmptySession(const std::string& sessionID) {
+  // Every item meant for quarantine failed. The store's own reading settles any move that was
+  // under way, so the session goes only when that reading confirms nothing is in it.
+  for (const auto& s : quarantine_.sessions()) {
+    if (s.id != sessionID) continue;
+    if (!s.entries.empty()) return false;
+    try {
+      quarantine_.purge(s.id);
+      return true;
+    } catch (const std::exception&) {
+      return false;  // an empty session left behind expires and is purged with the others
+    }
+  }
+  return true;  // nothing readable was left of it
 }
 
 void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pass& pass) {
