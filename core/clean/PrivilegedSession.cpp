@@ -238,18 +238,18 @@ std::optional<std::string> PrivilegedSession::send(const std::string& line, doub
   cmd.reset();
   std::string reply;
   const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeout));
+  // The helper holds its end of "out" open for as long as it lives, so end-of-file means it is
+  // gone (killed, or its children that inherited the pipe have exited too): stop waiting then
+  // rather than for the whole time the operation may take.
   while (Clock::now() < deadline) {
     pollfd p{out.get(), POLLIN, 0};
-    const int rc = ::poll(&p, 1, 200);
-    if (rc < 0 && errno != EINTR) break;
-    if (rc <= 0) continue;
+    if (::poll(&p, 1, 200) < 0 && errno != EINTR) break;
     const ssize_t n = ::read(out.get(), buf, sizeof buf);
     if (n > 0) {
       reply.append(buf, static_cast<size_t>(n));
       if (reply.find('\n') != std::string::npos) break;
-    } else if (n == 0) {
-      if (!reply.empty()) break;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));  // no writer yet
+    } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+      break;
     }
   }
   reply = trim(repairUTF8(reply.substr(0, reply.find('\n'))));

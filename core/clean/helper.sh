@@ -16,7 +16,9 @@ main() {
   settings
   local IDLE_LIMIT=1800 LIFETIME_LIMIT=7200 POLL=20 MAX_LINE=65536
   local started last now
-  started=$(date +%s)
+  # The shell's own clock and kill: no child process, which would inherit the pipes and keep
+  # them open for a moment after this shell is gone.
+  started=$SECONDS
   last=$started
 
   # Pin the session folder: root-owned so its entries can no longer be swapped, then work by
@@ -42,14 +44,15 @@ main() {
     cleanup
     exit 1
   fi
-  exec 3<>cmd || { cleanup; exit 1; }
-  # One descriptor for every reply: reopening by name could follow a swapped link.
+  # One descriptor for every reply: reopening by name could follow a swapped link. It is opened
+  # first, so once the app can open "cmd" a reply always has a writer to come from.
   exec 4<>out || { cleanup; exit 1; }
+  exec 3<>cmd || { cleanup; exit 1; }
 
   local line rest
   while :; do
-    /bin/kill -0 "$app_pid" 2>/dev/null || break
-    now=$(date +%s)
+    kill -0 "$app_pid" 2>/dev/null || break
+    now=$SECONDS
     [ $((now - last)) -ge "$IDLE_LIMIT" ] && break
     [ $((now - started)) -ge "$LIFETIME_LIMIT" ] && break
     line=""
@@ -65,7 +68,7 @@ main() {
       continue
     fi
     [ -z "$line" ] && continue
-    last=$(date +%s)
+    last=$SECONDS
     handle "$line" || break
   done
   cleanup

@@ -400,17 +400,17 @@ TEST(Cleaner, CommandsReportTheirExitAndGetTheirExactArguments) {
       {1, "Cannot connect to the Docker daemon", "Cannot connect to the Docker daemon"},
       {127, "", "exit 127"},
   };
-  const CommandSpec spec{"docker", {"system", "prune", "--force", "--filter", "until=24h"}};
+  const CommandSpec pruneCommand{"docker", {"system", "prune", "--force", "--filter", "until=24h"}};
   for (const auto& c : cases) {
     SCOPED_TRACE(std::to_string(c.status) + " " + c.stderrText);
     Harness t;
     t.commandResult.status = c.status;
     t.commandResult.stderr = c.stderrText;
-    const ScanItem item = withTarget(pathItem("docker-images", 1000, CleanCategory::docker), ItemTarget::forCommand(spec));
+    const ScanItem item = withTarget(pathItem("docker-images", 1000, CleanCategory::docker), ItemTarget::forCommand(pruneCommand));
     const CleanReport r = t.cleaner().clean({item}, TriggerSource::schedule("Weekly"), false, std::nullopt);
     ASSERT_EQ(t.commands.size(), 1u);
     EXPECT_EQ(std::get<0>(t.commands[0]), "docker");
-    EXPECT_EQ(std::get<1>(t.commands[0]), spec.arguments);
+    EXPECT_EQ(std::get<1>(t.commands[0]), pruneCommand.arguments);
     EXPECT_EQ(std::get<2>(t.commands[0]), 600);
     EXPECT_EQ(r.freedBytes, c.failure ? 0 : 1000);
     if (c.failure) {

@@ -103,6 +103,34 @@ TEST(PrivilegedSession, FallsBackToOneShotCommandsPerOperation) {
   EXPECT_EQ(leftovers, 0);
 }
 
+TEST(PrivilegedSession, HelperDyingMidOperationEndsTheWait) {
+  // A stand-in helper that answers PING, then dies on the operation while a child it started
+  // still holds both pipes for a moment. The app must give up once the last holder is gone,
+  // not wait out the operation's ten minutes.
+  ScratchHome h;
+  int prompts = 0;
+  PrivilegedSession session(h.paths(), [&](const std::string&, const std::string&, double) {
+    ++prompts;
+    for (auto& e : fs::directory_iterator(h.paths().supportDir())) {
+      if (e.path().filename().string().rfind("priv-", 0) != 0) continue;
+      const std::string script =
+          "cd \"$1\" || exit 1; exec 4<>out 3<>cmd; "
+          "while IFS= read -r line <&3; do case \"$line\" in *' PING') echo OK >&4 ;; "
+          "*) sleep 0.5 & exit 0 ;; esac; done";
+      const std::string launch =
+          "nohup /bin/bash -c " + AdminCommand::shellQuote(script) + " responder " +
+          AdminCommand::shellQuote(e.path().string()) + " </dev/null >/dev/null 2>&1 &";
+      return Shell::run("/bin/sh", {"-c", launch}, 5);
+    }
+    return Shell::Result{1, "", "no session folder"};
+  });
+  const auto r = session.run(Op::maintenance(Op::Script::periodicDaily));
+  EXPECT_FALSE(r.ok());
+  EXPECT_EQ(r.stderr, "The privileged helper did not answer");
+  EXPECT_EQ(prompts, 1);
+  EXPECT_FALSE(session.isActive());
+}
+
 TEST(PrivilegedSession, MissingPromptToolIsTheFallbacksFailure) {
   {
     test::ScopedEnv path("PATH", "");
