@@ -23,14 +23,10 @@
 namespace kestrel {
 namespace {
 
+using test::lexists;
 using test::ScratchHome;
 
 const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
-
-bool lexists(const fs::path& p) {
-  struct stat st;
-  return ::lstat(p.c_str(), &st) == 0;
-}
 
 ScanItem pathItem(const fs::path& path, int64_t size, CleanCategory category = CleanCategory::userCaches) {
   ScanItem i;
@@ -190,34 +186,22 @@ TEST(Cleaner, DisposesOfEachItemByCategoryConfigOrOverride) {
     } else {
       EXPECT_FALSE(lexists(t.h.paths().quarantineDir()));
     }
+    // Every field of the records is checked in the audit test; here, that the action follows.
     const auto audit = t.audit();
     ASSERT_EQ(audit.size(), 1u);
     EXPECT_EQ(audit[0].action, rawValue(c.expected));
-    EXPECT_EQ(audit[0].target, item.string());
-    EXPECT_EQ(audit[0].size, 4096);
-    EXPECT_EQ(audit[0].category, c.category);
-    EXPECT_EQ(audit[0].trigger, trigger);
-    EXPECT_EQ(audit[0].date, kNow);
     EXPECT_TRUE(audit[0].success);
   }
 }
 
 TEST(Cleaner, QuarantineSessionIsOpenedOnceAndOnlyWhenNeeded) {
   Harness t;
-  // Nothing quarantined: no session, no session folder.
-  const fs::path a = t.h.file("Library/Caches/a", 10);
-  const fs::path b = t.h.file("Library/Logs/b.log", 20);
-  CleanReport r = t.cleaner().clean({pathItem(a, 10), pathItem(b, 20, CleanCategory::logs)},
-                                    TriggerSource::manual(), false, std::nullopt);
-  EXPECT_EQ(r.freedBytes, 30);
-  EXPECT_FALSE(r.quarantineSessionID);
-  EXPECT_FALSE(lexists(t.h.paths().quarantineDir()));
-
-  // Two quarantined items share one session; a deletion beside them stays a deletion.
+  // Two quarantined items share one session; a deletion beside them stays a deletion. (A clean
+  // with nothing to quarantine opens none: see the disposal table.)
   const fs::path c = t.h.text("Downloads/old.zip", "zip bytes");
   const fs::path d = t.h.text("Downloads/Album/photo.jpg", "jpeg bytes");
   const fs::path e = t.h.file("Library/Caches/e", 5);
-  r = t.cleaner().clean({pathItem(c, 9, CleanCategory::oldDownloads), pathItem(e, 5),
+  const CleanReport r = t.cleaner().clean({pathItem(c, 9, CleanCategory::oldDownloads), pathItem(e, 5),
                          pathItem(d.parent_path(), 10, CleanCategory::oldDownloads)},
                         TriggerSource::manual(), false, std::nullopt);
   EXPECT_TRUE(r.failures.empty());
@@ -426,11 +410,6 @@ TEST(Cleaner, CommandsReportTheirExitAndGetTheirExactArguments) {
     EXPECT_EQ(audit[0].success, !c.failure);
     EXPECT_EQ(audit[0].message, c.failure);
     EXPECT_EQ(audit[0].trigger, TriggerSource::schedule("Weekly"));
-
-    // A dry run never runs it.
-    t.commands.clear();
-    t.cleaner().clean({item}, TriggerSource::manual(), true, std::nullopt);
-    EXPECT_TRUE(t.commands.empty());
   }
 }
 

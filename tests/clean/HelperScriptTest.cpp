@@ -171,47 +171,12 @@ TEST(HelperScript, QuitsAndCleansUpWhenTheAppIsGone) {
 TEST(HelperScript, KillRefusesInitItselfAndOddSignals) {
   if (!Shell::which("unshare") || ::geteuid() != 0) GTEST_SKIP() << "needs root and unshare for a PID namespace";
   ScratchHome h;
-  // Inside its own PID namespace the helper is pid 1 and a sleep the test started is its child,
-  // so no mistake can reach the machine's real processes.
-  const fs::path dir = h.path("priv-ns");
-  fs::create_directories(dir);
-  ::mkfifo((dir / "cmd").c_str(), 0600);
-  ::mkfifo((dir / "out").c_str(), 0600);
-  const std::string token = randomHexToken();
-  const std::string wrapper = "/bin/sleep 300 & echo $! > " + AdminCommand::shellQuote((h.root() / "sleep.pid").string()) +
-                              "; exec /bin/bash -c \"$0\" helper " + AdminCommand::shellQuote(dir.string()) + " " + token + " 1";
-  const pid_t ns = spawn({"/usr/bin/unshare", "--pid", "--fork", "--mount-proc", "/bin/bash", "-c", wrapper,
-                          std::string(embedded::helperScript)});
-  ASSERT_TRUE(waitFor([&] { return fs::exists(h.root() / "sleep.pid") && !test::readText(h.root() / "sleep.pid").empty(); }, 10));
+  // Inside its own PID namespace the helper is pid 1 (its own app pid, so it stays) and a sleep
+  // the wrapper started is its child, so no mistake can reach the machine's real processes.
+  const std::string wrapper = "/bin/sleep 300 & echo $! > " +
+                              AdminCommand::shellQuote((h.root() / "sleep.pid").string()) + "; exec \"$0\" \"$@\"";
+  Helper helper(h.path("priv-ns"), 1, {"/usr/bin/unshare", "--pid", "--fork", "--mount-proc", "/bin/bash", "-c", wrapper});
   const std::string sleepPid = std::to_string(std::stoi(test::readText(h.root() / "sleep.pid")));
-  auto send = [&](const std::string& rest) -> std::optional<std::string> {
-    for (int i = 0; i < 100; ++i) {
-      const int cmd = ::open((dir / "cmd").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-      if (cmd >= 0) {
-        ::close(cmd);
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    const int cmd = ::open((dir / "cmd").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (cmd < 0) return std::nullopt;
-    const int out = ::open((dir / "out").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const std::string line = token + " " + rest + "\n";
-    ::fcntl(cmd, F_SETFL, 0);
-    EXPECT_EQ(::write(cmd, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    ::close(cmd);
-    std::string reply;
-    for (int i = 0; i < 100 && reply.find('\n') == std::string::npos; ++i) {
-      pollfd p{out, POLLIN, 0};
-      if (::poll(&p, 1, 100) > 0) {
-        char buf[512];
-        const ssize_t n = ::read(out, buf, sizeof buf);
-        if (n > 0) reply.append(buf, static_cast<size_t>(n));
-      }
-    }
-    ::close(out);
-    return reply.substr(0, reply.find('\n'));
-  };
   struct Case {
     std::string line;
     std::string reply;
@@ -227,11 +192,8 @@ TEST(HelperScript, KillRefusesInitItselfAndOddSignals) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.line);
-    EXPECT_EQ(send(c.line), c.reply);
+    EXPECT_EQ(helper.send(c.line), c.reply);
   }
-  EXPECT_EQ(send("QUIT"), "OK");
-  int status = 0;
-  EXPECT_TRUE(waitFor([&] { return ::waitpid(ns, &status, WNOHANG) == ns; }, 10));
 }
 
 void writeFile(const fs::path& p, const std::string& text = "x") {

@@ -19,14 +19,10 @@
 namespace kestrel {
 namespace {
 
+using test::lexists;
 using test::ScratchHome;
 
 const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
-
-bool lexists(const fs::path& p) {
-  struct stat st;
-  return ::lstat(p.c_str(), &st) == 0;
-}
 
 fs::path itemsDir(const ScratchHome& h, const QuarantineSession& s) {
   return h.paths().quarantineDir() / s.id / "items";

@@ -168,7 +168,10 @@ TEST(FS, VolumesAndSpace) {
   ASSERT_TRUE(space);
   EXPECT_GT(space->total, 0);
   EXPECT_GE(space->total, space->free);
-  EXPECT_EQ(FS::freeSpace(h.home()), space->free);
+  // Tests running beside this one write meanwhile, so the two readings agree only roughly.
+  const auto free = FS::freeSpace(h.home());
+  ASSERT_TRUE(free);
+  EXPECT_NEAR(static_cast<double>(*free), static_cast<double>(space->free), 256.0 * 1024 * 1024);
   EXPECT_FALSE(FS::volumeSpace(h.path("missing")));
   EXPECT_FALSE(FS::isRemoteVolume(h.home()));
   struct Case {

@@ -99,4 +99,9 @@ std::string readText(const fs::path& p) {
   return ss.str();
 }
 
+bool lexists(const fs::path& p) {
+  struct stat st;
+  return ::lstat(p.c_str(), &st) == 0;
+}
+
 }  // namespace kestrel::test

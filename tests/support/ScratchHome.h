@@ -55,4 +55,7 @@ class ScopedEnv {
 // Reads a whole file; empty when it cannot be read.
 std::string readText(const fs::path& p);
 
+// Whether anything, a dangling link included, stands at `p`.
+bool lexists(const fs::path& p);
+
 }  // namespace kestrel::test

@@ -1,4 +1,5 @@
-// Quiet file reads on macOS: the file system already leaves access times of reads alone.
+// Quiet file reads: O_NOATIME where the system has it and the caller owns the file (macOS has no
+// such flag; its file system leaves the access times of reads alone).
 #include "core/platform/QuietRead.h"
 
 #include "core/storage/UniqueFd.h"
@@ -12,7 +13,15 @@
 namespace kestrel::platform {
 
 std::optional<std::vector<char>> readFileQuietly(const std::filesystem::path& path, size_t maxBytes) noexcept {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+#ifdef O_NOATIME
+  int raw = ::open(path.c_str(), kFlags | O_NOATIME);
+  // O_NOATIME is refused on files of other owners; reading them may then touch the access time.
+  if (raw < 0 && errno == EPERM) raw = ::open(path.c_str(), kFlags);
+#else
+  const int raw = ::open(path.c_str(), kFlags);
+#endif
+  UniqueFd fd(raw);
   if (!fd) return std::nullopt;
   struct stat st;
   if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
