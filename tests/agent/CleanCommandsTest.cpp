@@ -60,10 +60,18 @@ TEST(CleanCommand, UsageErrorsListTheCategories) {
   }
 }
 
-TEST(CleanCommand, DeletesAndReportsFreedBytes) {
+TEST(CleanCommand, DryRunTouchesNothingThenCleanDeletesAndAudits) {
   ScratchHome h;
   makeCaches(h);
-  auto r = run(h, {"clean", "--category", "userCaches"});
+  const std::string before = listing(h.home());
+  auto r = run(h, {"clean", "--category", "userCaches", "--dry-run"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("Would free ", 0), 0u) << r.out;
+  EXPECT_EQ(listing(h.home()), before);
+  EXPECT_FALSE(fs::exists(h.paths().auditFile()));
+  EXPECT_FALSE(fs::exists(h.paths().quarantineDir()));
+
+  r = run(h, {"clean", "--category", "userCaches"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.rfind("Freed ", 0), 0u) << r.out;
   EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));
@@ -79,18 +87,6 @@ TEST(CleanCommand, DeletesAndReportsFreedBytes) {
     EXPECT_GE(e.size, 65536);
   }
   EXPECT_EQ(run(h, {"clean", "--category", "userCaches"}).out, "Nothing to clean\n");
-}
-
-TEST(CleanCommand, DryRunTouchesNothing) {
-  ScratchHome h;
-  makeCaches(h);
-  const std::string before = listing(h.home());
-  auto r = run(h, {"clean", "--category", "userCaches", "--dry-run"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.rfind("Would free ", 0), 0u) << r.out;
-  EXPECT_EQ(listing(h.home()), before);
-  EXPECT_FALSE(fs::exists(h.paths().auditFile()));
-  EXPECT_FALSE(fs::exists(h.paths().quarantineDir()));
 }
 
 TEST(CleanCommand, QuarantineRestoreAndPurgeThroughTheCommands) {

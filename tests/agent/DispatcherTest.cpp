@@ -27,21 +27,6 @@ TEST(Dispatcher, UnknownWordsPrintUsageAndSucceed) {
   }
 }
 
-TEST(Dispatcher, TableKeepsDispatchOrder) {
-  const std::vector<std::string_view> order = {"shred-watch", "shred-now", "shred-history", "run-scheduled",
-                                               "run-rule", "scan", "clean", "forecast", "growth",
-                                               "quarantine", "rules"};
-  size_t last = 0;
-  for (const auto& c : commandTable()) {
-    auto it = std::find(order.begin(), order.end(), c.word);
-    ASSERT_NE(it, order.end()) << c.word;
-    const size_t pos = static_cast<size_t>(it - order.begin());
-    EXPECT_GE(pos, last);
-    last = pos;
-    EXPECT_NE(c.handler, nullptr);
-  }
-}
-
 TEST(Dispatcher, OptionAndFlag) {
   std::ostringstream out;
   Context ctx{{"--category", "logs", "--dry-run", "--max-risk"}, Paths("/tmp"), out};

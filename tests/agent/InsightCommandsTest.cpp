@@ -96,23 +96,11 @@ TEST(InsightCommands, ParseDayCount) {
     std::optional<int64_t> expected;
   };
   const Case cases[] = {
-      {"7", 7},
-      {"0", 0},
-      {"30", 30},
-      {"+3", 3},
-      {"-2", -2},
-      {"007", 7},
-      {"9223372036854775807", INT64_MAX},
-      {"-9223372036854775808", INT64_MIN},
-      {"9223372036854775808", std::nullopt},
-      {"", std::nullopt},
-      {"+", std::nullopt},
-      {"-", std::nullopt},
-      {"3x", std::nullopt},
-      {" 3", std::nullopt},
-      {"3.0", std::nullopt},
-      {"--snapshot", std::nullopt},
-      {"٣", std::nullopt},
+      {"7", 7}, {"0", 0}, {"30", 30}, {"+3", 3}, {"-2", -2}, {"007", 7},
+      {"9223372036854775807", INT64_MAX}, {"-9223372036854775808", INT64_MIN},
+      {"9223372036854775808", std::nullopt}, {"", std::nullopt}, {"+", std::nullopt},
+      {"-", std::nullopt}, {"3x", std::nullopt}, {" 3", std::nullopt}, {"3.0", std::nullopt},
+      {"--snapshot", std::nullopt}, {"٣", std::nullopt},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -148,16 +136,13 @@ TEST_F(GrowthCommand, PrintsSignedChangesWithTildePaths) {
     std::vector<std::string> args;
     const char* expected;
   };
+  // Against the snapshot a week back; a day count that does not parse means a week.
+  const char* week = "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"
+                     "-50 MB\t/elsewhere/data\n";
   const Case cases[] = {
-      {{"growth"},
-       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
-       "MB\t/elsewhere/data\n"},
-      {{"growth", "7"},
-       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
-       "MB\t/elsewhere/data\n"},
-      {{"growth", "week"},
-       "+200 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n-50 "
-       "MB\t/elsewhere/data\n"},
+      {{"growth"}, week},
+      {{"growth", "7"}, week},
+      {{"growth", "week"}, week},
       {{"growth", "14"}, "+300 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
       {{"growth", "0"}, "+100 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
       {{"growth", "1"}, "+100 MB\t~/Downloads/marker\n-20 MB\t~/Library/Caches/com.example\n"},
@@ -186,11 +171,15 @@ TEST_F(GrowthCommand, SnapshotFlagMeasuresFirstAndKeepsDefaultDays) {
 TEST(InsightCommands, GrowthNeedsTwoSnapshots) {
   ScratchHome h;
   h.file("Documents/a", 100);
+  // A damaged snapshot file counts as none.
+  h.text("Library/Application Support/orvo Kestrel/growth-snapshots.json", "[{\"sizes\":{}}]");
   auto r = run(h, {"growth"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "Need two snapshots; run again tomorrow.\n");
-  // The first run took a snapshot; a second plain run does not take another.
-  EXPECT_EQ(GrowthTracker(h.paths()).snapshots().size(), 1u);
+  // The first run replaced it with a snapshot; a second plain run does not take another.
+  auto list = GrowthTracker(h.paths()).snapshots();
+  ASSERT_EQ(list.size(), 1u);
+  EXPECT_GT(list[0].sizes.at(h.path("Documents").string()), 0);
   r = run(h, {"growth", "3"});
   EXPECT_EQ(r.out, "Need two snapshots; run again tomorrow.\n");
   EXPECT_EQ(GrowthTracker(h.paths()).snapshots().size(), 1u);

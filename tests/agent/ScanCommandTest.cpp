@@ -21,18 +21,14 @@ int64_t allocated(const fs::path& p) {
   return static_cast<int64_t>(st.st_blocks) * 512;
 }
 
-TEST(ScanCommand, EmptyHomePrintsOnlyTheTotal) {
+TEST(ScanCommand, TablePadsNamesAndSizesAndAnEmptyHomeShowsOnlyTheTotal) {
   ScratchHome h;
-  std::ostringstream out;
-  EXPECT_EQ(runAgent({"scan"}, h.paths(), out), 0);
-  EXPECT_EQ(out.str(), "Total reclaimable: Zero KB\n");
-  std::ostringstream json;
-  EXPECT_EQ(runAgent({"scan", "--json"}, h.paths(), json), 0);
-  EXPECT_EQ(json.str(), "[\n\n]\n");
-}
+  std::ostringstream empty, emptyJson;
+  EXPECT_EQ(runAgent({"scan"}, h.paths(), empty), 0);
+  EXPECT_EQ(empty.str(), "Total reclaimable: Zero KB\n");
+  EXPECT_EQ(runAgent({"scan", "--json"}, h.paths(), emptyJson), 0);
+  EXPECT_EQ(emptyJson.str(), "[\n\n]\n");
 
-TEST(ScanCommand, TablePadsNamesAndSizes) {
-  ScratchHome h;
   const Date now = std::chrono::system_clock::now();
   for (const char* rel : {"Library/Caches/com.a/blob", "Library/Caches/com.b/blob"}) h.file(rel, 70000);
   h.file(".Trash/old.txt", 5);

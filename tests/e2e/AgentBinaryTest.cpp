@@ -6,20 +6,17 @@
 namespace kestrel::test {
 namespace {
 
-TEST(AgentBinary, PrintsUsageForUnknownCommands) {
+TEST(AgentBinary, PrintsUsageForUnknownCommandsWithOrWithoutHome) {
   ScratchHome h;
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{{}, {"help"}, {"Scan"}}) {
-    auto r = runAgentBinary(h, args);
+  // {arguments, HOME set}; without HOME the home comes from the password database.
+  const std::pair<std::vector<std::string>, bool> cases[] = {
+      {{}, true}, {{"help"}, true}, {{"Scan"}, true}, {{"help"}, false}};
+  for (const auto& [args, withHome] : cases) {
+    SCOPED_TRACE((args.empty() ? "<none>" : args[0]) + (withHome ? "" : " without HOME"));
+    auto r = runAgentBinary(h, args, withHome);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out.rfind("orvo Kestrel agent\n  run-scheduled | run-rule <name>", 0), 0u) << r.out;
   }
-}
-
-TEST(AgentBinary, FallsBackToPasswordDatabaseWithoutHome) {
-  ScratchHome h;
-  auto r = runAgentBinary(h, {"help"}, /*withHome=*/false);
-  EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find("orvo Kestrel agent"), std::string::npos);
 }
 
 }  // namespace

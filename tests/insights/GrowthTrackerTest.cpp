@@ -32,20 +32,12 @@ void store(const GrowthTracker& tracker, const std::vector<FolderSnapshot>& list
 }
 
 TEST(GrowthTracker, DiffKeepsChangesOfTenMillionBytesAndMore) {
-  const FolderSnapshot older{day(0),
-                             {{"/h/gone", 50000000},
-                              {"/h/grew", 1000},
-                              {"/h/exact", 0},
-                              {"/h/under", 0},
-                              {"/h/shrankExact", 10000000},
-                              {"/h/same", 70000000}}};
-  const FolderSnapshot newer{day(1),
-                             {{"/h/new", 30000000},
-                              {"/h/grew", 30001000},
-                              {"/h/exact", 10000000},
-                              {"/h/under", 9999999},
-                              {"/h/shrankExact", 0},
-                              {"/h/same", 70000000}}};
+  const FolderSnapshot older{day(0), {{"/h/gone", 50000000}, {"/h/grew", 1000}, {"/h/exact", 0},
+                                      {"/h/under", 0}, {"/h/shrankExact", 10000000},
+                                      {"/h/same", 70000000}}};
+  const FolderSnapshot newer{day(1), {{"/h/new", 30000000}, {"/h/grew", 30001000},
+                                      {"/h/exact", 10000000}, {"/h/under", 9999999},
+                                      {"/h/shrankExact", 0}, {"/h/same", 70000000}}};
   const auto entries = GrowthTracker::diff(older, newer, 25);
   // Equal growth keeps path order ("/h/grew" before "/h/new"); shrinkage comes last.
   EXPECT_EQ(paths(entries), (std::vector<std::string>{"/h/grew", "/h/new", "/h/exact",
@@ -110,16 +102,6 @@ TEST(GrowthTracker, ReportPicksSnapshotClosestToTarget) {
   }
 }
 
-TEST(GrowthTracker, ReportNeedsTwoSnapshots) {
-  ScratchHome h;
-  GrowthTracker tracker(h.paths());
-  EXPECT_FALSE(tracker.report(7, 25));
-  EXPECT_FALSE(tracker.lastSnapshotDate());
-  store(tracker, {{day(0), {{"/h/a", 1}}}});
-  EXPECT_FALSE(tracker.report(7, 25));
-  EXPECT_EQ(tracker.lastSnapshotDate(), day(0));
-}
-
 TEST(GrowthTracker, SnapshotMeasuresChildrenOfWatchedFolders) {
   ScratchHome h;
   h.file("Documents/report.pdf", 40000);
@@ -157,7 +139,6 @@ TEST(GrowthTracker, SnapshotMeasuresChildrenOfWatchedFolders) {
   EXPECT_EQ(snapshot.sizes, expected);
   EXPECT_GT(snapshot.sizes.at(h.path("Library/Caches/com.example").string()), 0);
 
-  // Stored as it was returned.
   EXPECT_EQ(tracker.snapshots(), (std::vector<FolderSnapshot>{snapshot}));
   // The agent's own support folder now exists and is measured next time like any other.
   const auto second = tracker.takeSnapshot(kNow + hours(24), [] { return false; });
@@ -165,14 +146,18 @@ TEST(GrowthTracker, SnapshotMeasuresChildrenOfWatchedFolders) {
   EXPECT_EQ(tracker.snapshots().size(), 2u);
 }
 
-TEST(GrowthTracker, SnapshotOfMissingWatchedFoldersIsEmpty) {
+TEST(GrowthTracker, EmptyHomeGivesAnEmptySnapshotAndNoReportUntilTwo) {
   ScratchHome h;
   GrowthTracker tracker(h.paths());
   EXPECT_EQ(tracker.watchedParents().size(), 8u);
   EXPECT_EQ(tracker.watchedParents().front(), h.home());
   EXPECT_EQ(tracker.watchedParents().back(), h.path("Downloads"));
+  EXPECT_FALSE(tracker.report(7, 25));
+  EXPECT_FALSE(tracker.lastSnapshotDate());
   EXPECT_TRUE(tracker.takeSnapshot(kNow, nullptr).sizes.empty());
   EXPECT_EQ(tracker.snapshots().size(), 1u);
+  EXPECT_EQ(tracker.lastSnapshotDate(), kNow);
+  EXPECT_FALSE(tracker.report(7, 25));
 }
 
 TEST(GrowthTracker, StoreElsewhereLeavesHomeUntouched) {

@@ -103,7 +103,7 @@ TEST(EverydayScanners, FiltersHoldAtTheirBoundaries) {
   }
 }
 
-TEST(EverydayScanners, ItemsCarryTheirTexts) {
+TEST(EverydayScanners, ItemsCarryTheirTextsDatesAndOrder) {
   ScratchHome h;
   const Date now = std::chrono::system_clock::now();
   AppConfig config;
@@ -134,12 +134,19 @@ TEST(EverydayScanners, ItemsCarryTheirTexts) {
        Risk::safe, "Cached firmware file"},
       {C::installers, "Downloads/A.dmg", Risk::review,
        "Installer disk image or package; the app is usually already installed"},
+      {C::installers, "Downloads/Z.pkg", Risk::review,
+       "Installer disk image or package; the app is usually already installed"},
+      {C::installers, "Desktop/B.pkg", Risk::review,
+       "Installer disk image or package; the app is usually already installed"},
       {C::oldDownloads, "Downloads/a.zip", Risk::review, "Not opened in 30+ days"},
   };
   for (const auto& c : cases) {
     h.file(c.child, 70000);
     h.age(c.child, 40, now);
   }
+  // A later access must not count for the Trash: it shows when the item was last changed.
+  struct timespec ts[2] = {{static_cast<time_t>(Dates::unixSeconds(now)), 0}, {0, UTIME_OMIT}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, h.path(".Trash/old doc.txt").c_str(), ts, AT_SYMLINK_NOFOLLOW), 0);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.child);
     const auto items = runScanner(c.category, h, now, config);
@@ -153,34 +160,10 @@ TEST(EverydayScanners, ItemsCarryTheirTexts) {
     ASSERT_TRUE(item->lastUsed);
     EXPECT_LT(std::chrono::abs(*item->lastUsed - (now - std::chrono::hours(40 * 24))), std::chrono::seconds(1));
   }
-}
-
-TEST(EverydayScanners, InstallersListDownloadsBeforeDesktop) {
-  ScratchHome h;
-  const Date now = std::chrono::system_clock::now();
-  for (const char* rel : {"Desktop/a.dmg", "Downloads/z.pkg", "Downloads/b.dmg"}) {
-    h.file(rel, 10);
-    h.age(rel, 2, now);
-  }
-  const auto items = runScanner(CleanCategory::installers, h, now);
-  ASSERT_EQ(items.size(), 3u);
-  EXPECT_EQ(items[0].title, "b.dmg");
-  EXPECT_EQ(items[1].title, "z.pkg");
-  EXPECT_EQ(items[2].title, "a.dmg");
-}
-
-TEST(EverydayScanners, TrashUsesTheModificationDate) {
-  ScratchHome h;
-  const Date now = std::chrono::system_clock::now();
-  h.file(".Trash/x", 10);
-  h.age(".Trash/x", 3, now);
-  // A later access must not count: the Trash shows when the item was last changed.
-  struct timespec ts[2] = {{static_cast<time_t>(Dates::unixSeconds(now)), 0}, {0, UTIME_OMIT}};
-  ASSERT_EQ(::utimensat(AT_FDCWD, h.path(".Trash/x").c_str(), ts, AT_SYMLINK_NOFOLLOW), 0);
-  const auto items = runScanner(CleanCategory::trash, h, now);
-  ASSERT_EQ(items.size(), 1u);
-  ASSERT_TRUE(items[0].lastUsed);
-  EXPECT_LT(std::chrono::abs(*items[0].lastUsed - (now - std::chrono::hours(72))), std::chrono::seconds(1));
+  // Installers: the Downloads folder first, then the Desktop, each in name order.
+  std::vector<std::string> installers;
+  for (const auto& i : runScanner(C::installers, h, now, config)) installers.push_back(i.title);
+  EXPECT_EQ(installers, (std::vector<std::string>{"A.dmg", "Z.pkg", "B.pkg"}));
 }
 
 std::vector<char> bytesOf(const std::string& s) { return std::vector<char>(s.begin(), s.end()); }
@@ -235,7 +218,6 @@ TEST(EverydayScanners, BackupInfoFromXmlAndBinaryPropertyLists) {
 TEST(EverydayScanners, BackupItemsAreNamedAfterTheirDevice) {
   ScratchHome h;
   const Date now = std::chrono::system_clock::now();
-  // 2026-05-09T00:00:00Z is 800,000,000 s after 2001 minus 6,400 s.
   const std::vector<char> binary = toBinary(
       plistXml("<key>Device Name</key><string>Ada's iPhone</string>"
                "<key>Last Backup Date</key><date>2026-05-09T00:00:00Z</date>"));

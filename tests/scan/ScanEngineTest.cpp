@@ -8,7 +8,6 @@
 #include <atomic>
 #include <map>
 #include <stdexcept>
-#include <thread>
 
 namespace kestrel {
 namespace {
@@ -172,7 +171,8 @@ TEST(ScanEngine, RunsEveryScannerOnItsOwnThreadAndJoinsThem) {
   EXPECT_FALSE(results[1].error);
   EXPECT_EQ(results[0].items.size(), 1u);
   EXPECT_EQ(statuses, (std::multiset<CleanCategory>{C::logs, C::xcode, C::duplicates}));
-  // 600 reports in a few milliseconds: the shared 0.09 s throttle lets through only a handful.
+  // 600 reports from three threads in a few milliseconds: the shared 0.09 s throttle lets through
+  // only a handful (under ThreadSanitizer this also checks its locking).
   EXPECT_GE(progressCalls.load(), 1);
   EXPECT_LT(progressCalls.load(), 20);
 }
@@ -203,21 +203,6 @@ TEST(ScanEngine, RealScannersOnAnEmptyHome) {
     }
   }
   EXPECT_EQ(ScannerRegistry::scanners({CleanCategory::xcode, CleanCategory::docker}).size(), 0u);
-}
-
-TEST(ScanEngine, ReportsFromManyThreadsStayConsistent) {
-  // Many threads hammer one throttle; under ThreadSanitizer this also checks its locking.
-  Throttle throttle(0.09);
-  std::atomic<int> admitted{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&] {
-      for (int i = 0; i < 1000; ++i)
-        if (throttle.allow()) ++admitted;
-    });
-  for (auto& t : threads) t.join();
-  EXPECT_GE(admitted.load(), 1);
-  EXPECT_LT(admitted.load(), 10);
 }
 
 TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {
@@ -251,7 +236,6 @@ TEST(ScanEngineContext, AgesAndDays) {
     EXPECT_EQ(context.oldEnough(modified), c.oldEnough);
   }
   EXPECT_EQ(context.daysAgo(2), Dates::fromUnixSeconds(1'000'000 - 172800));
-  EXPECT_EQ(context.lib("Caches"), fs::path("/h/Library/Caches"));
 }
 
 }  // namespace

@@ -25,72 +25,56 @@ Json parsed(std::string_view text) {
   return j.value_or(Json());
 }
 
-TEST(ScheduleTrigger, JsonFormsRoundTrip) {
+TEST(ScheduleTrigger, JsonFormsSummariesAndCalendarFlag) {
+  using T = ScheduleTrigger;
   struct Case {
     ScheduleTrigger trigger;
     const char* json;
+    const char* summary;
+    bool calendar;
   };
   const Case cases[] = {
-      {ScheduleTrigger::daily(3, 0), R"({"daily":{"hour":3,"minute":0}})"},
-      {ScheduleTrigger::weekly(1, 3, 0), R"({"weekly":{"hour":3,"minute":0,"weekday":1}})"},
-      {ScheduleTrigger::monthly(31, 23, 59), R"({"monthly":{"day":31,"hour":23,"minute":59}})"},
-      {ScheduleTrigger::everyHours(6), R"({"everyHours":{"_0":6}})"},
-      {ScheduleTrigger::diskFreeBelowPercent(10), R"({"diskFreeBelowPercent":{"_0":10}})"},
-      {ScheduleTrigger::diskFreeBelowGB(2.5), R"({"diskFreeBelowGB":{"_0":2.5}})"},
-      {ScheduleTrigger::forecastFullWithinDays(14), R"({"forecastFullWithinDays":{"_0":14}})"},
+      {T::daily(3, 0), R"({"daily":{"hour":3,"minute":0}})", "Every day at 03:00", true},
+      {T::weekly(1, 3, 0), R"({"weekly":{"hour":3,"minute":0,"weekday":1}})",
+       "Every Sunday at 03:00", true},
+      {T::weekly(7, 4, 5), R"({"weekly":{"hour":4,"minute":5,"weekday":7}})",
+       "Every Saturday at 04:05", true},
+      {T::weekly(9, 4, 5), R"({"weekly":{"hour":4,"minute":5,"weekday":9}})",
+       "Every weekday 9 at 04:05", true},
+      {T::monthly(31, 23, 59), R"({"monthly":{"day":31,"hour":23,"minute":59}})",
+       "Monthly on day 31 at 23:59", true},
+      {T::everyHours(1), R"({"everyHours":{"_0":1}})", "Every 1 hour", false},
+      {T::everyHours(6), R"({"everyHours":{"_0":6}})", "Every 6 hours", false},
+      {T::everyHours(0), R"({"everyHours":{"_0":0}})", "Every 0 hours", false},
+      {T::diskFreeBelowPercent(10), R"({"diskFreeBelowPercent":{"_0":10}})",
+       "When free space drops below 10.0%", false},
+      {T::diskFreeBelowGB(2.5), R"({"diskFreeBelowGB":{"_0":2.5}})",
+       "When free space drops below 2.5 GB", false},
+      {T::diskFreeBelowGB(0.1), R"({"diskFreeBelowGB":{"_0":0.1}})",
+       "When free space drops below 0.1 GB", false},
+      {T::forecastFullWithinDays(14), R"({"forecastFullWithinDays":{"_0":14}})",
+       "When the disk is predicted to fill within 14 days", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
     EXPECT_EQ(JsonText::compact(toJson(c.trigger)), c.json);
     EXPECT_EQ(scheduleTriggerFromJson(parsed(c.json)), c.trigger);
+    EXPECT_EQ(c.trigger.summary(), c.summary);
+    EXPECT_EQ(c.trigger.isCalendar(), c.calendar);
   }
 }
 
 TEST(ScheduleTrigger, StrictDecodingRefusesMalformedObjects) {
   const char* bad[] = {
-      R"({})",
-      R"({"daily":{"hour":3,"minute":0},"weekly":{"weekday":1,"hour":3,"minute":0}})",
-      R"({"daily":{"hour":3,"minute":0},"note":1})",
-      R"({"hourly":{"_0":1}})",
-      R"({"daily":{"hour":3}})",
-      R"({"daily":{"hour":"3","minute":0}})",
-      R"({"daily":{"hour":3.5,"minute":0}})",
-      R"({"everyHours":{"_0":"6"}})",
-      R"({"everyHours":6})",
-      R"({"diskFreeBelowPercent":{}})",
-      R"(["daily"])",
+      R"({})", R"({"daily":{"hour":3,"minute":0},"weekly":{"weekday":1,"hour":3,"minute":0}})",
+      R"({"daily":{"hour":3,"minute":0},"note":1})", R"({"hourly":{"_0":1}})",
+      R"({"daily":{"hour":3}})", R"({"daily":{"hour":"3","minute":0}})",
+      R"({"daily":{"hour":3.5,"minute":0}})", R"({"everyHours":{"_0":"6"}})",
+      R"({"everyHours":6})", R"({"diskFreeBelowPercent":{}})", R"(["daily"])",
   };
   for (const char* text : bad) {
     SCOPED_TRACE(text);
     EXPECT_THROW(scheduleTriggerFromJson(parsed(text)), DecodeError);
-  }
-}
-
-TEST(ScheduleTrigger, SummariesAndCalendarFlag) {
-  struct Case {
-    ScheduleTrigger trigger;
-    const char* summary;
-    bool calendar;
-  };
-  const Case cases[] = {
-      {ScheduleTrigger::daily(3, 0), "Every day at 03:00", true},
-      {ScheduleTrigger::weekly(1, 3, 0), "Every Sunday at 03:00", true},
-      {ScheduleTrigger::weekly(7, 4, 5), "Every Saturday at 04:05", true},
-      {ScheduleTrigger::weekly(9, 4, 5), "Every weekday 9 at 04:05", true},
-      {ScheduleTrigger::monthly(15, 23, 59), "Monthly on day 15 at 23:59", true},
-      {ScheduleTrigger::everyHours(1), "Every 1 hour", false},
-      {ScheduleTrigger::everyHours(6), "Every 6 hours", false},
-      {ScheduleTrigger::everyHours(0), "Every 0 hours", false},
-      {ScheduleTrigger::diskFreeBelowPercent(10), "When free space drops below 10.0%", false},
-      {ScheduleTrigger::diskFreeBelowGB(2.5), "When free space drops below 2.5 GB", false},
-      {ScheduleTrigger::diskFreeBelowGB(0.1), "When free space drops below 0.1 GB", false},
-      {ScheduleTrigger::forecastFullWithinDays(14),
-       "When the disk is predicted to fill within 14 days", false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.summary);
-    EXPECT_EQ(c.trigger.summary(), c.summary);
-    EXPECT_EQ(c.trigger.isCalendar(), c.calendar);
   }
 }
 
@@ -196,35 +180,16 @@ TEST(ScheduleRule, DefaultsAreTheFourShippedRulesWithFreshIds) {
     std::vector<CleanCategory> categories;
   };
   using C = CleanCategory;
+  using T = ScheduleTrigger;
   const Case cases[] = {
-      {"Weekly deep clean",
-       true,
-       ScheduleTrigger::weekly(1, 3, 0),
-       true,
-       10,
-       {},
+      {"Weekly deep clean", true, T::weekly(1, 3, 0), true, 10, {},
        {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads,
         C::iosUpdates}},
-      {"Developer junk",
-       true,
-       ScheduleTrigger::weekly(7, 4, 0),
-       true,
-       10,
-       {"com.apple.dt.Xcode"},
+      {"Developer junk", true, T::weekly(7, 4, 0), true, 10, {"com.apple.dt.Xcode"},
        {C::xcode, C::simulators, C::packageCaches, C::projectArtifacts}},
-      {"Low disk emergency",
-       true,
-       ScheduleTrigger::diskFreeBelowPercent(10.0),
-       false,
-       std::nullopt,
-       {},
+      {"Low disk emergency", true, T::diskFreeBelowPercent(10.0), false, std::nullopt, {},
        {C::userCaches, C::xcode, C::packageCaches, C::logs, C::trash}},
-      {"Stay ahead of a full disk",
-       false,
-       ScheduleTrigger::forecastFullWithinDays(14),
-       true,
-       std::nullopt,
-       {},
+      {"Stay ahead of a full disk", false, T::forecastFullWithinDays(14), true, std::nullopt, {},
        {C::userCaches, C::xcode, C::simulators, C::packageCaches}},
   };
   std::set<std::string> ids;

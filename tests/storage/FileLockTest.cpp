@@ -15,8 +15,8 @@ namespace {
 
 using test::ScratchHome;
 
-// Runs `body` in a child process that reports 'L' once it holds (or failed) its step, then waits
-// for one byte before finishing.
+// A child process that takes the lock, reports 'L' (or 'N' when refused), then waits for a byte;
+// with `releaseBeforeExit` it then releases, reports 'R' and waits for another byte.
 struct Child {
   pid_t pid = -1;
   int toChild = -1, fromChild = -1;

@@ -22,12 +22,8 @@ TEST(JSONStore, SaveCreatesFolderAndLeavesNoTemporaryFiles) {
   JSONStore::save(Json{{"k", "v/w"}}, target);
   JSONStore::save(Json{{"k", 2}}, target);
   EXPECT_EQ(test::readText(target), "{\n  \"k\" : 2\n}");
-  int entries = 0;
-  for (auto& e : fs::directory_iterator(target.parent_path())) {
-    (void)e;
-    ++entries;
-  }
-  EXPECT_EQ(entries, 1);
+  const auto dir = fs::directory_iterator(target.parent_path());
+  EXPECT_EQ(std::distance(fs::begin(dir), fs::end(dir)), 1);
 }
 
 TEST(JSONStore, SaveFailureKeepsOldFile) {

@@ -8,7 +8,7 @@
 namespace kestrel {
 namespace {
 
-TEST(JsonText, PrettyLayoutMatchesPlatform) {
+TEST(JsonText, LayoutKeyOrderAndEscapesMatchPlatform) {
   Json j = Json::parse(R"({"entries":[{"size":1048576,"originalPath":"/Users/me/a.dmg","restored":false}],
     "trigger":{"manual":{}},"empty":[],"id":"x"})");
   EXPECT_EQ(JsonText::pretty(j),
@@ -30,15 +30,10 @@ TEST(JsonText, PrettyLayoutMatchesPlatform) {
   EXPECT_EQ(JsonText::pretty(Json::object()), "{\n\n}");
   EXPECT_EQ(JsonText::compact(j),
             R"({"empty":[],"entries":[{"originalPath":"\/Users\/me\/a.dmg","restored":false,"size":1048576}],"id":"x","trigger":{"manual":{}}})");
-}
-
-TEST(JsonText, SortsKeysByUtf8Bytes) {
-  Json j = Json::parse(R"({"foo":3,"Foo":1,"FOO":2,"bar":10,"føo":9,"foo1":4,"Foo11":8,"Foo2":5,"foo12":7,"foo3":6})");
+  // Keys sort by their UTF-8 bytes.
+  j = Json::parse(R"({"foo":3,"Foo":1,"FOO":2,"bar":10,"føo":9,"foo1":4,"Foo11":8,"Foo2":5,"foo12":7,"foo3":6})");
   EXPECT_EQ(JsonText::compact(j),
             R"({"FOO":2,"Foo":1,"Foo11":8,"Foo2":5,"bar":10,"foo":3,"foo1":4,"foo12":7,"foo3":6,"føo":9})");
-}
-
-TEST(JsonText, EscapesLikePlatform) {
   const std::string raw = std::string("a\"b\\c/d\b\f\n\r\t") + '\x01' + "\x7f" + "é\u2028";
   EXPECT_EQ(JsonText::compact(Json(raw)), "\"a\\\"b\\\\c\\/d\\b\\f\\n\\r\\t\\u0001\x7f" "é\u2028\"");
 }
@@ -50,23 +45,14 @@ TEST(JsonText, NumbersAsPlatformPrintsThem) {
     const char* description;
   };
   const Case cases[] = {
-      {786000000.0, "786000000", "786000000.0"},
-      {786000000.123, "786000000.123", "786000000.123"},
-      {0.1, "0.1", "0.1"},
-      {2.5, "2.5", "2.5"},
-      {10.0, "10", "10.0"},
-      {1.0 / 3.0, "0.3333333333333333", "0.3333333333333333"},
-      {0.0001, "0.0001", "0.0001"},
-      {0.00009, "9e-05", "9e-05"},
-      {1e15, "1000000000000000", "1000000000000000.0"},
-      {1e16, "1e+16", "1e+16"},
+      {786000000.0, "786000000", "786000000.0"}, {786000000.123, "786000000.123", "786000000.123"},
+      {0.1, "0.1", "0.1"}, {2.5, "2.5", "2.5"}, {10.0, "10", "10.0"}, {-12.5, "-12.5", "-12.5"},
+      {1.0 / 3.0, "0.3333333333333333", "0.3333333333333333"}, {0.0001, "0.0001", "0.0001"},
+      {0.00009, "9e-05", "9e-05"}, {1e-05, "1e-05", "1e-05"}, {5e-324, "5e-324", "5e-324"},
+      {1e15, "1000000000000000", "1000000000000000.0"}, {1e16, "1e+16", "1e+16"},
       {9007199254740992.0, "9007199254740992", "9007199254740992.0"},
       {9007199254740994.0, "9.007199254740994e+15", "9.007199254740994e+15"},
-      {-0.0, "-0", "-0.0"},
-      {0.0, "0", "0.0"},
-      {5e-324, "5e-324", "5e-324"},
-      {-12.5, "-12.5", "-12.5"},
-      {1e-05, "1e-05", "1e-05"},
+      {-0.0, "-0", "-0.0"}, {0.0, "0", "0.0"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);
@@ -94,15 +80,9 @@ TEST(JsonDecode, IntegersFollowDecoderRules) {
     std::optional<int64_t> value;
   };
   const Case cases[] = {
-      {"10", 10},
-      {"10.0", 10},
-      {"1e2", 100},
-      {"10.5", std::nullopt},
-      {"\"10\"", std::nullopt},
-      {"true", std::nullopt},
-      {"9223372036854775807", INT64_MAX},
-      {"9223372036854775808", std::nullopt},
-      {"-9223372036854775808", INT64_MIN},
+      {"10", 10}, {"10.0", 10}, {"1e2", 100}, {"10.5", std::nullopt}, {"\"10\"", std::nullopt},
+      {"true", std::nullopt}, {"9223372036854775807", INT64_MAX},
+      {"9223372036854775808", std::nullopt}, {"-9223372036854775808", INT64_MIN},
       {"1e300", std::nullopt},
   };
   for (const auto& c : cases) {
@@ -122,14 +102,10 @@ TEST(JsonDecode, OneCaseNeedsExactlyOneKnownKey) {
     const char* name;  // nullptr: rejected
   };
   const Case cases[] = {
-      {R"({})", nullptr},
-      {R"({"manual":{},"schedule":{"ruleName":"a"}})", nullptr},
-      {R"({"bogus":{}})", nullptr},
-      {R"({"manual":{},"bogus":1})", "manual"},
-      {R"({"manual":{"x":1}})", "manual"},
-      {R"({"manual":null})", nullptr},
-      {R"({"manual":1})", nullptr},
-      {R"([])", nullptr},
+      {R"({})", nullptr}, {R"({"manual":{},"schedule":{"ruleName":"a"}})", nullptr},
+      {R"({"bogus":{}})", nullptr}, {R"({"manual":{},"bogus":1})", "manual"},
+      {R"({"manual":{"x":1}})", "manual"}, {R"({"manual":null})", nullptr},
+      {R"({"manual":1})", nullptr}, {R"([])", nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.json);

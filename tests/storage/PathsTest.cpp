@@ -51,7 +51,7 @@ TEST(Paths, FromEnvironmentUsesHomeThenPasswordDatabase) {
   EXPECT_TRUE(Paths::fromEnvironment().home().is_absolute());
 }
 
-TEST(Paths, MigratesLegacyFolderOnlyWhenAlone) {
+TEST(Paths, SupportFoldersMigrateTheLegacyFolderOnlyWhenAloneAndReportErrors) {
   {
     ScratchHome h;
     h.text("Library/Application Support/Halcyra/config.json", "{}");
@@ -70,9 +70,6 @@ TEST(Paths, MigratesLegacyFolderOnlyWhenAlone) {
     EXPECT_EQ(test::readText(h.path("Library/Application Support/Halcyra/config.json")), "old");
     EXPECT_EQ(test::readText(h.paths().configFile()), "new");
   }
-}
-
-TEST(Paths, EnsureSupportDirsReportsTheFileSystemError) {
   ScratchHome h;
   h.file("Library/Application Support/orvo Kestrel", 3);  // a file where a folder must go
   EXPECT_THROW(h.paths().ensureSupportDirs(), fs::filesystem_error);

@@ -80,8 +80,7 @@ TEST(SafeRemove, RefusesProtectedFoldersByIdentityAndBadPaths) {
   ScratchHome h;
   for (const char* rel : {"Library/Caches/x", "Documents/d", "Downloads/f", "Desktop/e"})
     h.file(rel, 1);
-  // A link inside the tree that leads to a protected folder is only a link: it goes, the folder
-  // stays.
+  // A link inside the tree to a protected folder is only a link: it goes, the folder stays.
   h.link("Library/Caches/app/homeLink", h.home());
   const fs::path outside = h.outside("elsewhere");
   h.link("Library/Caches/toDocuments", h.path("Documents"));
@@ -190,13 +189,9 @@ TEST(SafeRemove, NeverCrossesOntoAnotherDevice) {
   if (!mount.mounted()) GTEST_SKIP() << "cannot mount a scratch file system here";
   writeFile(h.path("Library/Caches/app/mnt/other-volume"), "keep");
   SafeRemover remover(h.home());
-  struct Case {
-    const char* rel;
-  };
-  const Case cases[] = {{"Library/Caches/app"}, {"Library/Caches/app/mnt"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.rel);
-    RemoveResult r = remover.remove(h.path(c.rel));
+  for (const char* rel : {"Library/Caches/app", "Library/Caches/app/mnt"}) {
+    SCOPED_TRACE(rel);
+    RemoveResult r = remover.remove(h.path(rel));
     EXPECT_EQ(r.status, Status::refused) << r.message();
     EXPECT_EQ(r.error, std::make_error_code(std::errc::cross_device_link));
     EXPECT_EQ(r.where, h.path("Library/Caches/app/mnt"));
@@ -216,9 +211,8 @@ void buildDeepChain(const fs::path& dir, int depth) {
   UniqueFd file(::openat(cur.get(), "leaf", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
 }
 
-// Removes a chain built above from the bottom up, climbing with ".." (the test's own cleanup,
-// with nobody racing it; the scratch folder's recursive removal would need a stack frame per
-// level).
+// Removes such a chain bottom up, climbing with ".." (the test's own cleanup, nobody racing it):
+// the scratch folder's recursive removal would need a stack frame per level.
 void dismantleDeepChain(const fs::path& dir) {
   UniqueFd cur(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   int depth = 0;
@@ -265,9 +259,7 @@ struct RaceFixture {
     app = h.path("Library/Caches/app");
     blob = app / "blob";
     outside = h.outside("O");
-    for (int i = 0; i < kFiles; ++i)
-      writeFile(outside / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
-    writeFile(outside / ".ssh" / "id", "secret key");
+    restoreCanaries();
   }
 
   void populate() {
@@ -359,8 +351,7 @@ TEST(SafeRemove, ParentSwappedForALinkNeverReachesOutside) {
     if (result.status == Status::failed || result.status == Status::refused) ++refused;
   }
   EXPECT_EQ(breaches, 0);
-  // The race has to be real for the count above to mean anything: some runs removed, some hit a
-  // link.
+  // The race must be real for that count to mean anything: some runs removed, some hit a link.
   EXPECT_GT(removed, 0);
   EXPECT_GT(refused, 0) << "the attacker never got a link in place; the harness is not racing";
   RecordProperty("removed", removed);

@@ -13,7 +13,7 @@ namespace {
 using test::FakeTools;
 using test::ScratchHome;
 
-TEST(Shell, MissingToolStartsNothing) {
+TEST(Shell, WhichSearchesPathThenFixedFoldersAndAMissingToolStartsNothing) {
   ScratchHome h;
   FakeTools tools(h.root());
   auto r = Shell::run("kestrel-no-such-tool", {"a"}, 1);
@@ -21,6 +21,16 @@ TEST(Shell, MissingToolStartsNothing) {
   EXPECT_EQ(r.stderr, "kestrel-no-such-tool not found");
   EXPECT_FALSE(r.ok());
   EXPECT_EQ(Shell::run("/nonexistent/tool", {}, 1).stderr, "/nonexistent/tool not found");
+  tools.tool("sh");
+  EXPECT_EQ(Shell::which("sh"), (tools.bin() / "sh").string());
+  test::ScopedEnv empty("PATH", "");
+  auto sh = Shell::which("sh");
+  ASSERT_TRUE(sh);
+  EXPECT_TRUE(*sh == "/usr/bin/sh" || *sh == "/bin/sh") << *sh;
+  EXPECT_FALSE(Shell::which("kestrel-no-such-tool"));
+  h.file("plain", 1);
+  EXPECT_FALSE(Shell::which(h.path("plain").string()));  // not executable
+  EXPECT_FALSE(Shell::which(""));
 }
 
 TEST(Shell, PassesArgumentsVerbatimAndReportsStatus) {
@@ -34,21 +44,6 @@ TEST(Shell, PassesArgumentsVerbatimAndReportsStatus) {
   EXPECT_EQ(r.stderr, "err text");
   ASSERT_EQ(tools.calls("docker").size(), 1u);
   EXPECT_EQ(tools.calls("docker")[0], args);
-}
-
-TEST(Shell, WhichSearchesPathThenFixedFolders) {
-  ScratchHome h;
-  FakeTools tools(h.root());
-  tools.tool("sh");
-  EXPECT_EQ(Shell::which("sh"), (tools.bin() / "sh").string());
-  test::ScopedEnv empty("PATH", "");
-  auto sh = Shell::which("sh");
-  ASSERT_TRUE(sh);
-  EXPECT_TRUE(*sh == "/usr/bin/sh" || *sh == "/bin/sh") << *sh;
-  EXPECT_FALSE(Shell::which("kestrel-no-such-tool"));
-  h.file("plain", 1);
-  EXPECT_FALSE(Shell::which(h.path("plain").string()));  // not executable
-  EXPECT_FALSE(Shell::which(""));
 }
 
 TEST(Shell, KillsAChildIgnoringTerminateAfterTwoSeconds) {
