@@ -5,6 +5,7 @@
 #include "core/storage/AuditLog.h"
 #include "core/storage/ByteFormat.h"
 #include "tests/support/ScratchHome.h"
+#include "tests/agent/RunInProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -16,16 +17,8 @@ namespace {
 using test::ScratchHome;
 namespace fs = std::filesystem;
 
-struct Run {
-  int status;
-  std::string out;
-};
-
-Run run(const ScratchHome& h, std::vector<std::string> args) {
-  std::ostringstream out;
-  const int status = runAgent(std::move(args), h.paths(), out);
-  return {status, out.str()};
-}
+using test::Run;
+using test::run;
 
 // Two cache folders big enough to be listed, old enough to be offered.
 void makeCaches(ScratchHome& h) {

@@ -5,6 +5,7 @@
 #include "core/insights/SpaceHistory.h"
 #include "core/storage/JSONStore.h"
 #include "tests/support/ScratchHome.h"
+#include "tests/agent/RunInProcess.h"
 
 #include <gtest/gtest.h>
 
@@ -17,16 +18,8 @@ namespace {
 using std::chrono::hours;
 using test::ScratchHome;
 
-struct Run {
-  int status;
-  std::string out;
-};
-
-Run run(const ScratchHome& h, std::vector<std::string> args) {
-  std::ostringstream out;
-  const int status = runAgent(std::move(args), h.paths(), out);
-  return {status, out.str()};
-}
+using test::Run;
+using test::run;
 
 // The agent reads the real clock: histories are laid out back from the current whole second.
 Date wholeSecondNow() {

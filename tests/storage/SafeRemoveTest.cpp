@@ -19,13 +19,9 @@
 namespace kestrel {
 namespace {
 
+using test::lexists;
 using test::ScratchHome;
 using Status = RemoveResult::Status;
-
-bool lexists(const fs::path& p) {
-  struct stat st;
-  return ::lstat(p.c_str(), &st) == 0;
-}
 
 int openDescriptorCount() {
   int n = 0;
