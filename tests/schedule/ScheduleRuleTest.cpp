@@ -9,6 +9,7 @@
 #include "core/schedule/ScheduleRule.h"
 #include "core/storage/JSONStore.h"
 #include "core/storage/Uuid.h"
+#include "tests/support/Processes.h"
 #include "tests/support/ScratchHome.h"
 
 namespace kestrel {
@@ -267,28 +268,18 @@ TEST(RuleStore, ConcurrentUpdatesFromSeveralProcessesLoseNothing) {
   ScratchHome h;
   RuleStore(h.paths()).save({});
   constexpr int kProcesses = 4, kEach = 25;
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    const pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      RuleStore store(h.paths());
-      for (int i = 0; i < kEach; ++i) {
-        store.update([&](std::vector<ScheduleRule>& rules) {
-          rules.push_back(ScheduleRule::make("p" + std::to_string(p) + "-" + std::to_string(i),
-                                             ScheduleTrigger::everyHours(1), {CleanCategory::logs},
-                                             kNow));
-        });
-      }
-      ::_exit(0);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  EXPECT_EQ(test::inChildProcesses(kProcesses,
+                                   [&](int p) {
+                                     RuleStore store(h.paths());
+                                     for (int i = 0; i < kEach; ++i) {
+                                       store.update([&](std::vector<ScheduleRule>& rules) {
+                                         rules.push_back(ScheduleRule::make(
+                                             "p" + std::to_string(p) + "-" + std::to_string(i),
+                                             ScheduleTrigger::everyHours(1), {CleanCategory::logs}, kNow));
+                                       });
+                                     }
+                                   }),
+            kProcesses);
   const auto rules = RuleStore(h.paths()).load(kNow);
   std::set<std::string> names;
   for (const auto& r : rules) names.insert(r.name);

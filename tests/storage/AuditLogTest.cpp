@@ -8,6 +8,7 @@
 
 #include "core/storage/AuditLog.h"
 #include "core/storage/JSONStore.h"
+#include "tests/support/Processes.h"
 #include "tests/support/ScratchHome.h"
 
 namespace kestrel {
@@ -199,27 +200,17 @@ TEST(AuditLog, NeverWritesThroughALink) {
 TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
   ScratchHome h;
   constexpr int kProcesses = 8, kRecords = 1000;
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    const pid_t pid = ::fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      AuditLog log(h.paths());
-      for (int i = 0; i < kRecords; ++i) {
-        AuditEntry e = entry("delete", 1);
-        e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
-                   std::string(static_cast<size_t>(i % 300), 'p');
-        log.append({e});
-      }
-      ::_exit(0);
-    }
-    children.push_back(pid);
-  }
-  for (pid_t pid : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  EXPECT_EQ(test::inChildProcesses(kProcesses,
+                                   [&](int p) {
+                                     AuditLog log(h.paths());
+                                     for (int i = 0; i < kRecords; ++i) {
+                                       AuditEntry e = entry("delete", 1);
+                                       e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
+                                                  std::string(static_cast<size_t>(i % 300), 'p');
+                                       log.append({e});
+                                     }
+                                   }),
+            kProcesses);
   AuditLog log(h.paths());
   // A writer that looks at the last byte while another's record is still landing starts its own
   // with a spare line feed: blank lines are allowed (and skipped), torn or merged ones are not.
