@@ -268,18 +268,16 @@ TEST(RuleStore, ConcurrentUpdatesFromSeveralProcessesLoseNothing) {
   ScratchHome h;
   RuleStore(h.paths()).save({});
   constexpr int kProcesses = 4, kEach = 25;
-  EXPECT_EQ(test::inChildProcesses(kProcesses,
-                                   [&](int p) {
-                                     RuleStore store(h.paths());
-                                     for (int i = 0; i < kEach; ++i) {
-                                       store.update([&](std::vector<ScheduleRule>& rules) {
-                                         rules.push_back(ScheduleRule::make(
-                                             "p" + std::to_string(p) + "-" + std::to_string(i),
-                                             ScheduleTrigger::everyHours(1), {CleanCategory::logs}, kNow));
-                                       });
-                                     }
-                                   }),
-            kProcesses);
+  const auto adder = [&](int p) {
+    RuleStore store(h.paths());
+    for (int i = 0; i < kEach; ++i) {
+      store.update([&](std::vector<ScheduleRule>& rules) {
+        rules.push_back(ScheduleRule::make("p" + std::to_string(p) + "-" + std::to_string(i),
+                                           ScheduleTrigger::everyHours(1), {CleanCategory::logs}, kNow));
+      });
+    }
+  };
+  EXPECT_EQ(test::inChildProcesses(kProcesses, adder), kProcesses);
   const auto rules = RuleStore(h.paths()).load(kNow);
   std::set<std::string> names;
   for (const auto& r : rules) names.insert(r.name);

@@ -200,17 +200,16 @@ TEST(AuditLog, NeverWritesThroughALink) {
 TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
   ScratchHome h;
   constexpr int kProcesses = 8, kRecords = 1000;
-  EXPECT_EQ(test::inChildProcesses(kProcesses,
-                                   [&](int p) {
-                                     AuditLog log(h.paths());
-                                     for (int i = 0; i < kRecords; ++i) {
-                                       AuditEntry e = entry("delete", 1);
-                                       e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
-                                                  std::string(static_cast<size_t>(i % 300), 'p');
-                                       log.append({e});
-                                     }
-                                   }),
-            kProcesses);
+  const auto writer = [&](int p) {
+    AuditLog log(h.paths());
+    for (int i = 0; i < kRecords; ++i) {
+      AuditEntry e = entry("delete", 1);
+      e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
+                 std::string(static_cast<size_t>(i % 300), 'p');
+      log.append({e});
+    }
+  };
+  EXPECT_EQ(test::inChildProcesses(kProcesses, writer), kProcesses);
   AuditLog log(h.paths());
   // A writer that looks at the last byte while another's record is still landing starts its own
   // with a spare line feed: blank lines are allowed (and skipped), torn or merged ones are not.
