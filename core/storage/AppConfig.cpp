@@ -64,8 +64,15 @@ AppConfig appConfigFromJson(const Json& j) {
   return c;
 }
 
-AppConfig ConfigStore::load() const {
-  return JSONStore::load<AppConfig>(paths_.configFile(), appConfigFromJson).value_or(AppConfig{});
+AppConfig ConfigStore::load() const { return loadChecked().value.value_or(AppConfig{}); }
+
+JSONStore::Loaded<AppConfig> ConfigStore::loadChecked() const {
+  return JSONStore::loadChecked<AppConfig>(paths_.configFile(), appConfigFromJson);
+}
+
+std::string ConfigStore::damagedMessage(const std::string& reason) const {
+  return "Settings file " + paths_.configFile().string() + " is damaged (" + reason +
+         "); nothing was removed. Fix it or delete it.";
 }
 
 void ConfigStore::save(const AppConfig& config) const { JSONStore::save(toJson(config), paths_.configFile()); }

@@ -2,6 +2,7 @@
 #include "core/storage/JSONStore.h"
 
 #include "core/platform/Durability.h"
+#include "core/storage/Paths.h"
 #include "core/storage/UniqueFd.h"
 
 #include <fcntl.h>
@@ -9,6 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <random>
 #include <system_error>
 
@@ -28,21 +31,53 @@ std::string uniqueTempName(const std::string& target) {
 
 }  // namespace
 
-std::optional<std::string> readFile(const fs::path& url) noexcept {
-  UniqueFd fd(::open(url.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (!fd) return std::nullopt;
-  std::string out;
-  char buf[65536];
-  for (;;) {
-    const ssize_t n = ::read(fd.get(), buf, sizeof buf);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    out.append(buf, static_cast<size_t>(n));
+FileRead read(const fs::path& url, size_t maxBytes) noexcept {
+  FileRead out;
+  const auto damaged = [&](std::string reason) {
+    out.status = FileRead::Status::damaged;
+    out.reason = std::move(reason);
+    out.bytes.clear();
+    return out;
+  };
+  // Non-blocking, so a FIFO or device in place of the store answers at once instead of hanging.
+  UniqueFd fd(::open(url.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!fd) {
+    const int err = errno;
+    struct stat st;
+    if (err == ENOENT && ::lstat(url.c_str(), &st) != 0) return out;  // nothing there: missing
+    if (err == ENOENT) return damaged("it is a link that leads nowhere");
+    return damaged(std::generic_category().message(err));
   }
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) return damaged(std::generic_category().message(errno));
+  if (!S_ISREG(st.st_mode)) return damaged("not a regular file");
+  if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) > maxBytes)
+    return damaged("larger than " + std::to_string(maxBytes >> 20) + " MB");
+  try {
+    out.bytes.reserve(static_cast<size_t>(st.st_size));
+    char buf[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        return damaged(std::generic_category().message(errno));
+      }
+      if (n == 0) break;
+      if (out.bytes.size() + static_cast<size_t>(n) > maxBytes)  // it grew while we read
+        return damaged("larger than " + std::to_string(maxBytes >> 20) + " MB");
+      out.bytes.append(buf, static_cast<size_t>(n));
+    }
+  } catch (const std::bad_alloc&) {
+    return damaged("not enough memory to read it");
+  }
+  out.status = FileRead::Status::ok;
   return out;
+}
+
+std::optional<std::string> readFile(const fs::path& url) noexcept {
+  FileRead r = read(url);
+  if (!r.ok()) return std::nullopt;
+  return std::move(r.bytes);
 }
 
 std::optional<Json> loadJson(const fs::path& url) noexcept {
@@ -51,7 +86,25 @@ std::optional<Json> loadJson(const fs::path& url) noexcept {
   return JsonText::parse(*text);
 }
 
-void writeAtomically(std::string_view bytes, const fs::path& url) {
+fs::path resolveFinalLinks(const fs::path& url) {
+  fs::path current = url;
+  // The kernel's own limit on links followed in one lookup; more means a loop.
+  for (int hop = 0; hop < 40; ++hop) {
+    struct stat st;
+    if (::lstat(current.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) return current;
+    std::string target(PATH_MAX, '\0');
+    const ssize_t n = ::readlink(current.c_str(), target.data(), target.size());
+    if (n <= 0 || static_cast<size_t>(n) >= target.size()) return current;
+    target.resize(static_cast<size_t>(n));
+    const fs::path next(target);
+    current = standardizedPath(next.is_absolute() ? next : current.parent_path() / next);
+  }
+  throwErrno(ELOOP, "save " + url.string());
+}
+
+void writeAtomically(std::string_view bytes, const fs::path& given) {
+  // A store kept as a link elsewhere is replaced where it really lives, so the link survives.
+  const fs::path url = resolveFinalLinks(given);
   const fs::path parent = url.parent_path().empty() ? fs::path(".") : url.parent_path();
   fs::create_directories(parent);
   UniqueFd dir(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -3,37 +3,94 @@
 
 #include "core/storage/Json.h"
 
+#include <cstddef>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace kestrel::JSONStore {
 
 namespace fs = std::filesystem;
 
-// Reads and parses the whole file; nothing when it is missing, unreadable or not JSON.
-std::optional<Json> loadJson(const fs::path& url) noexcept;
-// Reads the whole file as bytes; nothing when it cannot be read. Does not follow a final link.
+// Store files larger than this are treated as damaged rather than read into memory.
+inline constexpr size_t kMaxStoreBytes = size_t{64} << 20;
+
+// What reading a store file came to. `missing` means nothing at all stands at the path; anything
+// that stands there but cannot be read whole (a dangling link, a folder, a FIFO, a file over the
+// size cap, a read error) is `damaged`, with a short reason a user can act on.
+struct FileRead {
+  enum class Status { ok, missing, damaged };
+  Status status = Status::missing;
+  std::string bytes;   // ok: the whole content
+  std::string reason;  // damaged: why
+
+  bool ok() const { return status == Status::ok; }
+};
+
+// Reads a store file whole. A final symbolic link is followed (users keep settings in a dotfiles
+// folder and link them), but only a regular file is read: the open never blocks (a FIFO in place
+// of a store fails at once) and at most `maxBytes` are accepted.
+FileRead read(const fs::path& url, size_t maxBytes = kMaxStoreBytes) noexcept;
+
+// The same read as bytes; nothing unless the status is ok.
 std::optional<std::string> readFile(const fs::path& url) noexcept;
+// Reads and parses the whole file; nothing when it is missing, damaged or not JSON.
+std::optional<Json> loadJson(const fs::path& url) noexcept;
 
 // Writes `value` pretty-printed with sorted keys. Creates the parent folder, writes a uniquely
 // named temporary file beside the target (O_EXCL), fsyncs it, renames it over the target and fsyncs
-// the folder. Any failure (including a failed fsync) throws std::system_error or
-// fs::filesystem_error and leaves the old file as it was.
+// the folder. When the target is a symbolic link, the file it leads to is replaced the same way in
+// that file's own folder, so the link survives. Any failure (including a failed fsync) throws
+// std::system_error or fs::filesystem_error and leaves the old file as it was.
 void save(const Json& value, const fs::path& url);
 // The same atomic replace for arbitrary bytes.
 void writeAtomically(std::string_view bytes, const fs::path& url);
 
+// A decoded store and, when it could not be had, whether the file was missing or damaged.
+template <class T>
+struct Loaded {
+  std::optional<T> value;
+  FileRead::Status status = FileRead::Status::missing;  // damaged also when it did not decode
+  std::string reason;
+
+  bool damaged() const { return status == FileRead::Status::damaged; }
+};
+
+// Reads, parses and decodes with `decode`, keeping the reason when that fails.
+template <class T, class Decode>
+Loaded<T> loadChecked(const fs::path& url, Decode decode) noexcept {
+  Loaded<T> out;
+  FileRead file = read(url);
+  out.status = file.status;
+  if (!file.ok()) {
+    out.reason = std::move(file.reason);
+    return out;
+  }
+  out.status = FileRead::Status::damaged;
+  auto j = JsonText::parse(file.bytes);
+  if (!j) {
+    out.reason = "not valid JSON";
+    return out;
+  }
+  try {
+    out.value = decode(*j);
+    out.status = FileRead::Status::ok;
+  } catch (const std::exception& e) {
+    out.reason = e.what();
+  }
+  return out;
+}
+
 // Decodes with `decode`; any read, parse or decode error yields nothing.
 template <class T, class Decode>
 std::optional<T> load(const fs::path& url, Decode decode) noexcept {
-  auto j = loadJson(url);
-  if (!j) return std::nullopt;
-  try {
-    return decode(*j);
-  } catch (const std::exception&) {
-    return std::nullopt;  // an undecodable store counts as absent; the next save replaces it
-  }
+  // An undecodable store counts as absent; the next save replaces it.
+  return loadChecked<T>(url, decode).value;
 }
+
+// Where a save of `url` really writes: the file a chain of symbolic links at `url` leads to (the
+// path itself when it is no link). Relative link targets are taken from the link's own folder.
+fs::path resolveFinalLinks(const fs::path& url);
 
 }  // namespace kestrel::JSONStore

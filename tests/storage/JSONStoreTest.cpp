@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,20 +40,60 @@ TEST(JSONStore, SaveFailureKeepsOldFile) {
   EXPECT_EQ(test::readText(target), "{\n  \"k\" : 1\n}");
 }
 
-TEST(JSONStore, LoadYieldsNothingForBadFiles) {
+TEST(JSONStore, ReadTellsMissingFromDamaged) {
   ScratchHome h;
   h.text("bad.json", "{\"a\":");
   h.text("good.json", "{\"a\":\"\\/x\"}");
   h.link("link.json", h.path("good.json"));
-  EXPECT_FALSE(JSONStore::loadJson(h.path("missing.json")));
+  h.link("dangling.json", h.path("nowhere.json"));
+  h.folder("folder.json");
+  ASSERT_EQ(::mkfifo(h.path("fifo.json").c_str(), 0600), 0);
+  h.file("big.json", 2048);
+  using S = JSONStore::FileRead::Status;
+  struct Case {
+    const char* name;
+    S status;
+    size_t cap;
+  } cases[] = {
+      {"missing.json", S::missing, JSONStore::kMaxStoreBytes},
+      {"good.json", S::ok, JSONStore::kMaxStoreBytes},
+      {"link.json", S::ok, JSONStore::kMaxStoreBytes},  // read through the user's link
+      {"dangling.json", S::damaged, JSONStore::kMaxStoreBytes},
+      {"folder.json", S::damaged, JSONStore::kMaxStoreBytes},
+      {"fifo.json", S::damaged, JSONStore::kMaxStoreBytes},  // answers at once, never blocks
+      {"big.json", S::damaged, 1024},
+      {"big.json", S::ok, 2048},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto r = JSONStore::read(h.path(c.name), c.cap);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.reason.empty(), c.status != S::damaged);
+  }
+  EXPECT_EQ(JSONStore::loadJson(h.path("link.json"))->at("a"), "/x");
   EXPECT_FALSE(JSONStore::loadJson(h.path("bad.json")));
-  EXPECT_FALSE(JSONStore::loadJson(h.path("link.json")));  // a final link is never followed
-  ASSERT_TRUE(JSONStore::loadJson(h.path("good.json")));
-  EXPECT_EQ(JSONStore::loadJson(h.path("good.json"))->at("a"), "/x");
-  auto decoded = JSONStore::load<int>(h.path("good.json"), [](const Json& j) -> int {
+  const auto decode = [](const Json& j) -> int {
     return static_cast<int>(JsonDecode::int64(j, "a"));  // throws: "a" is text
-  });
-  EXPECT_FALSE(decoded);
+  };
+  const auto notDecoded = JSONStore::loadChecked<int>(h.path("good.json"), decode);
+  EXPECT_TRUE(notDecoded.damaged());
+  EXPECT_FALSE(notDecoded.value);
+  EXPECT_TRUE(JSONStore::loadChecked<int>(h.path("bad.json"), decode).damaged());
+  EXPECT_FALSE(JSONStore::loadChecked<int>(h.path("missing.json"), decode).damaged());
+}
+
+TEST(JSONStore, SaveThroughALinkReplacesItsTargetAndKeepsTheLink) {
+  ScratchHome h;
+  const fs::path real = h.outside("dotfiles") / "config.json";
+  JSONStore::save(Json{{"k", 1}}, real);
+  h.link("support/step.json", "../../outside/dotfiles/config.json");
+  h.link("support/config.json", h.path("support/step.json"));  // a chain of two links
+  ASSERT_EQ(test::readText(real), "{\n  \"k\" : 1\n}");
+  JSONStore::save(Json{{"k", 2}}, h.path("support/config.json"));
+  EXPECT_TRUE(fs::is_symlink(h.path("support/config.json")));
+  EXPECT_TRUE(fs::is_symlink(h.path("support/step.json")));
+  EXPECT_EQ(test::readText(real), "{\n  \"k\" : 2\n}");
+  EXPECT_EQ(JSONStore::loadJson(h.path("support/config.json"))->at("k"), 2);
 }
 
 TEST(JSONStore, KilledWriterLeavesOldOrNewFile) {
