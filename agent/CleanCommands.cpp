@@ -30,7 +30,20 @@ int runClean(Context& context) {
   }
   const Risk limit = riskLimit(context.option("--max-risk"));
   const bool dryRun = context.flag("--dry-run");
-  const AppConfig config = ConfigStore(context.paths).load();
+  const ConfigStore store(context.paths);
+  const auto loaded = store.loadChecked();
+  if (loaded.damaged()) {
+    // The defaults lack the user's protections and disposal choices: never remove on them.
+    context.out << store.damagedMessage(loaded.reason) << '\n';
+    context.out.flush();
+    if (!dryRun) return 1;
+  }
+  const AppConfig config = loaded.value.value_or(AppConfig{});
+  const SafetyPolicy policy(context.paths, config.protectedPaths);
+  for (const auto& entry : policy.relativeProtected()) {
+    context.out << "Protected path " << entry
+                << " is not an absolute path or ~ path; it may not protect what you meant.\n";
+  }
   const ScanEngine engine(context.paths, config, context.now);
   std::vector<ScanItem> items;
   for (const auto& result : engine.scan({*category}))

@@ -3,6 +3,7 @@
 
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"
+#include "core/storage/AppConfig.h"
 #include "core/storage/ByteFormat.h"
 #include "core/storage/FS.h"
 
@@ -88,7 +89,7 @@ int growthCommand(Context& ctx) {
   // Positional on purpose: "growth --snapshot" has no day count and uses the default.
   const int64_t days = ctx.args.empty() ? kDefaultGrowthDays
                                         : parseDayCount(ctx.args[0]).value_or(kDefaultGrowthDays);
-  GrowthTracker tracker(ctx.paths);
+  GrowthTracker tracker(ctx.paths, ConfigStore(ctx.paths).load().protectedPaths);
   if (ctx.flag("--snapshot") || tracker.snapshots().empty()) {
     tracker.takeSnapshot(ctx.now(), [] { return false; });
   }

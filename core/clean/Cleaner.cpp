@@ -145,22 +145,38 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     return;
   }
 
+  // The name the user knows the item by (for reports and records), and where it really is: a
+  // folder the policy lets a root follow through a link is acted on at its real place.
   std::string path = SafetyPolicy::normalize(givenPath, paths_.home());
+  const auto place = policy_.placeOf(path);
+  // Through a link only when the scan found the item there too: a folder swapped for a link since
+  // (even one the policy would follow) is not where the user's choice was made.
+  if (!place || *place != item.realPath.value_or(path)) {
+    pass.report.skippedProtected.push_back(givenPath);
+    if (!pass.dryRun)
+      pass.audit.push_back(AuditEntry::make(pass.now, "skip", givenPath, item.size, item.category, pass.trigger, false,
+                                            "The folder changed while cleaning"));
+    return;
+  }
+  std::string real = *place;
   struct stat st;
-  if (::lstat(path.c_str(), &st) != 0) {
+  if (::lstat(real.c_str(), &st) != 0) {
     if (errno != ENOENT && errno != ENOTDIR) {
       pass.report.failures.push_back({item.id, "couldn't be read (the drive it's on may be offline)"});
       return;
     }
     // An evicted cloud file leaves only its placeholder; that is what there is to remove.
-    const fs::path p(path);
-    const fs::path placeholder = p.parent_path() / ("." + p.filename().string() + ".icloud");
-    if (::lstat(placeholder.c_str(), &st) != 0) {
+    const auto withPlaceholder = [](const std::string& p) {
+      const fs::path f(p);
+      return (f.parent_path() / ("." + f.filename().string() + ".icloud")).string();
+    };
+    if (::lstat(withPlaceholder(real).c_str(), &st) != 0) {
       if (!pass.dryRun)
         pass.audit.push_back(AuditEntry::make(pass.now, "gone", path, 0, item.category, pass.trigger, true));
       return;
     }
-    path = placeholder.string();
+    path = withPlaceholder(path);
+    real = withPlaceholder(real);
   }
 
   const Disposal disposal = pass.disposalOverride.value_or(config_.disposal(item.category));
@@ -188,27 +204,23 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
 
   try {
     // Open the parent from a trusted folder without following any link, then judge what was
-    // actually opened: a folder swapped or moved since the check above is refused here.
-    ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), path), path);
-    std::string opened = path;
-    if (const auto real = parent.realPath()) {
-      opened = (*real / parent.name).string();
-      // A home reached through a link is judged under the name the policy knows it by.
-      const std::string resolvedHome = SafetyPolicy::resolveLinks(paths_.home().string());
-      if (resolvedHome != paths_.home().string() && isAtOrUnder(opened, resolvedHome))
-        opened = paths_.home().string() + opened.substr(resolvedHome.size());
-    }
-    const Verdict bound = policy_.check(opened);
-    if (bound.kind != verdict.kind) {
+    // actually opened: a folder swapped, moved or re-linked since the check above is refused.
+    ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), real), real);
+    const fs::path realParent = fs::path(real).parent_path();
+    const auto opened = parent.realPath();
+    const Verdict bound = policy_.check(path);
+    if (bound.kind != verdict.kind || policy_.placeOf(path) != real || (opened && *opened != realParent)) {
       const std::string reason = bound.isBlocked() ? bound.text : "The folder changed while cleaning";
       pass.report.skippedProtected.push_back(path);
       pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
       return;
     }
+    // Records (the quarantine's original path, the Trash's info file) keep the name the user knows.
+    parent.path = fs::path(path).parent_path();
 
-    if (CloudFiles::isDataless(path)) {
+    if (CloudFiles::isDataless(real)) {
       // No local data: the cloud service's own removal, retried while it is busy.
-      CloudFiles::remove(path, 4);
+      CloudFiles::remove(real, 4);
       addChecked(pass.report.freedBytes, item.size);
       ++pass.report.itemsProcessed;
       pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));

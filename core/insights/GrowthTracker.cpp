@@ -2,6 +2,7 @@
 #include "core/insights/GrowthTracker.h"
 
 #include "core/insights/StoreLock.h"
+#include "core/scan/SafetyPolicy.h"
 #include "core/storage/JSONStore.h"
 
 #include <algorithm>
@@ -55,8 +56,8 @@ FolderSnapshot folderSnapshotFromJson(const Json& j) {
   return s;
 }
 
-GrowthTracker::GrowthTracker(const Paths& paths)
-    : paths_(paths), url_(paths.supportFile("growth-snapshots.json")) {}
+GrowthTracker::GrowthTracker(const Paths& paths, std::vector<std::string> userProtected)
+    : paths_(paths), url_(paths.supportFile("growth-snapshots.json")), userProtected_(std::move(userProtected)) {}
 
 GrowthTracker::GrowthTracker(const Paths& paths, fs::path url)
     : paths_(paths), url_(std::move(url)) {}
@@ -98,15 +99,21 @@ FolderSnapshot GrowthTracker::takeSnapshot(Date now, const FS::CancelTest& isCan
 
   FolderSnapshot snapshot;
   snapshot.date = now;
+  const SafetyPolicy policy(paths_, userProtected_);
   for (const auto& parent : parents) {
-    for (const auto& child : FS::children(parent)) {
+    // A watched folder kept elsewhere through a link is measured where it really is, under the
+    // name the user knows.
+    const auto place = policy.followRoot(parent.string());
+    if (!place.real) continue;
+    for (const auto& real : FS::children(*place.real)) {
       // Asked once per folder too, so a run of empty folders still notices a cancel.
       if (check && check()) return snapshot;
-      if (!FS::isDirectory(child)) continue;  // files, links and vanished entries
+      if (!FS::isDirectory(real)) continue;  // files, links and vanished entries
+      const fs::path child = parent / real.filename();
       // A watched folder is measured through its own children only.
       if (watched.count(child)) continue;
       if (parent == paths_.home() && child.filename() == "Library") continue;
-      snapshot.sizes[child.string()] = FS::allocatedSize(child, check);
+      snapshot.sizes[child.string()] = FS::allocatedSize(real, check);
     }
   }
   if (cancelled.load()) return snapshot;

@@ -51,7 +51,9 @@ class GrowthTracker {
   static constexpr size_t kMaxSnapshots = 26;
   static constexpr int64_t kMinDeltaBytes = 10000000;  // smaller changes are noise
 
-  explicit GrowthTracker(const Paths& paths);
+  // `userProtected` (the settings' protected paths) joins the fixed protected lists in deciding
+  // whether a watched folder that is a link may be followed.
+  explicit GrowthTracker(const Paths& paths, std::vector<std::string> userProtected = {});
   // Watches `paths` but keeps the snapshots in `url` (a home that must stay untouched).
   GrowthTracker(const Paths& paths, std::filesystem::path url);
 
@@ -65,7 +67,8 @@ class GrowthTracker {
   std::vector<FolderSnapshot> snapshots() const;
   std::optional<Date> lastSnapshotDate() const;
 
-  // Measures every real folder (no links) directly inside the watched folders, except watched
+  // Measures every real folder (no links) directly inside the watched folders (a watched folder
+  // that is a link is followed as the safety policy's followRoot allows), except watched
   // folders themselves and "Library" under home, stores the snapshot (keeping the newest 26) and
   // returns it. `isCancelled` is polled by the size walks; once it answers true the measuring
   // stops and the partial snapshot is returned without being stored, since its missing sizes
@@ -84,6 +87,7 @@ class GrowthTracker {
  private:
   Paths paths_;
   std::filesystem::path url_;
+  std::vector<std::string> userProtected_;
 };
 
 }  // namespace kestrel

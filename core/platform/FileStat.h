@@ -36,6 +36,12 @@ struct EntryStat {
 // modification date; otherwise only type and allocated size are asked for.
 bool statAt(int dirfd, const char* name, EntryStat& out, bool full) noexcept;
 
+// Which mount an open object belongs to. Two objects on the same file system but reached through
+// different mounts (a bind mount) differ here although their devices are equal, so a walk that
+// compares this never crosses into another mount. Nothing when the system cannot say; callers
+// then rely on the device number alone.
+std::optional<uint64_t> mountID(int fd) noexcept;
+
 // Modification and access times of a status record, to the nanosecond.
 Date modifiedTime(const struct stat& st) noexcept;
 Date accessedTime(const struct stat& st) noexcept;

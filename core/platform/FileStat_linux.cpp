@@ -103,6 +103,20 @@ bool statAt(int dirfd, const char* name, EntryStat& out, bool full) noexcept {
   return true;
 }
 
+std::optional<uint64_t> mountID(int fd) noexcept {
+  struct statx sx;
+  if (::statx(fd, "", AT_EMPTY_PATH | AT_STATX_DONT_SYNC, STATX_MNT_ID, &sx) == 0 && (sx.stx_mask & STATX_MNT_ID)) {
+    return sx.stx_mnt_id;
+  }
+  // Older kernels: the mount id that file handles carry.
+  alignas(struct file_handle) unsigned char storage[sizeof(struct file_handle) + MAX_HANDLE_SZ];
+  auto* handle = reinterpret_cast<struct file_handle*>(storage);
+  handle->handle_bytes = MAX_HANDLE_SZ;
+  int mount = 0;
+  if (::name_to_handle_at(fd, "", handle, &mount, AT_EMPTY_PATH) == 0) return static_cast<uint64_t>(mount);
+  return std::nullopt;
+}
+
 std::optional<Date> addedToFolderDate(const std::filesystem::path& path) noexcept {
   // Linux keeps no added-to-folder date; the birth time stands in where the file system has one.
   struct statx sx;

@@ -76,6 +76,13 @@ bool statAt(int dirfd, const char* name, EntryStat& out, bool) noexcept {
   return true;
 }
 
+std::optional<uint64_t> mountID(int fd) noexcept {
+  // The system has no bind mounts: every mount point changes the device number.
+  struct stat st;
+  if (::fstat(fd, &st) != 0) return std::nullopt;
+  return static_cast<uint64_t>(st.st_dev);
+}
+
 std::optional<Date> addedToFolderDate(const std::filesystem::path& path) noexcept {
   struct {
     uint32_t length;

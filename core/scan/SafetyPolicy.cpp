@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
 #include <deque>
@@ -179,8 +180,23 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
     : paths_(std::move(paths)), probes_(std::move(probes)) {
   if (!probes_.isWritable) probes_.isWritable = accessWritable;
   home_ = removeDotSegments(paths_.home().string());
-  resolvedHome_ = resolveLinks(home_);
-  for (const auto& e : userProtected) userProtected_.push_back(normalize(e, paths_.home(), probes_.stripPrivate));
+  for (const auto& e : userProtected) {
+    if (!e.empty() && e.front() != '/' && e.front() != '~') {
+      // A relative entry names no place of its own; it protects every path holding it as whole
+      // components, and the same path below the home folder (the likely meaning).
+      auto parts = splitComponents(removeDotSegments(e));
+      if (!parts.empty()) {
+        relativeProtected_.push_back(e);
+        relativeComponents_.push_back(std::move(parts));
+        continue;
+      }
+    }
+    // An empty entry reads as "/" once the separator is appended: it protects everything, which is
+    // also the safe reading of a typo.
+    const std::string n = e.empty() ? "/" : normalize(e, paths_.home(), probes_.stripPrivate);
+    userProtected_.push_back(n.empty() ? "/" : n);
+    userProtectedResolved_.push_back(resolveLinks(userProtected_.back()));
+  }
   for (auto rel : ProtectedLists::kHomeTopLevel) topLevel_.push_back(joinHome(home_, rel));
   for (auto abs : ProtectedLists::kAbsoluteTopLevel) topLevel_.emplace_back(abs);
   for (auto rel : ProtectedLists::kHomeBlocked) homeBlocked_.push_back(joinHome(home_, rel));
@@ -195,48 +211,132 @@ bool SafetyPolicy::isUserWritable(const std::string& path) const {
 Verdict SafetyPolicy::check(const std::string& path) const { return check(path, nullptr); }
 
 std::vector<Verdict> SafetyPolicy::checkAll(const std::vector<std::string>& paths) const {
-  std::unordered_map<std::string, std::string> resolvedParents;
+  Memo memo;
   std::vector<Verdict> out;
   out.reserve(paths.size());
-  for (const auto& p : paths) out.push_back(check(p, &resolvedParents));
+  for (const auto& p : paths) out.push_back(check(p, &memo));
   return out;
 }
 
-Verdict SafetyPolicy::check(const std::string& path, std::unordered_map<std::string, std::string>* memo) const {
+std::optional<Verdict> SafetyPolicy::judgeText(const std::string& p) const {
+  for (const auto& t : topLevel_)
+    if (p == t) return Verdict::blocked("Top-level folder");
+  for (size_t i = 0; i < userProtected_.size(); ++i) {
+    if (overlaps(p, userProtected_[i]) || overlaps(p, userProtectedResolved_[i]))
+      return Verdict::blocked("Protected by your rules (" + userProtected_[i] + ")");
+  }
+  if (!relativeComponents_.empty()) {
+    const auto parts = splitComponents(p);
+    for (size_t i = 0; i < relativeComponents_.size(); ++i) {
+      const auto& r = relativeComponents_[i];
+      const bool holdsIt = std::search(parts.begin(), parts.end(), r.begin(), r.end()) != parts.end();
+      std::string underHome = home_;
+      for (const auto& c : r) underHome = joinHome(underHome, c);
+      if (holdsIt || isAtOrUnder(underHome, p))
+        return Verdict::blocked("Protected by your rules (" + relativeProtected_[i] + ")");
+    }
+  }
+  for (const auto& e : homeBlocked_)
+    if (overlaps(p, e)) return Verdict::blocked("Protected personal data");
+  if (p.find(".photoslibrary") != std::string::npos) return Verdict::blocked("Photos library");
+  return std::nullopt;
+}
+
+std::optional<std::string> SafetyPolicy::protectedReason(const std::string& real) const {
+  if (auto v = judgeText(real)) return v->text;
+  for (auto root : ProtectedLists::kSystemLocations)
+    if (isAtOrUnder(real, root)) return std::string("System location");
+  return std::nullopt;
+}
+
+SafetyPolicy::RootPlace SafetyPolicy::followRoot(const std::string& folder) const {
+  const std::string f = normalize(folder, paths_.home(), probes_.stripPrivate);
+  if (f == home_ || !isAtOrUnder(f, home_)) return {f, {}};
+  const auto parts = splitComponents(std::string_view(f).substr(home_ == "/" ? 1 : home_.size()));
+  std::string current = home_;
+  int links = 0;
+  for (size_t i = 0; i < parts.size(); ++i) {
+    const std::string candidate = joinHome(current, parts[i]);
+    struct stat st;
+    if (::lstat(candidate.c_str(), &st) != 0) {
+      // Nothing there yet (a restore may create it): the rest stays as written.
+      for (size_t k = i; k < parts.size(); ++k) current = joinHome(current, parts[k]);
+      return {current, {}};
+    }
+    if (!S_ISLNK(st.st_mode)) {
+      current = candidate;
+      continue;
+    }
+    const auto outsideText = [&](const std::string& where) {
+      return isAtOrUnder(where, home_) ? std::string("Symlinked folder is not yours")
+                                       : std::string("Symlinked folder leads outside your home folder");
+    };
+    char* resolved = ++links > kMaxLinkHops ? nullptr : ::realpath(candidate.c_str(), nullptr);
+    if (!resolved) return {std::nullopt, "Symlinked folder leads outside your home folder"};
+    const std::string target = resolved;
+    std::free(resolved);
+    struct stat targetStat;
+    const uid_t me = ::geteuid();
+    if (st.st_uid != me || ::stat(target.c_str(), &targetStat) != 0 || !S_ISDIR(targetStat.st_mode) ||
+        targetStat.st_uid != me) {
+      return {std::nullopt, outsideText(target)};
+    }
+    if (auto why = protectedReason(target))
+      return {std::nullopt, "Symlinked folder leads to a protected location (" + *why + ")"};
+    current = target;
+  }
+  return {current, {}};
+}
+
+SafetyPolicy::RootPlace SafetyPolicy::followRootMemo(const std::string& folder, Memo* memo) const {
+  if (!memo) return followRoot(folder);
+  if (auto it = memo->find(folder); it != memo->end()) return it->second;
+  return memo->emplace(folder, followRoot(folder)).first->second;
+}
+
+std::optional<std::string> SafetyPolicy::placeOf(const std::string& path) const {
+  const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
+  if (p.empty() || p.front() != '/' || p == "/") return std::nullopt;
+  const std::string parent = parentOf(p);
+  const std::string name = p.substr(p.rfind('/') + 1);
+  if (isAtOrUnder(p, home_)) {
+    const RootPlace place = followRoot(parent);
+    if (!place.real) return std::nullopt;
+    return joinHome(*place.real, name);
+  }
+  const std::string resolvedItem = joinHome(resolveLinks(parent), name);
+  if (resolvedItem != p && isAtOrUnder(resolvedItem, home_)) return placeOf(resolvedItem);
+  return p;
+}
+
+Verdict SafetyPolicy::check(const std::string& path, Memo* memo) const {
   const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
   if (p.empty() || p.front() != '/') return Verdict::blocked("Not an absolute path");
   // Without a real home folder everything would count as "inside home".
   if (home_ == "/") return Verdict::blocked("No home folder");
-  for (const auto& t : topLevel_)
-    if (p == t) return Verdict::blocked("Top-level folder");
-  for (const auto& e : userProtected_)
-    if (overlaps(p, e)) return Verdict::blocked("Protected by your rules (" + e + ")");
-  for (const auto& e : homeBlocked_)
-    if (overlaps(p, e)) return Verdict::blocked("Protected personal data");
-  if (p.find(".photoslibrary") != std::string::npos) return Verdict::blocked("Photos library");
+  if (auto v = judgeText(p)) return *v;
 
   // The last component is never resolved: a link is removed as a link, never followed.
   const std::string parent = parentOf(p);
   const std::string lastName = p.substr(p.rfind('/') + 1);
-  std::string resolvedParent;
-  if (!memo) {
-    resolvedParent = resolveLinks(parent);
-  } else if (auto it = memo->find(parent); it != memo->end()) {
-    resolvedParent = it->second;
-  } else {
-    resolvedParent = resolveLinks(parent);
-    memo->emplace(parent, resolvedParent);
-  }
-  const std::string resolvedItem = resolvedParent == "/" ? "/" + lastName : resolvedParent + "/" + lastName;
-  const bool insideHome = isAtOrUnder(p, home_);
-  const bool staysHome = isAtOrUnder(resolvedItem, home_) || isAtOrUnder(resolvedItem, resolvedHome_);
-  if (insideHome) {
-    if (!staysHome) return Verdict::blocked("Symlinked folder leads outside your home folder");
+  if (isAtOrUnder(p, home_)) {
+    const RootPlace place = followRootMemo(parent, memo);
+    if (!place.real) return Verdict::blocked(place.refusal);
+    const std::string real = joinHome(*place.real, lastName);
+    if (real != p) {
+      // Reached through a link: what is really there is judged as well.
+      if (auto v = judgeText(real)) return *v;
+      for (auto root : ProtectedLists::kSystemLocations)
+        if (isAtOrUnder(real, root)) return Verdict::blocked("System location");
+    }
     if (CloudFiles::isSynced(p, fs::path(home_)))
       return Verdict::syncedCloud(CloudFiles::providerName(p, fs::path(home_)));
     return Verdict::allowed();
   }
 
+  const std::string resolvedItem = joinHome(resolveLinks(parent), lastName);
+  // A spelling of a place inside the home folder through a link (the home reached another way).
+  if (resolvedItem != p && isAtOrUnder(resolvedItem, home_)) return check(resolvedItem, memo);
   for (const std::string* candidate : {&p, &resolvedItem}) {
     if (candidate == &resolvedItem && resolvedItem == p) break;
     for (auto root : ProtectedLists::kSystemLocations)

@@ -4,6 +4,7 @@
 #include "core/storage/Paths.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -50,6 +51,22 @@ class SafetyPolicy {
   // True when the parent folder and then the item itself are writable by the current user.
   bool isUserWritable(const std::string& path) const;
 
+  // How a folder inside the home folder is really reached. A symbolic link on the way is followed
+  // only when the link is the user's own and leads to a folder of the user's that lies inside no
+  // protected location (judged on its real path); the items below it are then judged as if the
+  // real folder stood where the link is. `real` is the folder with every such link resolved
+  // (missing components stay as written); empty, with the reason, when a link is refused. Folders
+  // outside the home folder come back as written.
+  struct RootPlace {
+    std::optional<std::string> real;
+    std::string refusal;
+  };
+  RootPlace followRoot(const std::string& folder) const;
+  // Where a removal of `path` must act: its parent folder's real place (as followRoot finds it)
+  // joined with its own name, never resolving the name itself; a path outside the home folder
+  // that a link leads into it is taken at its real place too. Nothing when a link is refused.
+  std::optional<std::string> placeOf(const std::string& path) const;
+
   // The canonical form used for every comparison: a leading "~" becomes the home folder, "." and
   // ".." are removed (through the file system when every component exists), doubled and trailing
   // slashes dropped ("/" stays "/").
@@ -59,14 +76,25 @@ class SafetyPolicy {
   static std::string resolveLinks(const std::string& path);
 
   const std::vector<std::string>& userProtected() const { return userProtected_; }
+  // The user's entries that are neither absolute nor "~" paths, as written.
+  const std::vector<std::string>& relativeProtected() const { return relativeProtected_; }
 
  private:
-  Verdict check(const std::string& path, std::unordered_map<std::string, std::string>* resolvedParents) const;
+  using Memo = std::unordered_map<std::string, RootPlace>;
+  Verdict check(const std::string& path, Memo* memo) const;
+  // Steps that judge a path by its text alone: top-level folders, the user's rules, personal data,
+  // photo libraries. Nothing when none of them refuses it.
+  std::optional<Verdict> judgeText(const std::string& p) const;
+  // The user's rules and the fixed lists that a followed link's target must stay out of.
+  std::optional<std::string> protectedReason(const std::string& real) const;
+  RootPlace followRootMemo(const std::string& folder, Memo* memo) const;
 
   Paths paths_;
   std::string home_;
-  std::string resolvedHome_;
   std::vector<std::string> userProtected_;
+  std::vector<std::string> userProtectedResolved_;  // the same entries with their links resolved
+  std::vector<std::string> relativeProtected_;
+  std::vector<std::vector<std::string>> relativeComponents_;
   std::vector<std::string> topLevel_;
   std::vector<std::string> homeBlocked_;
   PolicyProbes probes_;

@@ -1,6 +1,8 @@
 // Scan engine: parallel scanner threads, throttled progress, ownership and de-duplication.
 #include "core/scan/ScanEngine.h"
 
+#include "core/platform/FileStat.h"
+
 #include <algorithm>
 #include <exception>
 #include <system_error>
@@ -12,7 +14,31 @@ namespace kestrel {
 
 bool ScanContext::oldEnough(const std::optional<Date>& modified) const {
   if (!modified) return true;
-  return now - *modified >= std::chrono::seconds(config.minItemAgeHours * 3600);
+  int64_t seconds = 0;
+  if (__builtin_mul_overflow(config.minItemAgeHours, int64_t{3600}, &seconds))
+    seconds = config.minItemAgeHours > 0 ? INT64_MAX : INT64_MIN;
+  return *modified <= Dates::minusSeconds(now, seconds);
+}
+
+UniqueFd ScanContext::openFolder(const fs::path& folder, fs::path* realOut) const {
+  std::shared_ptr<const SafetyPolicy> own = policy;
+  if (!own) own = std::make_shared<const SafetyPolicy>(paths, config.protectedPaths);
+  const auto place = own->followRoot(folder.string());
+  if (!place.real) return UniqueFd();
+  const fs::path real(*place.real);
+  if (realOut) *realOut = real;
+  const fs::path rel = real.lexically_relative(home());
+  if (rel.empty() || *rel.begin() == "..") {
+    // Outside the home folder: the real path was just resolved, so no link is on the way.
+    return UniqueFd(platform::openDirectory(real.c_str()));
+  }
+  UniqueFd current(platform::openDirectory(home().c_str()));
+  for (const auto& component : rel) {
+    if (!current) break;
+    if (component == ".") continue;
+    current = UniqueFd(platform::openDirectoryAt(current.get(), component.c_str()));
+  }
+  return current;
 }
 
 Throttle::Throttle(double intervalSeconds, std::function<Clock::time_point()> clock)
@@ -39,7 +65,9 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
                                             const std::function<bool()>& isCancelled, const Progress& progress,
                                             const Status& status) const {
   auto throttle = std::make_shared<Throttle>(0.09);
-  ScanContext context{paths_, config_, clock_(), [] { return false; }, [](CleanCategory, const std::string&) {}};
+  auto policy = std::make_shared<const SafetyPolicy>(paths_, config_.protectedPaths);
+  ScanContext context{paths_, config_, clock_(), [] { return false; }, [](CleanCategory, const std::string&) {},
+                      policy};
   if (isCancelled) context.isCancelled = isCancelled;
   if (progress)
     context.report = [throttle, progress](CleanCategory c, const std::string& text) {
@@ -75,8 +103,7 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
     }
     for (auto& t : threads) t.join();
   }
-  const SafetyPolicy policy(paths_, config_.protectedPaths);
-  return dedupe(std::move(results), policy);
+  return dedupe(std::move(results), *policy);
 }
 
 int claimRank(CleanCategory c) {

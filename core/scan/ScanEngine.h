@@ -6,6 +6,7 @@
 #include "core/scan/ScanModel.h"
 #include "core/storage/AppConfig.h"
 #include "core/storage/Paths.h"
+#include "core/storage/UniqueFd.h"
 
 #include <chrono>
 #include <functional>
@@ -25,14 +26,22 @@ struct ScanContext {
   Date now;  // the one reference time of the whole scan
   std::function<bool()> isCancelled = [] { return false; };
   std::function<void(CleanCategory, const std::string&)> report = [](CleanCategory, const std::string&) {};
+  // The policy of this scan (built from paths and config when absent).
+  std::shared_ptr<const SafetyPolicy> policy = nullptr;
 
   const fs::path& home() const { return paths.home(); }
   fs::path lib(std::string_view sub) const { return paths.lib(sub); }
-  // `now` minus n exact 24-hour days.
-  Date daysAgo(int64_t n) const { return now - std::chrono::seconds(n * 86400); }
+  // `now` minus n exact 24-hour days; a count beyond the clock's range saturates, so a huge
+  // setting meant as "never" finds nothing old enough.
+  Date daysAgo(int64_t n) const { return Dates::minusDays(now, n); }
   // The common minimum-age test: false for an item modified less than minItemAgeHours before now
   // (an unknown modification date passes).
   bool oldEnough(const std::optional<Date>& modified) const;
+  // Opens a folder the scanner starts from, for listing (never updating its access time). Inside
+  // the home folder it is reached from the home folder one component at a time; a link on the way
+  // is followed only as the policy's followRoot allows. Invalid when missing or refused.
+  // `real` (when given) receives the folder's real path.
+  UniqueFd openFolder(const fs::path& folder, fs::path* real = nullptr) const;
 };
 
 // One scanner per category. A scanner does not fail: a problem yields fewer or no items.

@@ -95,6 +95,10 @@ struct ScanItem {
   Risk risk = Risk::safe;
   std::string reason;
   std::optional<Date> lastUsed;
+  // Where the scan really found the item when that differs from the target's path (its folder is
+  // reached through a link the safety policy lets a root follow). The cleaner acts through the link
+  // only when the link still leads there. Not part of the JSON form.
+  std::optional<std::string> realPath = std::nullopt;
 
   std::optional<std::string> path() const { return target.path(); }
   bool operator==(const ScanItem&) const = default;

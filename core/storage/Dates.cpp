@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include <cstdint>
+
 namespace kestrel::Dates {
 namespace {
 
@@ -76,6 +78,26 @@ int64_t unixSeconds(Date d) {
 }
 
 Date fromUnixSeconds(int64_t s) { return Date{seconds{s}}; }
+
+Date plusSeconds(Date d, int64_t s) {
+  using Ticks = Date::duration;
+  const __int128 ticks = static_cast<__int128>(d.time_since_epoch().count()) +
+                         static_cast<__int128>(s) * (Ticks::period::den / Ticks::period::num);
+  if (ticks > Ticks::max().count()) return Date::max();
+  if (ticks < Ticks::min().count()) return Date::min();
+  return Date{Ticks{static_cast<Ticks::rep>(ticks)}};
+}
+
+Date minusSeconds(Date d, int64_t s) {
+  // -INT64_MIN does not exist; one second more or less at that end changes nothing.
+  return plusSeconds(d, s == INT64_MIN ? INT64_MAX : -s);
+}
+
+Date minusDays(Date d, int64_t days) {
+  int64_t s = 0;
+  if (__builtin_mul_overflow(days, int64_t{86400}, &s)) s = days > 0 ? INT64_MAX : INT64_MIN;
+  return minusSeconds(d, s);
+}
 
 double referenceSeconds(Date d) {
   const double unix = duration_cast<std::chrono::duration<double>>(d.time_since_epoch()).count();

@@ -22,6 +22,13 @@ Date fromUnixSeconds(int64_t s);
 double referenceSeconds(Date d);
 Date fromReferenceSeconds(double s);
 
+// `d` moved by `seconds` (or whole 86,400-second days), saturating at the ends of the clock's
+// range instead of wrapping: an age limit too large for the clock means "longer ago than
+// anything", never a date in the future.
+Date minusSeconds(Date d, int64_t seconds);
+Date minusDays(Date d, int64_t days);
+Date plusSeconds(Date d, int64_t seconds);
+
 // "2026-11-15T18:23:09Z": UTC, fraction truncated.
 std::string iso8601(Date d);
 // Accepts "yyyy-MM-ddTHH:mm:ss" followed by Z, z, GMT/UTC (optionally with an offset), or an

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <atomic>
 #include <condition_variable>
@@ -20,6 +21,9 @@ namespace {
 
 using platform::EntryType;
 
+// Deeper trees are not looked into by the bounded walks.
+constexpr size_t kMaxWalkDepth = 256;
+
 bool lstatPath(const fs::path& p, struct stat& st) { return ::lstat(p.c_str(), &st) == 0; }
 
 // Shared state of one allocated-size walk. Workers take open folders from `queue`; a worker walks
@@ -30,6 +34,7 @@ class SizeWalk {
   explicit SizeWalk(const CancelTest& cancel) : cancel_(cancel) {}
 
   int64_t run(int rootFd, unsigned workers) {
+    mount_ = platform::mountID(rootFd);
     queue_.push_back(rootFd);
     std::vector<std::thread> threads;
     for (unsigned i = 1; i < workers; ++i) {
@@ -102,6 +107,10 @@ class SizeWalk {
       const std::string& name = top.subdirs[top.next++];
       const int child = platform::openDirectoryAt(top.fd.get(), name.c_str());
       if (child < 0) continue;  // vanished, unreadable or replaced by a non-folder: nothing to add
+      if (mount_ && platform::mountID(child) != mount_) {
+        ::close(child);  // another mount (a bind mount too) is not part of this folder
+        continue;
+      }
       if (waiting_.load(std::memory_order_relaxed) > 0) {
         std::lock_guard g(mutex_);
         queue_.push_back(child);
@@ -138,6 +147,7 @@ class SizeWalk {
   }
 
   const CancelTest& cancel_;
+  std::optional<uint64_t> mount_;
   std::mutex mutex_;
   std::condition_variable cv_;
   std::vector<int> queue_;
@@ -207,6 +217,9 @@ std::optional<Date> lastUsedDate(const fs::path& url) noexcept {
 std::optional<Date> newestModification(const fs::path& url, int limit) noexcept {
   auto newest = modificationDate(url);
   if (!newest || !isDirectory(url)) return newest;
+  // Anything that cannot be looked at may hold something written right now: answer "as recent
+  // as can be" rather than "old".
+  const auto unsure = [] { return std::optional<Date>(Date::max()); };
   try {
     // Depth-first with one open folder per level: a wide folder never holds its subfolders open.
     struct Frame {
@@ -215,33 +228,47 @@ std::optional<Date> newestModification(const fs::path& url, int limit) noexcept 
       size_t next = 0;
     };
     int visited = 0;
+    bool sure = true;
     auto list = [&](Frame& f) {
-      platform::readDirectory(f.fd.get(), [&](const char* name, EntryType) {
+      const bool read = platform::readDirectory(f.fd.get(), [&](const char* name, EntryType) {
         if (visited >= limit) return;
         ++visited;
         platform::EntryStat st;
-        if (!platform::statAt(f.fd.get(), name, st, true)) return;
+        if (!platform::statAt(f.fd.get(), name, st, true)) {
+          if (errno != ENOENT) sure = false;
+          return;
+        }
         if (st.modified > *newest) newest = st.modified;
         if (st.type == EntryType::directory) f.subdirs.emplace_back(name);
       });
+      if (!read) sure = false;
     };
     std::vector<Frame> stack;
     stack.push_back(Frame{UniqueFd(platform::openDirectory(url.c_str())), {}, 0});
-    if (!stack.back().fd) return newest;
+    if (!stack.back().fd) return errno == ENOENT ? newest : unsure();
+    const auto mount = platform::mountID(stack.back().fd.get());
     list(stack.back());
-    while (!stack.empty() && visited < limit) {
+    while (sure && !stack.empty() && visited < limit) {
       Frame& top = stack.back();
       if (top.next >= top.subdirs.size()) {
         stack.pop_back();
         continue;
       }
       UniqueFd child(platform::openDirectoryAt(top.fd.get(), top.subdirs[top.next++].c_str()));
-      if (!child) continue;
+      if (!child) {
+        if (errno != ENOENT) sure = false;
+        continue;
+      }
+      if (stack.size() >= kMaxWalkDepth || (mount && platform::mountID(child.get()) != mount)) {
+        sure = false;
+        break;
+      }
       stack.push_back(Frame{std::move(child), {}, 0});
       list(stack.back());
     }
+    if (!sure) return unsure();
   } catch (const std::bad_alloc&) {
-    // best effort: what was seen so far stands
+    return unsure();
   }
   return newest;
 }

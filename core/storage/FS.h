@@ -45,12 +45,14 @@ std::optional<Date> modificationDate(const fs::path& url) noexcept;
 std::optional<Date> addedToFolderDate(const fs::path& url) noexcept;
 // The later of the access and modification dates.
 std::optional<Date> lastUsedDate(const fs::path& url) noexcept;
-// Newest modification date of the folder and of at most `limit` entries below it (links not followed).
+// Newest modification date of the folder and of at most `limit` entries below it (links not
+// followed, other mounts not entered). A guard before removal: when a folder below cannot be
+// opened or read, or lies on another mount, the answer is the latest representable date.
 std::optional<Date> newestModification(const fs::path& url, int limit) noexcept;
 // Bytes the item occupies: its own blocks for a file; for a folder, the sum over the regular files
-// below it (links never followed, other kinds not counted). `cancel` is polled on the first entry
-// and then every 2000 entries; when it answers true the sum so far is returned. The walk uses up
-// to two threads.
+// below it (links never followed, other mounts never entered, other kinds not counted). `cancel`
+// is polled on the first entry and then every 2000 entries; when it answers true the sum so far
+// is returned. The walk uses up to two threads.
 int64_t allocatedSize(const fs::path& url, const CancelTest& cancel = nullptr) noexcept;
 // The same walk over a folder the caller already opened (the descriptor is taken over and closed),
 // so a caller that holds the folder's status need not ask for it again.

@@ -35,7 +35,16 @@ fs::path standardizedPath(const fs::path& p) {
   return out.empty() ? fs::path(".") : fs::path(out);
 }
 
-Paths::Paths(const fs::path& home) : home_(standardizedPath(home)) {}
+fs::path realFolderPath(const fs::path& p) {
+  const fs::path standard = standardizedPath(p);
+  char* real = ::realpath(standard.c_str(), nullptr);
+  if (!real) return standard;
+  fs::path out(real);
+  std::free(real);
+  return out;
+}
+
+Paths::Paths(const fs::path& home) : home_(realFolderPath(home)) {}
 
 Paths Paths::fromEnvironment() {
   const char* env = std::getenv("HOME");

@@ -19,9 +19,13 @@ struct AppInfo {
 
 // Lexically standardised absolute path: "." and ".." resolved, doubled and trailing slashes removed.
 fs::path standardizedPath(const fs::path& p);
+// The standardised path with every symbolic link resolved, when it exists; else as standardised.
+fs::path realFolderPath(const fs::path& p);
 
 class Paths {
  public:
+  // The home folder is resolved once to its real path (when it exists): that real folder is the
+  // trusted anchor every walk and removal starts from, however HOME reaches it.
   explicit Paths(const fs::path& home);
 
   // HOME when set and absolute, else the password database's entry for the current user.

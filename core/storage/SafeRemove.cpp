@@ -249,6 +249,7 @@ class Walk {
               rootParentPath_};
     }
     rootDev_ = parent.st_dev;
+    rootMount_ = platform::mountID(rootParentFd_);
     Frame pseudo;  // stands for the root item's parent
     pseudo.fd = rootParentFd_;
     stack_.push_back(std::move(pseudo));
@@ -327,6 +328,11 @@ class Walk {
       }
       // What was opened must be what was examined; otherwise the name was swapped in between.
       if (identityFrom(opened) != identityFrom(st)) continue;
+      // A bind mount keeps the device number: only the mount identity tells it apart.
+      if (rootMount_ && platform::mountID(fd.get()) != rootMount_) {
+        note(RemoveResult::Status::refused, EXDEV, name);
+        return false;
+      }
       Frame f;
       f.fd = fd.get();
       f.owner = std::move(fd);
@@ -377,6 +383,7 @@ class Walk {
   int rootParentFd_;
   fs::path rootParentPath_;
   dev_t rootDev_ = 0;
+  std::optional<uint64_t> rootMount_;
   std::vector<Frame> stack_;
   RemoveResult result_;
 };

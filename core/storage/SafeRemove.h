@@ -90,8 +90,8 @@ struct RemoveResult {
 // Removes files and whole trees through descriptors: every name is resolved inside a folder
 // already opened without following links, and every folder's identity is checked after opening
 // and before descending, so swapping a folder for a link at any moment cannot make it remove
-// anything outside the tree it was given. It never crosses onto another device, never removes
-// "/", the home folder or a top-level folder of the safety policy (compared by identity), treats
+// anything outside the tree it was given. It never crosses onto another device or into another
+// mount (a bind mount of the same file system included), never removes "/", the home folder or a top-level folder of the safety policy (compared by identity), treats
 // entries that vanish meanwhile as removed, and keeps a bounded number of folders open (a tree
 // deeper than kMaxDepth fails cleanly with ENAMETOOLONG after removing what it could). Safe to use
 // from several threads at once.

@@ -266,35 +266,65 @@ TEST(EverydayScanners, OddNamesAndBrokenFoldersNeverLeaveTheFolder) {
   for (const auto& n : names) EXPECT_NE(find(items, h.path("Library/Caches/" + n)), nullptr) << n;
 }
 
-TEST(EverydayScanners, LinksAndFilesWhereFoldersBelongYieldNothing) {
+TEST(EverydayScanners, LinkedRootsAreFollowedOnlyWhereTheyMay) {
+  const Date now = std::chrono::system_clock::now() + std::chrono::hours(48);
+  // Each setup puts a 70,000-byte cache "com.app/blob" somewhere the cache folder may lead to.
   struct Case {
     const char* name;
-    std::function<void(ScratchHome&)> setup;
+    std::function<bool(ScratchHome&)> setup;  // false: the case cannot be set up by this process
+    bool listed;
+  };
+  const auto cacheIn = [](const fs::path& dir) {
+    fs::create_directories(dir / "com.app");
+    std::ofstream(dir / "com.app/blob") << std::string(70000, 'x');
   };
   const Case cases[] = {
-      {"cache folder is a file", [](ScratchHome& h) { h.file("Library/Caches", 100); }},
-      {"Library is a file", [](ScratchHome& h) { h.file("Library", 100); }},
-      {"Library links out of home",
-       [](ScratchHome& h) {
-         const fs::path out = h.outside("lib");
-         fs::create_directories(out / "Caches/com.app");
-         std::ofstream(out / "Caches/com.app/blob") << std::string(70000, 'x');
-         h.link("Library", out);
-       }},
+      {"cache folder is a file", [](ScratchHome& h) { return h.file("Library/Caches", 100), true; }, false},
+      {"Library is a file", [](ScratchHome& h) { return h.file("Library", 100), true; }, false},
+      {"home is empty", [](ScratchHome&) { return true; }, false},
+      {"Library links to the user's folder on another disk",
+       [&](ScratchHome& h) {
+         cacheIn(h.outside("lib") / "Caches");
+         h.link("Library", h.outside("lib"));
+         return true;
+       },
+       true},
       {"cache folder links inside home",
-       [](ScratchHome& h) {
-         h.file("elsewhere/com.app/blob", 70000);
+       [&](ScratchHome& h) {
+         cacheIn(h.path("elsewhere"));
          h.folder("Library");
          h.link("Library/Caches", h.path("elsewhere"));
-       }},
-      {"home is empty", [](ScratchHome&) {}},
+         return true;
+       },
+       true},
+      {"cache folder links to someone else's folder",
+       [&](ScratchHome& h) {
+         cacheIn(h.outside("theirs"));
+         h.folder("Library");
+         h.link("Library/Caches", h.outside("theirs"));
+         return test::disown(h.outside("theirs"));
+       },
+       false},
+      {"cache folder links into protected data",
+       [&](ScratchHome& h) {
+         cacheIn(h.path(".ssh"));
+         h.folder("Library");
+         h.link("Library/Caches", h.path(".ssh"));
+         return true;
+       },
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     ScratchHome h;
-    c.setup(h);
-    EXPECT_TRUE(runScanner(CleanCategory::userCaches, h, std::chrono::system_clock::now() + std::chrono::hours(48))
-                    .empty());
+    if (!c.setup(h)) continue;
+    const auto items = runScanner(CleanCategory::userCaches, h, now);
+    ASSERT_EQ(items.size(), c.listed ? 1u : 0u);
+    if (!c.listed) continue;
+    // Listed under the name the user knows, acted on where it really is.
+    EXPECT_EQ(items[0].id, h.path("Library/Caches/com.app").string());
+    ASSERT_TRUE(items[0].realPath);
+    EXPECT_EQ(fs::path(*items[0].realPath), fs::canonical(h.path("Library/Caches/com.app")));
   }
 }
 

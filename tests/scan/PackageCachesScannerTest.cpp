@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 namespace kestrel {
 namespace {
 
@@ -82,22 +84,33 @@ TEST(PackageCachesScanner, BothPlacesOfOneToolAreOfferedLargestFirst) {
   EXPECT_EQ(items[2].title, "pip cache");
 }
 
-TEST(PackageCachesScanner, NothingThroughLinksOrWhenCancelled) {
+TEST(PackageCachesScanner, LinkedParentsOnlyWhereTheyMayOrWhenCancelled) {
   ScratchHome h;
   const Date now = std::chrono::system_clock::now();
   EXPECT_TRUE(scanCaches(h, now).empty());
-  // A linked cache folder and a linked parent both lead outside: neither is measured.
+  // A linked parent folder of the user's is followed; a cache folder that is itself a link is not
+  // (a link is never measured through), nor a parent that leads to someone else's folder.
   const fs::path dotCache = h.outside("dotcache");
   h.file("../outside/dotcache/huggingface/blob", 3 * kMiB);
   h.age("../outside/dotcache/huggingface", 3, now);
   h.file("../outside/gobuild/blob", 3 * kMiB);
   h.age("../outside/gobuild", 3, now);
+  h.file("../outside/theirs/_cacache/blob", 3 * kMiB);
+  h.age("../outside/theirs/_cacache", 3, now);
   h.link(".cache", dotCache);
   h.link("Library/Caches/go-build", h.root() / "outside/gobuild");
-  cache(h, ".npm/_cacache", 2 * kMiB, 3, now);
+  h.link(".npm", h.outside("theirs"));
+  const bool othersOwn = test::disown(h.outside("theirs"));
+  cache(h, ".m2/repository", 2 * kMiB, 3, now);
   const auto items = scanCaches(h, now);
-  ASSERT_EQ(items.size(), 1u);
-  EXPECT_EQ(items[0].title, "npm cache");
+  std::set<std::string> titles;
+  for (const auto& i : items) titles.insert(i.title);
+  EXPECT_EQ(titles.count("Hugging Face models/datasets"), 1u);
+  EXPECT_EQ(titles.count("Maven repository"), 1u);
+  EXPECT_EQ(titles.count("Go build cache"), 0u);
+  if (othersOwn) {
+    EXPECT_EQ(items.size(), 2u);
+  }
   int polls = 0;
   EXPECT_TRUE(scanCaches(h, now, [&] { return ++polls > 0; }).empty());
   EXPECT_GE(polls, 26);  // every entry still asks, none yields

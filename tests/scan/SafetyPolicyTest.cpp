@@ -27,7 +27,17 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
   const fs::path volume = h.outside("OtherVolume");
   h.link("External", volume);                               // a home-folder link to another volume
   h.link("Library/Caches/escape", h.outside("elsewhere"));  // a parent link leaving home
-  h.link("Shortcut", h.path("Documents"));                  // a link that stays at home
+  h.link("Shortcut", h.path("Documents"));                  // a link to a top-level folder
+  h.link("Mine", h.outside("mine"));                        // the user's own folder elsewhere
+  h.link("ToKeys", h.path(".ssh"));
+  h.folder(".ssh");
+  h.link("ToSystem", "/usr/share");
+  h.link("ToHome", h.home());
+  h.link("Kept", h.path("Projects/keep"));
+  h.link("Dangling", h.path("nowhere"));
+  // Links and folders of someone else are never followed (only root can make them here).
+  const bool othersOwn = test::disown(volume) && test::disown(h.outside("elsewhere")) &&
+                         test::disown(h.link("Foreign", h.outside("mine")));
   const fs::path sysLink = h.root() / "outside" / "sys";
   fs::create_symlink("/usr/share", sysLink);
   const std::string outside = (h.root() / "outside").string();
@@ -77,12 +87,17 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
       // 6: photo libraries anywhere
       {"~/Pictures/Photos Library.photoslibrary/originals/a.jpg", Verdict::blocked("Photos library")},
       {"/Library/Caches/x.photoslibrary", Verdict::blocked("Photos library")},
-      // 7: links
-      {"~/External/big.mov", Verdict::blocked("Symlinked folder leads outside your home folder")},
-      {"~/External", Verdict::allowed()},  // the link itself, removed as a link
-      {"~/Library/Caches/escape/data", Verdict::blocked("Symlinked folder leads outside your home folder")},
+      // 7: links: a link itself is removed as a link; a folder reached through one only when the
+      // link and its folder are the user's and lead nowhere protected
+      {"~/External", Verdict::allowed()},
       {"~/Library/Caches/escape", Verdict::allowed()},
-      {"~/Shortcut/report.pdf", Verdict::allowed()},
+      {"~/Mine/big.mov", Verdict::allowed()},
+      {"~/Shortcut/report.pdf", Verdict::blocked("Symlinked folder leads to a protected location (Top-level folder)")},
+      {"~/ToKeys/id_rsa", Verdict::blocked("Symlinked folder leads to a protected location (Protected personal data)")},
+      {"~/ToSystem/doc", Verdict::blocked("Symlinked folder leads to a protected location (System location)")},
+      {"~/ToHome/Documents", Verdict::blocked("Symlinked folder leads to a protected location (Top-level folder)")},
+      {"~/Kept/x", Verdict::blocked("Symlinked folder leads to a protected location (" + rule + ")")},
+      {"~/Dangling/x", Verdict::blocked("Symlinked folder leads outside your home folder")},
       // 8: cloud folders
       {"~/Library/Mobile Documents/com~apple~CloudDocs/a.txt", Verdict::syncedCloud("iCloud Drive")},
       {"~/Library/CloudStorage/GoogleDrive-me@example.com/a.txt", Verdict::syncedCloud("GoogleDrive")},
@@ -106,18 +121,73 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
       {"/Applications/Mine.app", Verdict::allowed()},
       {"/Applications/RootOwned.app", Verdict::needsAdmin()},
   };
-  for (const auto& c : cases) {
+  std::vector<Case> all(std::begin(cases), std::end(cases));
+  if (othersOwn) {
+    all.push_back({"~/External/big.mov", Verdict::blocked("Symlinked folder leads outside your home folder")});
+    all.push_back({"~/Library/Caches/escape/data", Verdict::blocked("Symlinked folder leads outside your home folder")});
+    all.push_back({"~/Foreign/x", Verdict::blocked("Symlinked folder leads outside your home folder")});
+  }
+  for (const auto& c : all) {
     SCOPED_TRACE(c.path);
     const Verdict v = policy.check(c.path);
     EXPECT_EQ(v.kind, c.expected.kind);
     EXPECT_EQ(v.text, c.expected.text);
   }
   // The batch form shares resolved parents between paths but decides exactly the same.
-  std::vector<std::string> all;
-  for (const auto& c : cases) all.push_back(c.path);
-  const auto batch = policy.checkAll(all);
-  ASSERT_EQ(batch.size(), all.size());
-  for (size_t i = 0; i < all.size(); ++i) EXPECT_EQ(batch[i], cases[i].expected) << all[i];
+  std::vector<std::string> paths;
+  for (const auto& c : all) paths.push_back(c.path);
+  const auto batch = policy.checkAll(paths);
+  ASSERT_EQ(batch.size(), paths.size());
+  for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(batch[i].text, all[i].expected.text) << paths[i];
+}
+
+TEST(SafetyPolicy, FollowsALinkedRootOnlyWhereItMayAndActsAtItsRealPlace) {
+  ScratchHome h;
+  const fs::path big = h.outside("big disk/cache");
+  h.link(".cache", big);
+  h.folder("Library/Caches");
+  h.link("Library/Caches/app", h.outside("appcache"));
+  const SafetyPolicy policy(h.paths(), {}, writableOnly({}));
+  const std::string home = h.home().string();
+  EXPECT_EQ(policy.followRoot(home + "/.cache").real, big.string());
+  EXPECT_EQ(policy.followRoot(home + "/.cache/sub/new").real, big.string() + "/sub/new");  // not made yet
+  EXPECT_EQ(policy.placeOf(home + "/.cache/pip"), big.string() + "/pip");
+  EXPECT_EQ(policy.placeOf(home + "/.cache"), home + "/.cache");  // the link itself, never resolved
+  EXPECT_EQ(policy.placeOf(home + "/Library/Caches/app/x"), h.outside("appcache").string() + "/x");
+  EXPECT_EQ(policy.followRoot("/usr/share").real, "/usr/share");  // outside home: as written
+  // The user's rules count on the real place: protecting the disk folder refuses the link.
+  const SafetyPolicy strict(h.paths(), {big.string()}, writableOnly({}));
+  EXPECT_FALSE(strict.followRoot(home + "/.cache/pip").real);
+  EXPECT_EQ(strict.check(home + "/.cache/pip").text,
+            "Symlinked folder leads to a protected location (Protected by your rules (" + big.string() + "))");
+  EXPECT_FALSE(strict.placeOf(home + "/.cache/pip"));
+}
+
+TEST(SafetyPolicy, UserRulesThatAreEmptyOrRelative) {
+  ScratchHome h;
+  h.folder("Projects/keep");
+  const std::string home = h.home().string();
+  struct Case {
+    std::vector<std::string> rules;
+    std::string path;
+    bool blocked;
+  };
+  const Case cases[] = {
+      {{""}, home + "/Library/Caches/app", true},  // an empty entry protects everything
+      {{"Projects/keep"}, home + "/Projects/keep/a", true},
+      {{"Projects/keep"}, home + "/Projects", true},  // the folder holding it too
+      {{"Projects/keep"}, "/Library/Caches/Projects/keep", true},  // wherever it stands, by text
+      {{"Projects/keep"}, home + "/Projects/keeper", false},
+      {{"./Projects/../Projects/keep/"}, home + "/Projects/keep", true},
+      {{"~/Projects/keep"}, home + "/Projects/other", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    const SafetyPolicy policy(h.paths(), c.rules, writableOnly({}));
+    EXPECT_EQ(policy.check(c.path).isBlocked(), c.blocked);
+  }
+  const SafetyPolicy relative(h.paths(), {"Projects/keep", "~/x", ""}, writableOnly({}));
+  EXPECT_EQ(relative.relativeProtected(), std::vector<std::string>{"Projects/keep"});
 }
 
 TEST(SafetyPolicy, HomeReachedThroughALinkStaysHome) {
@@ -125,11 +195,17 @@ TEST(SafetyPolicy, HomeReachedThroughALinkStaysHome) {
   h.folder("Library/Caches/app");
   const fs::path linkedHome = h.root() / "linked home";
   fs::create_symlink(h.home(), linkedHome);
-  const SafetyPolicy policy(Paths(linkedHome), {}, writableOnly({}));
-  EXPECT_EQ(policy.check((linkedHome / "Library/Caches/app").string()), Verdict::allowed());
-  EXPECT_EQ(policy.check((linkedHome / "Library").string()), Verdict::blocked("Top-level folder"));
-  // The real folder is not the home folder as stored: it is judged as an outside path.
-  EXPECT_EQ(policy.check((h.home() / "Library/Caches/app").string()), Verdict::blocked("Outside allowed locations"));
+  const SafetyPolicy policy(Paths(linkedHome), {(linkedHome / "Library/Caches/app/keep").string()},
+                            writableOnly({}));
+  // Both spellings of a place at home are the same place.
+  for (const fs::path& home : {linkedHome, h.home()}) {
+    SCOPED_TRACE(home);
+    EXPECT_TRUE(policy.check((home / "Library/Caches/app").string()).isBlocked());  // holds "keep"
+    EXPECT_EQ(policy.check((home / "Library/Caches/other").string()).text, "");
+    EXPECT_TRUE(policy.check((home / "Library").string()).isBlocked());
+    EXPECT_EQ(policy.placeOf((home / "Library/Caches/other").string()),
+              (h.home() / "Library/Caches/other").string());
+  }
 }
 
 TEST(SafetyPolicy, NormalizesLikeThePlatform) {

@@ -55,6 +55,9 @@ class ScopedEnv {
 // Reads a whole file; empty when it cannot be read.
 std::string readText(const fs::path& p);
 
+// Gives `p` (not following a link) to another user; false when this process cannot (not root).
+bool disown(const fs::path& p);
+
 // Whether anything, a dangling link included, stands at `p`.
 bool lexists(const fs::path& p);
 

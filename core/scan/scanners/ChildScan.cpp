@@ -29,21 +29,10 @@ std::string Child::lowerExtension() const {
   return ext;
 }
 
-UniqueFd openFolderUnderHome(const fs::path& home, const fs::path& folder) {
-  const fs::path rel = folder.lexically_relative(home);
-  if (rel.empty() || *rel.begin() == "..") return UniqueFd(platform::openDirectory(folder.c_str()));
-  UniqueFd current(platform::openDirectory(home.c_str()));
-  for (const auto& component : rel) {
-    if (!current) break;
-    if (component == ".") continue;
-    current = UniqueFd(platform::openDirectoryAt(current.get(), component.c_str()));
-  }
-  return current;
-}
-
 void forEachChild(const ScanContext& context, CleanCategory category, const fs::path& folder,
                   const std::function<void(const Child&)>& visit) {
-  UniqueFd dir = openFolderUnderHome(context.home(), folder);
+  fs::path real;
+  UniqueFd dir = context.openFolder(folder, &real);
   if (!dir) return;
   std::vector<std::string> names;
   platform::readDirectory(dir.get(), [&](const char* name, platform::EntryType) {
@@ -55,6 +44,7 @@ void forEachChild(const ScanContext& context, CleanCategory category, const fs::
     if (context.isCancelled()) return;
     Child child;
     child.path = folder / name;
+    child.realPath = real / name;
     child.name = std::move(name);
     child.parentFd = dir.get();
     context.report(category, child.path.string());
@@ -81,6 +71,7 @@ ScanItem makeItem(const Child& child, int64_t size, CleanCategory category, Risk
   item.risk = risk;
   item.reason = std::move(reason);
   item.lastUsed = lastUsed;
+  if (!child.realPath.empty() && child.realPath != child.path) item.realPath = child.realPath.string();
   return item;
 }
 

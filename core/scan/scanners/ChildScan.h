@@ -18,6 +18,7 @@ namespace kestrel::scanners {
 struct Child {
   std::string name;
   fs::path path;
+  fs::path realPath;  // where it really is (differs from `path` below a followed link)
   int parentFd = -1;   // open while the visit runs
   bool hasStatus = false;
   struct stat status {};
@@ -29,11 +30,6 @@ struct Child {
   // Lower-cased file name extension ("" when there is none).
   std::string lowerExtension() const;
 };
-
-// Opens `folder` starting at the home folder and descending one component at a time, never
-// through a link, so a linked folder can never lead a scan out of the home folder. Folders
-// outside the home folder are opened by path (final link not followed). Invalid when missing.
-UniqueFd openFolderUnderHome(const fs::path& home, const fs::path& folder);
 
 // Visits the children of `folder` in name order (".DS_Store" and ".localized" left out). Before
 // each child it asks `isCancelled` (true stops the listing) and reports the child's path.

@@ -3,43 +3,76 @@
 #include "core/scan/scanners/ChildScan.h"
 #include "core/scan/scanners/Scanners.h"
 
+#include <cerrno>
+
 namespace kestrel {
 namespace {
 
-constexpr int kNewestLimit = 4000;
+// Deeper log trees are not offered: looking further would hold too many folders open.
+constexpr size_t kMaxDepth = 64;
 
 struct LogTree {
   Date newest;
   int64_t size = 0;
+  bool sure = true;  // false when part of the tree could not be looked at
 };
 
-// One pass over a log folder giving both its newest modification (the folder and at most the
-// first 4000 entries, in the order FS::newestModification visits them) and its allocated size,
-// so that every entry is asked for its status once.
+// One pass over a log folder giving both its newest modification (the folder and every entry
+// below it) and its allocated size, so that every entry is asked for its status once. The walk
+// is depth-first with one open folder per level, never leaves the folder's mount, and answers
+// "not sure" for anything it cannot open or read: the caller then offers nothing, since a log
+// folder it cannot see into may hold a log being written right now.
 LogTree walkLogFolder(const scanners::Child& child, const FS::CancelTest& cancel) {
-  LogTree tree{*child.modified(), 0};
-  std::vector<UniqueFd> stack;
-  UniqueFd root(platform::openDirectoryAt(child.parentFd, child.name.c_str()));
-  if (!root) return tree;
-  stack.push_back(std::move(root));
-  int visited = 0;
-  while (!stack.empty()) {
-    if (cancel && cancel()) break;
-    UniqueFd dir = std::move(stack.back());
-    stack.pop_back();
+  LogTree tree{*child.modified(), 0, true};
+  struct Frame {
+    UniqueFd fd;
     std::vector<std::string> subdirs;
-    platform::readDirectory(dir.get(), [&](const char* name, platform::EntryType) {
+    size_t next = 0;
+  };
+  UniqueFd root(platform::openDirectoryAt(child.parentFd, child.name.c_str()));
+  if (!root) {
+    tree.sure = errno == ENOENT;  // gone since the listing: nothing left to protect
+    return tree;
+  }
+  const auto mount = platform::mountID(root.get());
+  std::vector<Frame> stack;
+  const auto list = [&](Frame& f) {
+    const bool read = platform::readDirectory(f.fd.get(), [&](const char* name, platform::EntryType) {
       platform::EntryStat st;
-      if (!platform::statAt(dir.get(), name, st, true)) return;
-      if (visited < kNewestLimit && st.modified > tree.newest) tree.newest = st.modified;
-      ++visited;
+      if (!platform::statAt(f.fd.get(), name, st, true)) {
+        if (errno != ENOENT) tree.sure = false;
+        return;
+      }
+      if (st.modified > tree.newest) tree.newest = st.modified;
       if (st.type == platform::EntryType::regular) tree.size += st.allocated;
-      else if (st.type == platform::EntryType::directory) subdirs.emplace_back(name);
+      else if (st.type == platform::EntryType::directory) f.subdirs.emplace_back(name);
     });
-    for (const auto& s : subdirs) {
-      UniqueFd sub(platform::openDirectoryAt(dir.get(), s.c_str()));
-      if (sub) stack.push_back(std::move(sub));
+    if (!read) tree.sure = false;
+  };
+  stack.push_back(Frame{std::move(root), {}, 0});
+  list(stack.back());
+  while (!stack.empty() && tree.sure) {
+    if (cancel && cancel()) {
+      tree.sure = false;
+      break;
     }
+    Frame& top = stack.back();
+    if (top.next >= top.subdirs.size()) {
+      stack.pop_back();
+      continue;
+    }
+    const std::string& name = top.subdirs[top.next++];
+    UniqueFd sub(platform::openDirectoryAt(top.fd.get(), name.c_str()));
+    if (!sub) {
+      if (errno != ENOENT) tree.sure = false;  // EMFILE, EACCES, ELOOP…: cannot tell, so not old
+      continue;
+    }
+    if (stack.size() >= kMaxDepth || (mount && platform::mountID(sub.get()) != mount)) {
+      tree.sure = false;
+      break;
+    }
+    stack.push_back(Frame{std::move(sub), {}, 0});
+    list(stack.back());
   }
   return tree;
 }
@@ -59,7 +92,7 @@ std::vector<ScanItem> LogsScanner::scan(const ScanContext& context) const {
     int64_t size = 0;
     if (child.isDirectory()) {
       const LogTree tree = walkLogFolder(child, context.isCancelled);
-      if (tree.newest >= cutoff) return;  // something inside was written recently
+      if (!tree.sure || tree.newest >= cutoff) return;  // something inside may be in use
       size = tree.size;
     } else {
       size = scanners::measure(child, context.isCancelled);

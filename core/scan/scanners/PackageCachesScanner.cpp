@@ -57,11 +57,13 @@ std::vector<ScanItem> PackageCachesScanner::scan(const ScanContext& context) con
     const fs::path relative(entry.path);
     const fs::path folder = context.home() / relative;
     context.report(category(), folder.string());
-    UniqueFd parent = scanners::openFolderUnderHome(context.home(), folder.parent_path());
+    fs::path realParent;
+    UniqueFd parent = context.openFolder(folder.parent_path(), &realParent);
     if (!parent) continue;
     scanners::Child child;
     child.name = relative.filename().string();
     child.path = folder;
+    child.realPath = realParent / child.name;
     child.parentFd = parent.get();
     child.hasStatus = ::fstatat(parent.get(), child.name.c_str(), &child.status, AT_SYMLINK_NOFOLLOW) == 0;
     if (!child.hasStatus) continue;  // missing or unreadable: nothing to offer
