@@ -17,4 +17,14 @@ AgentRun runAgentBinary(const ScratchHome& home, const std::vector<std::string>&
   return {r.status, r.stdout, r.stderr};
 }
 
+AgentRun runAgentAt(const std::string& home, const std::vector<std::string>& args, double timeout,
+                    const std::string& wrapper) {
+  std::vector<std::string> argv{"HOME=" + home};
+  if (!wrapper.empty()) argv.insert(argv.end(), {"/bin/sh", "-c", wrapper, "sh"});
+  argv.push_back(KESTREL_AGENT_BINARY);
+  argv.insert(argv.end(), args.begin(), args.end());
+  auto r = Shell::run("/usr/bin/env", argv, timeout);
+  return {r.status, r.stdout, r.stderr};
+}
+
 }  // namespace kestrel::test

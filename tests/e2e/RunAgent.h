@@ -18,4 +18,9 @@ struct AgentRun {
 AgentRun runAgentBinary(const ScratchHome& home, const std::vector<std::string>& args, bool withHome = true,
                         double timeout = 120);
 
+// Runs the agent with HOME set to `home` (any spelling, links included), optionally inside a
+// shell snippet `wrapper` that ends by running "$@" (for example "ulimit -n 256; exec \"$@\"").
+AgentRun runAgentAt(const std::string& home, const std::vector<std::string>& args, double timeout = 120,
+                    const std::string& wrapper = "");
+
 }  // namespace kestrel::test

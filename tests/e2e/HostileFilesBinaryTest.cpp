@@ -1,0 +1,87 @@
+// End to end: stores that are not files, too few descriptors and bind mounts never make a command
+// hang, offer what may be in use, or remove anything outside the folder it was given.
+#include "tests/e2e/RunAgent.h"
+
+#include "core/storage/Shell.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+
+namespace kestrel::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kSupport = "Library/Application Support/orvo Kestrel/";
+
+TEST(HostileFilesBinary, AStoreReplacedByAFifoNeverHangsItsCommand) {
+  struct Case {
+    const char* store;
+    std::vector<std::string> args;
+    std::string out;  // what the command says, as with a damaged file
+  };
+  const Case cases[] = {
+      {"space-history.json", {"forecast"}, "Not enough history yet (needs ~2 days of samples).\n"},
+      {"growth-snapshots.json", {"growth"}, "Need two snapshots; run again tomorrow.\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.store);
+    ScratchHome h;
+    h.folder(kSupport);
+    ASSERT_EQ(::mkfifo(h.path(kSupport + c.store).c_str(), 0600), 0);
+    const auto started = std::chrono::steady_clock::now();
+    const auto run = runAgentAt(h.home().string(), c.args, 20);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
+  }
+}
+
+TEST(HostileFilesBinary, ALogFolderItCannotFullySeeIsNotOffered) {
+  // 1,500 old log folders and one log written a moment ago, under a descriptor limit usual for
+  // background agents: a walk that cannot open a folder must not take it for "nothing recent".
+  ScratchHome h;
+  for (int i = 0; i < 1500; ++i) {
+    const std::string dir = "Library/Logs/app/d" + std::to_string(i);
+    h.file(dir + "/old.log", 100);
+    h.age(dir + "/old.log", 10);
+    h.age(dir, 10);
+  }
+  h.file("Library/Logs/app/d1234/live.log", 1000);
+  h.age("Library/Logs/app/d1234", 10);
+  h.age("Library/Logs/app", 10);
+  const auto run = runAgentAt(h.home().string(), {"clean", "--category", "logs"}, 60, "ulimit -n 256 && exec \"$@\"");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.out, "Nothing to clean\n");
+  EXPECT_TRUE(fs::exists(h.path("Library/Logs/app/d1234/live.log")));
+  EXPECT_TRUE(fs::exists(h.path("Library/Logs/app/d0/old.log")));
+}
+
+TEST(HostileFilesBinary, ARemovalStopsAtABindMount) {
+  ScratchHome h;
+  h.file("Library/Caches/com.app/blob", 200000);
+  h.folder("Library/Caches/com.app/mnt");
+  h.age("Library/Caches/com.app/blob", 10);
+  h.age("Library/Caches/com.app", 10);
+  const fs::path target = h.outside("precious");
+  for (int i = 0; i < 5; ++i) h.file("../outside/precious/file" + std::to_string(i), 100000);
+  // A private mount namespace, so the bind mount exists only for this one run.
+  const std::string script =
+      "mount --bind \"$1\" \"$2\" || exit 77; shift 2; exec \"$@\"";
+  const auto r = Shell::run("unshare", {"--mount", "--propagation", "private", "/bin/sh", "-c", script, "sh",
+                                        target.string(), h.path("Library/Caches/com.app/mnt").string(), "/usr/bin/env",
+                                        "HOME=" + h.home().string(), KESTREL_AGENT_BINARY, "clean", "--category",
+                                        "userCaches"},
+                            60);
+  if (r.status == 77 || r.stderr.find("unshare failed") != std::string::npos || r.status == 127)
+    GTEST_SKIP() << "cannot make a private mount namespace here: " << r.stderr;
+  ASSERT_EQ(r.status, 0) << r.stderr;
+  EXPECT_NE(r.stdout.find("  failed: " + h.path("Library/Caches/com.app").string()), std::string::npos) << r.stdout;
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(fs::file_size(target / ("file" + std::to_string(i))), 100000u) << i;
+  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.app/mnt")));
+}
+
+}  // namespace
+}  // namespace kestrel::test
