@@ -738,10 +738,12 @@ std::vector<CleanFailure> Quarantine::restore(const std::string& sessionID, Date
   checkSessionID(sessionID);
   const std::string unreadable = "No readable quarantine session " + sessionID;
   auto lock = lockExisting<Lock>(*lock_, paths_, unreadable);
+  const bool readable = readSession(sessionDir(sessionID)).session.has_value();
   recoverLocked(now);
   const Anchor home = Anchor::open(paths_.home());
   UniqueFd quarantineFd = SafeFS::openFolder(home, paths_.quarantineDir());
   UniqueFd sessionFd(platform::openDirectoryAt(quarantineFd.get(), sessionID.c_str()));
+  if (!sessionFd && readable) return {};  // recovery found every entry restored and tidied it away
   if (!sessionFd) throwErrno(ENOENT, unreadable);
   auto read = readSession(sessionDir(sessionID));
   if (!read.session) throwErrno(ENOENT, unreadable);
