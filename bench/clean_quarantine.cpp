@@ -31,7 +31,8 @@ using Clock = std::chrono::steady_clock;
 
 void makeLogs(const fs::path& home, long n) {
   const auto old = std::chrono::system_clock::now() - std::chrono::hours(24 * 30);
-  const auto secs = std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count();
+  const auto secs =
+      std::chrono::duration_cast<std::chrono::seconds>(old.time_since_epoch()).count();
   const timespec times[2] = {{static_cast<time_t>(secs), 0}, {static_cast<time_t>(secs), 0}};
   for (long i = 0; i < n; ++i) {
     const fs::path dir = home / "Library/Logs" / ("app-" + std::to_string(i));
@@ -93,12 +94,16 @@ int main(int argc, char** argv) {
     Cleaner cleaner(paths, config, services);
     const CleanReport report = cleaner.clean(items, TriggerSource::manual(), false, std::nullopt);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    std::printf("disposal=%s items=%zu processed=%lld quarantined=%lld freed=%lld failures=%zu seconds=%.3f\n",
-                std::string(rawValue(config.disposal(CleanCategory::logs))).c_str(), items.size(),
-                static_cast<long long>(report.itemsProcessed), static_cast<long long>(report.quarantinedBytes),
-                static_cast<long long>(report.freedBytes), report.failures.size(), seconds);
+    std::printf(
+        "disposal=%s items=%zu processed=%lld quarantined=%lld freed=%lld failures=%zu "
+        "seconds=%.3f\n",
+        std::string(rawValue(config.disposal(CleanCategory::logs))).c_str(), items.size(),
+        static_cast<long long>(report.itemsProcessed),
+        static_cast<long long>(report.quarantinedBytes), static_cast<long long>(report.freedBytes),
+        report.failures.size(), seconds);
     for (size_t i = 0; i < report.failures.size() && i < 5; ++i)
-      std::fprintf(stderr, "failure: %s: %s\n", report.failures[i].itemID.c_str(), report.failures[i].message.c_str());
+      std::fprintf(stderr, "failure: %s: %s\n", report.failures[i].itemID.c_str(),
+                   report.failures[i].message.c_str());
     return report.failures.empty() && report.itemsProcessed > 0 ? 0 : 1;
   }
 
@@ -119,8 +124,8 @@ int main(int argc, char** argv) {
     const long long journal = sizeOf(dir / "journal.jsonl");
     q.close(s);
     const long long written = bytesWritten() - before;
-    std::printf("items=%ld entries=%zu written=%lld journal=%lld manifest=%lld\n", n, s.entries.size(), written,
-                journal, sizeOf(dir / "manifest.json"));
+    std::printf("items=%ld entries=%zu written=%lld journal=%lld manifest=%lld\n", n,
+                s.entries.size(), written, journal, sizeOf(dir / "manifest.json"));
     return s.entries.size() == static_cast<size_t>(n) ? 0 : 1;
   }
   return usage();

@@ -1,4 +1,5 @@
-// Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and purge.
+// Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and
+// purge.
 #include "core/clean/Quarantine.h"
 
 #include <fcntl.h>
@@ -60,7 +61,7 @@ bool isPlainName(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
-// ---- The journal ------------------------------------------------------------------------------
+// ---- The journal -----------------------------------------------------------------------------
 
 // Records: {"op":"intent","entry":{…}} before a move in, {"op":"confirm"|"abort","storedName":…}
 // after it, {"op":"restored","storedName":…,"dev":…,"ino":…} after a move back out.
@@ -85,7 +86,8 @@ Json restoredRecord(const QuarantineEntry& e) {
 class JournalWriter {
  public:
   explicit JournalWriter(int sessionFd) {
-    fd_.reset(::openat(sessionFd, kJournal, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    fd_.reset(
+        ::openat(sessionFd, kJournal, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!fd_) {
       const int err = errno;  // read before building the message
       throwErrno(err, std::string("open ") + kJournal);
@@ -201,7 +203,8 @@ void replay(QuarantineSession& s, const std::vector<Json>& records) {
       e.restored = true;
       e.moving = false;
       auto dev = r.find("dev"), ino = r.find("ino");
-      if (dev != r.end() && ino != r.end() && dev->is_number_unsigned() && ino->is_number_unsigned()) {
+      if (dev != r.end() && ino != r.end() && dev->is_number_unsigned() &&
+          ino->is_number_unsigned()) {
         e.identity = FileIdentity{static_cast<dev_t>(dev->get<uint64_t>()),
                                   static_cast<ino_t>(ino->get<uint64_t>())};
       }
@@ -227,7 +230,8 @@ SessionRead readSession(const fs::path& dir) {
   // The journal first: a recovery folding it into the manifest between the two reads then
   // shows as the new manifest plus old records, which replay to the same thing.
   const auto records = readJournal(dir / kJournal, out.hadJournal);
-  auto loaded = JSONStore::loadChecked<QuarantineSession>(dir / kManifest, quarantineSessionFromJson);
+  auto loaded =
+      JSONStore::loadChecked<QuarantineSession>(dir / kManifest, quarantineSessionFromJson);
   out.manifest = loaded.status;
   if (loaded.value) {
     replay(*loaded.value, records);
@@ -355,15 +359,16 @@ QuarantineSession quarantineSessionFromJson(const Json& j) {
     } catch (const DecodeError&) {
       // One bad entry must not hide the rest of the session: keep it as it is.
       DamagedQuarantineEntry d{i, e, std::nullopt};
-      if (auto name = e.is_object() ? e.find("storedName") : e.end(); e.is_object() && name != e.end() &&
-                                                                     name->is_string())
+      if (auto name = e.is_object() ? e.find("storedName") : e.end();
+          e.is_object() && name != e.end() && name->is_string())
         d.storedName = name->get<std::string>();
       s.damagedEntries.push_back(std::move(d));
     }
   }
   for (auto it = j.begin(); it != j.end(); ++it) {
     const std::string& k = it.key();
-    if (k == "id" || k == "createdAt" || k == "expiresAt" || k == "trigger" || k == "entries") continue;
+    if (k == "id" || k == "createdAt" || k == "expiresAt" || k == "trigger" || k == "entries")
+      continue;
     if (!s.extra.is_object()) s.extra = Json::object();
     s.extra[k] = it.value();
   }
@@ -527,7 +532,8 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
   }
 
   int64_t& next = nextIndex_[session.id];
-  next = std::max<int64_t>(next, static_cast<int64_t>(session.entries.size() + session.damagedEntries.size()));
+  next = std::max<int64_t>(
+      next, static_cast<int64_t>(session.entries.size() + session.damagedEntries.size()));
   JournalWriter journal(sessionFd.get());
   QuarantineEntry entry;
   entry.originalPath = item.string();
@@ -567,7 +573,8 @@ void Quarantine::close(QuarantineSession& session) noexcept {
     checkSessionID(session.id);
     auto lock = lockExisting<Lock>(*lock_, paths_, "No quarantine session " + session.id);
     UniqueFd quarantineFd = SafeFS::openFolder(Anchor::open(paths_.home()), paths_.quarantineDir());
-    auto settled = settleLocked(quarantineFd.get(), session.id, session.createdAt, &session, /*fold=*/true);
+    auto settled =
+        settleLocked(quarantineFd.get(), session.id, session.createdAt, &session, /*fold=*/true);
     if (settled) session = std::move(*settled);
     nextIndex_.erase(session.id);
     // Nothing went in (every item failed): no empty session is left behind.
@@ -578,8 +585,9 @@ void Quarantine::close(QuarantineSession& session) noexcept {
   }
 }
 
-std::optional<QuarantineSession> Quarantine::settleLocked(int quarantineFd, const std::string& id, Date now,
-                                                          const QuarantineSession* known, bool fold) {
+std::optional<QuarantineSession> Quarantine::settleLocked(int quarantineFd, const std::string& id,
+                                                          Date now, const QuarantineSession* known,
+                                                          bool fold) {
   UniqueFd sessionFd(platform::openDirectoryAt(quarantineFd, id.c_str()));
   if (!sessionFd) return std::nullopt;
   UniqueFd itemsFd(platform::openDirectoryAt(sessionFd.get(), kItems));
@@ -593,7 +601,8 @@ std::optional<QuarantineSession> Quarantine::settleLocked(int quarantineFd, cons
     bool holdsItems = false;
     // Its own descriptor: a listing consumes the one it reads, and adoption lists "items" again.
     if (UniqueFd probe(itemsFd ? platform::openDirectoryAt(sessionFd.get(), kItems) : -1); probe) {
-      platform::readDirectory(probe.get(), [&](const char*, platform::EntryType) { holdsItems = true; });
+      platform::readDirectory(probe.get(),
+                              [&](const char*, platform::EntryType) { holdsItems = true; });
     }
     if (!holdsItems && (itemsFd || itemsMissing)) {
       // Neither manifest nor items: a session whose making stopped half-way (a full disk, a kill),
@@ -655,7 +664,8 @@ std::optional<QuarantineSession> Quarantine::settleLocked(int quarantineFd, cons
   // clean may be about to add to it.
   sessionFd.reset();
   itemsFd.reset();
-  if (!session.entries.empty() && session.activeCount() == 0 && removeSessionFolderIfEmpty(quarantineFd, id)) {
+  if (!session.entries.empty() && session.activeCount() == 0 &&
+      removeSessionFolderIfEmpty(quarantineFd, id)) {
     return std::nullopt;
   }
   return std::move(read.session);
@@ -733,8 +743,8 @@ void Quarantine::recover(Date now) noexcept {
   }
 }
 
-std::vector<CleanFailure> Quarantine::restore(const std::string& sessionID, Date now,
-                                              const std::optional<std::set<std::string>>& entryIDs) {
+std::vector<CleanFailure> Quarantine::restore(
+    const std::string& sessionID, Date now, const std::optional<std::set<std::string>>& entryIDs) {
   checkSessionID(sessionID);
   const std::string unreadable = "No readable quarantine session " + sessionID;
   auto lock = lockExisting<Lock>(*lock_, paths_, unreadable);

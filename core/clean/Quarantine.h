@@ -1,4 +1,5 @@
-// Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and purge.
+// Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and
+// purge.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +34,8 @@ struct QuarantineEntry {
   bool moving = false;                   // "state":"moving" while the move may be under way
   std::optional<FileIdentity> identity;  // "dev"/"ino" of the item, kept by the move
   bool orphan = false;                   // found in "items" without an entry, adopted on recovery
-  Json extra;  // keys this version does not know (an object, or null for none), written back as read
+  Json
+      extra;  // keys this version does not know (an object, or null for none), written back as read
 
   const std::string& id() const { return storedName; }
   bool operator==(const QuarantineEntry&) const = default;
@@ -144,8 +146,9 @@ class Quarantine {
   // among them; the session folder goes when nothing is left in it. Throws std::system_error
   // (EINVAL) for a string that is no session id, and when the session cannot be read. `now` dates
   // any stray folder recovery adopts.
-  std::vector<CleanFailure> restore(const std::string& sessionID, Date now,
-                                    const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
+  std::vector<CleanFailure> restore(
+      const std::string& sessionID, Date now,
+      const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
   // Readable sessions as they stand (manifest plus journal), newest first. Takes no lock, creates
   // and changes nothing, so an entry of an interrupted move may show as moving. Never fails.
   std::vector<QuarantineSession> sessions() const;

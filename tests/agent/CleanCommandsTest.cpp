@@ -40,8 +40,9 @@ std::string listing(const fs::path& root) {
   for (auto& e : fs::recursive_directory_iterator(root)) {
     struct stat st;
     if (::lstat(e.path().c_str(), &st) != 0) continue;
-    out += e.path().string() + " " + std::to_string(st.st_mode & S_IFMT) + " " + std::to_string(st.st_size) + " " +
-           std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + "\n";
+    out += e.path().string() + " " + std::to_string(st.st_mode & S_IFMT) + " " +
+           std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+           std::to_string(st.st_mtim.tv_nsec) + "\n";
   }
   return out;
 }
@@ -136,7 +137,9 @@ TEST(CleanCommand, QuarantineUsageAndStoreErrors) {
       {{"quarantine", "restore", "20260101-000000-ABCDEF"}, 1, ""},
       {{"quarantine", "purge", "20260101-000000-ABCDEF"}, 1, ""},
       // Not session ids at all (the store's lock file among them): usage errors, nothing touched.
-      {{"quarantine", "purge", "../../Documents"}, 2, "Not a quarantine session: ../../Documents\n"},
+      {{"quarantine", "purge", "../../Documents"},
+       2,
+       "Not a quarantine session: ../../Documents\n"},
       {{"quarantine", "purge", ".lock"}, 2, "Not a quarantine session: .lock\n"},
       {{"quarantine", "restore", ".lock"}, 2, "Not a quarantine session: .lock\n"},
   };
@@ -170,18 +173,20 @@ TEST(CleanCommand, QuarantineListOnlyReads) {
   // filled with a move under way, an item no entry names, and an empty folder without manifest.
   ScratchHome h;
   Quarantine q(h.paths());
-  QuarantineSession closed = q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(1));
+  QuarantineSession closed =
+      q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(1));
   q.add(h.text("Documents/a.txt", "a"), 1, CleanCategory::largeOldFiles, closed);
   q.close(closed);
-  QuarantineSession open = q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(2));
+  QuarantineSession open =
+      q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(2));
   q.add(h.text("Documents/b.txt", "b"), 1, CleanCategory::largeOldFiles, open);
   const fs::path dir = h.paths().quarantineDir() / open.id;
   QuarantineEntry moving;
   moving.originalPath = h.text("Documents/c.txt", "c").string();
   moving.storedName = "1-c.txt";
   moving.moving = true;
-  std::ofstream(dir / "journal.jsonl", std::ios::app) << JsonText::compact(Json{{"op", "intent"}, {"entry", toJson(moving)}})
-                                                      << "\n";
+  std::ofstream(dir / "journal.jsonl", std::ios::app)
+      << JsonText::compact(Json{{"op", "intent"}, {"entry", toJson(moving)}}) << "\n";
   h.text("Library/Application Support/orvo Kestrel/Quarantine/" + open.id + "/items/stranger", "s");
   h.folder("Library/Application Support/orvo Kestrel/Quarantine/half-made/items");
   before = listing(h.root());

@@ -67,8 +67,9 @@ TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
   s.createdAt = kNow;
   s.expiresAt = kNow + std::chrono::hours(24);
   s.trigger = TriggerSource::uninstall("Photo Tool");
-  s.entries.push_back(
-      {"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, FileIdentity{2049, 77}, false, {}});
+  QuarantineEntry a{"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, {}, false, {}};
+  a.identity = FileIdentity{2049, 77};
+  s.entries.push_back(a);
   s.entries.push_back(
       {"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true, {}});
   EXPECT_EQ(
@@ -130,9 +131,8 @@ TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
 TEST(Quarantine, SessionIDsNameOneFolderAndNoDotFile) {
   const std::pair<std::string, bool> cases[] = {
       {"20260301-093000-3F2A9C", true}, {"stray-full", true}, {"", false},
-      {".lock", false},                 {".", false},         {"..", false},
-      {"a/b", false},                   {"a..b", false},      {std::string("a\0b", 3), false},
-  };
+      {".lock", false}, {".", false}, {"..", false},
+      {"a/b", false}, {"a..b", false}, {std::string("a\0b", 3), false}};
   for (const auto& [id, valid] : cases) {
     SCOPED_TRACE(id);
     EXPECT_EQ(isQuarantineSessionID(id), valid);
@@ -263,7 +263,8 @@ TEST(Quarantine, PurgeExpiredHonoursExpiry) {
   QuarantineSession due = q.beginSession(TriggerSource::manual(), 1, kNow - std::chrono::hours(24));
   q.add(a, 100, CleanCategory::logs, due);
   q.close(due);
-  QuarantineSession later = q.beginSession(TriggerSource::manual(), 2, kNow - std::chrono::hours(24));
+  QuarantineSession later =
+      q.beginSession(TriggerSource::manual(), 2, kNow - std::chrono::hours(24));
   q.add(b, 50, CleanCategory::logs, later);
   const fs::path qdir = h.paths().quarantineDir();
   // expiresAt equal to now counts as expired; a session still being filled (a journal, no
@@ -304,7 +305,9 @@ TEST(Quarantine, PurgeRemovesOneSessionAndRefusesAnythingElse) {
 // ---- The journal ----------------------------------------------------------------------------
 
 std::string line(const Json& j) { return JsonText::compact(j) + "\n"; }
-std::string intent(const QuarantineEntry& e) { return line(Json{{"op", "intent"}, {"entry", toJson(e)}}); }
+std::string intent(const QuarantineEntry& e) {
+  return line(Json{{"op", "intent"}, {"entry", toJson(e)}});
+}
 std::string op(const char* kind, const std::string& name) {
   return line(Json{{"op", kind}, {"storedName", name}});
 }
@@ -329,7 +332,8 @@ TEST(Quarantine, AddsGoToTheJournalAndCloseWritesTheManifestOnce) {
   const std::string emptyManifest = test::readText(dir / "manifest.json");
   q.add(a, 1, CleanCategory::largeOldFiles, s);
   // A name already taken in "items" is never replaced: the next index is used instead.
-  h.text("Library/Application Support/orvo Kestrel/Quarantine/" + s.id + "/items/1-b.txt", "stranger");
+  h.text("Library/Application Support/orvo Kestrel/Quarantine/" + s.id + "/items/1-b.txt",
+         "stranger");
   q.add(b, 1, CleanCategory::largeOldFiles, s);
   EXPECT_EQ(summary(s.entries), "0-a.txt 2-b.txt");
   EXPECT_EQ(test::readText(dir / "items" / "2-b.txt"), "b");
@@ -352,7 +356,8 @@ TEST(Quarantine, AddsGoToTheJournalAndCloseWritesTheManifestOnce) {
   EXPECT_FALSE(lexists(dir / "journal.jsonl"));
   EXPECT_EQ(summary(s.entries), "0-a.txt 2-b.txt 1-b.txt");  // the stranger adopted, not lost
   EXPECT_TRUE(s.entries[2].orphan);
-  EXPECT_EQ(JSONStore::load<QuarantineSession>(dir / "manifest.json", quarantineSessionFromJson), s);
+  EXPECT_EQ(JSONStore::load<QuarantineSession>(dir / "manifest.json", quarantineSessionFromJson),
+            s);
 }
 
 TEST(Quarantine, JournalReplayIsIdempotentAndSkipsTornLines) {
@@ -378,16 +383,26 @@ TEST(Quarantine, JournalReplayIsIdempotentAndSkipsTornLines) {
   const Case cases[] = {
       {"intent and confirm", {}, intent(moving("0-a")) + op("confirm", "0-a"), "0-a"},
       {"intent alone is a move under way", {}, intent(moving("0-a")), "0-a(moving)"},
-      {"abort drops the intent", {}, intent(moving("0-a")) + op("abort", "0-a") + intent(moving("1-b")) +
-                                          op("confirm", "1-b"),
+      {"abort drops the intent",
+       {},
+       intent(moving("0-a")) + op("abort", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"),
        "1-b"},
-      {"manifest written, journal not yet removed", {entry("0-a"), entry("1-b")},
-       intent(moving("0-a")) + op("confirm", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"), "0-a 1-b"},
-      {"abort never drops a settled entry", {entry("0-a")}, intent(moving("0-a")) + op("abort", "0-a"), "0-a"},
+      {"manifest written, journal not yet removed",
+       {entry("0-a"), entry("1-b")},
+       intent(moving("0-a")) + op("confirm", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"),
+       "0-a 1-b"},
+      {"abort never drops a settled entry",
+       {entry("0-a")},
+       intent(moving("0-a")) + op("abort", "0-a"),
+       "0-a"},
       {"torn last line", {}, intent(moving("0-a")) + op("confirm", "0-a") + torn, "0-a"},
-      {"torn line followed by more records", {}, intent(moving("0-a")) + torn + "\n" + op("confirm", "0-a"), "0-a"},
+      {"torn line followed by more records",
+       {},
+       intent(moving("0-a")) + torn + "\n" + op("confirm", "0-a"),
+       "0-a"},
       {"restored", {entry("0-a"), entry("1-b")}, op("restored", "0-a"), "0-a(restored) 1-b"},
-      {"unknown kinds, names and shapes", {entry("0-a")},
+      {"unknown kinds, names and shapes",
+       {entry("0-a")},
        line(Json{{"op", "later"}, {"storedName", "0-a"}}) + op("abort", "9-none") + "[1,2]\n" +
            line(Json{{"op", "intent"}, {"entry", Json{{"storedName", "../x"}}}}),
        "0-a"},
@@ -430,7 +445,8 @@ TEST(Quarantine, DamagedEntryNeverHidesTheRestOfItsSession) {
   };
   const Case cases[] = {
       {"a number out of range", [](Json& e) { e["size"] = 1e30; }, "1-b.txt", true},
-      {"a stored name that leaves items", [](Json& e) { e["storedName"] = "../1-b.txt"; }, "../1-b.txt", false},
+      {"a stored name that leaves items", [](Json& e) { e["storedName"] = "../1-b.txt"; },
+       "../1-b.txt", false},
       {"not an object", [](Json& e) { e = "lost"; }, "entry 1", false},
   };
   for (const auto& c : cases) {
@@ -485,7 +501,8 @@ TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
   };
   const Case cases[] = {
       {"no items folder", [&](ScratchHome& h) { h.folder(q + "x"); }, "x", Outcome::removed, ""},
-      {"an empty items folder", [&](ScratchHome& h) { h.folder(q + "x/items"); }, "x", Outcome::removed, ""},
+      {"an empty items folder", [&](ScratchHome& h) { h.folder(q + "x/items"); }, "x",
+       Outcome::removed, ""},
       {"a journal and a temporary manifest but no items",
        [&](ScratchHome& h) {
          h.folder(q + "x/items");
@@ -493,8 +510,9 @@ TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
          h.text(q + "x/.manifest.json.1.tmp", "{");
        },
        "x", Outcome::removed, ""},
-      {"an item nobody recorded", [&](ScratchHome& h) { h.text(q + "x/items/0-kept.txt", "keep me"); }, "x",
-       Outcome::adopted, ""},
+      {"an item nobody recorded",
+       [&](ScratchHome& h) { h.text(q + "x/items/0-kept.txt", "keep me"); }, "x", Outcome::adopted,
+       ""},
       {"an item its journal names",
        [&](ScratchHome& h) {
          QuarantineEntry e;
@@ -505,7 +523,8 @@ TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
          h.text(q + "x/journal.jsonl", intent(e));
        },
        "x", Outcome::adopted, "Documents/a.txt"},
-      {"a dot folder", [&](ScratchHome& h) { h.folder(q + ".hidden/items"); }, ".hidden", Outcome::untouched, ""},
+      {"a dot folder", [&](ScratchHome& h) { h.folder(q + ".hidden/items"); }, ".hidden",
+       Outcome::untouched, ""},
       {"a manifest that is not JSON",
        [&](ScratchHome& h) {
          h.folder(q + "x/items");
@@ -530,8 +549,9 @@ TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
     ASSERT_EQ(listed[0].entries.size(), 1u);
     EXPECT_EQ(listed[0].expiresAt, kNow + std::chrono::hours(7 * 24));
     EXPECT_TRUE(store.restore(c.folder, kNow).empty());
-    const fs::path to = c.restoresTo.empty() ? store.recoveryDir(c.folder) / listed[0].entries[0].storedName
-                                             : h.path(c.restoresTo);
+    const fs::path to = c.restoresTo.empty()
+                            ? store.recoveryDir(c.folder) / listed[0].entries[0].storedName
+                            : h.path(c.restoresTo);
     EXPECT_EQ(test::readText(to), "keep me");
   }
 }
@@ -566,11 +586,13 @@ TEST(Quarantine, RecoverySettlesEveryInterruptedState) {
   q.save(s);
 
   // Listing shows the state as it stands; recovery settles it.
-  EXPECT_EQ(summary(q.sessions()[0].entries), "0-moved(moving) 1-back 2-undone(restored) 3-stayed(moving)");
+  EXPECT_EQ(summary(q.sessions()[0].entries),
+            "0-moved(moving) 1-back 2-undone(restored) 3-stayed(moving)");
   q.recover(kNow);
   auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 1u);
-  EXPECT_EQ(summary(listed[0].entries), "0-moved 1-back(restored) 2-undone 3-stayed(restored) stranger");
+  EXPECT_EQ(summary(listed[0].entries),
+            "0-moved 1-back(restored) 2-undone 3-stayed(restored) stranger");
   const auto& stranger = listed[0].entries.back();
   EXPECT_TRUE(stranger.orphan);
   EXPECT_EQ(stranger.originalPath, (q.recoveryDir(s.id) / "stranger").string());
