@@ -62,6 +62,12 @@ int runClean(Context& context) {
 
 int runQuarantine(Context& context) {
   const std::string sub = context.args.empty() ? "list" : context.args[0];
+  if ((sub == "restore" || sub == "purge") && context.args.size() >= 2 &&
+      !isQuarantineSessionID(context.args[1])) {
+    // Dot files such as the store's lock sit beside the sessions but are none.
+    context.out << "Not a quarantine session: " << context.args[1] << '\n';
+    return 2;
+  }
   try {
     if (sub == "restore") {
       if (context.args.size() < 2) {
@@ -87,7 +93,7 @@ int runQuarantine(Context& context) {
         context.out << "usage: quarantine purge <id>\n";
         return 2;
       }
-      Quarantine(context.paths).purge(context.args[1]);
+      Quarantine(context.paths).purge(context.args[1], context.now());
       context.out << "Purged.\n";
       return 0;
     }

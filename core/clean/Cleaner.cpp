@@ -106,26 +106,13 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
   }
   if (progress) progress(items.size(), items.size());
   if (!dryRun) runAdminStep(pass);
-  if (pass.session && !(pass.session->entries.empty() && discardEmptySession(pass.session->id)))
-    pass.report.quarantineSessionID = pass.session->id;
+  if (pass.session) {
+    // Writes the manifest once for the whole clean; a session nothing went into is removed.
+    quarantine_.close(*pass.session);
+    if (!pass.session->entries.empty()) pass.report.quarantineSessionID = pass.session->id;
+  }
   if (!dryRun) audit_.append(pass.audit);
   return pass.report;
-}
-
-bool Cleaner::discardEmptySession(const std::string& sessionID) {
-  // Every item meant for quarantine failed. The store's own reading settles any move that was
-  // under way, so the session goes only when that reading confirms nothing is in it.
-  for (const auto& s : quarantine_.sessions()) {
-    if (s.id != sessionID) continue;
-    if (!s.entries.empty()) return false;
-    try {
-      quarantine_.purge(s.id);
-      return true;
-    } catch (const std::exception&) {
-      return false;  // an empty session left behind expires and is purged with the others
-    }
-  }
-  return true;  // nothing readable was left of it
 }
 
 void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pass& pass) {
@@ -322,10 +309,13 @@ std::vector<CleanFailure> Cleaner::restore(const std::string& sessionID, const s
       if (s.id == sessionID) return s.totalSize();
     return int64_t{0};
   };
+  const Date now = services_.now();
+  // Settled first, so the bytes counted before are the ones restore can act on.
+  quarantine_.recover(now);
   const int64_t before = activeBytes();
-  auto failures = quarantine_.restore(sessionID, entryIDs);
+  auto failures = quarantine_.restore(sessionID, now, entryIDs);
   const int64_t restored = before - activeBytes();
-  audit_.append({AuditEntry::make(services_.now(), "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
+  audit_.append({AuditEntry::make(now, "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
                                   failures.empty(),
                                   failures.empty() ? std::nullopt
                                                    : std::optional(std::to_string(failures.size()) +

@@ -70,8 +70,6 @@ class Cleaner {
   struct Pass;
   void disposePath(const ScanItem& item, const std::string& path, Pass& pass);
   void runAdminStep(Pass& pass);
-  // Purges a session this clean opened but put nothing in; false when it has to stay.
-  bool discardEmptySession(const std::string& sessionID);
 
   Paths paths_;
   AppConfig config_;

@@ -1,14 +1,17 @@
-// Quarantine store: sessions, manifests, crash-safe moves in and out, restore and purge.
+// Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and
+// purge.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/clean/CleanFailure.h"
@@ -31,9 +34,24 @@ struct QuarantineEntry {
   bool moving = false;                   // "state":"moving" while the move may be under way
   std::optional<FileIdentity> identity;  // "dev"/"ino" of the item, kept by the move
   bool orphan = false;                   // found in "items" without an entry, adopted on recovery
+  Json
+      extra;  // keys this version does not know (an object, or null for none), written back as read
 
   const std::string& id() const { return storedName; }
   bool operator==(const QuarantineEntry&) const = default;
+};
+
+// A manifest entry that does not decode. It is written back exactly as it was read on every save,
+// its item (if any) is never adopted, moved or removed on its own, and restore reports it.
+struct DamagedQuarantineEntry {
+  size_t position = 0;  // index in the manifest's "entries" array
+  Json raw;
+  // The entry's "storedName" when that part is a string, else nothing.
+  std::optional<std::string> storedName;
+
+  // The id failures are reported under: the stored name when readable, else "entry <position>".
+  std::string id() const;
+  bool operator==(const DamagedQuarantineEntry&) const = default;
 };
 
 struct QuarantineSession {
@@ -42,16 +60,27 @@ struct QuarantineSession {
   Date expiresAt{};
   TriggerSource trigger;
   std::vector<QuarantineEntry> entries;
+  std::vector<DamagedQuarantineEntry> damagedEntries;  // by position, ascending
+  Json extra;  // top-level keys this version does not know, written back as read
 
   int64_t totalSize() const;  // of the entries not restored (a sum that would overflow saturates)
+  // Entries not restored; a damaged entry always counts, since its item may still be stored.
   int64_t activeCount() const;
   bool operator==(const QuarantineSession&) const = default;
 };
 
 Json toJson(const QuarantineEntry& e);
 Json toJson(const QuarantineSession& s);
-QuarantineEntry quarantineEntryFromJson(const Json& j);  // throws DecodeError
+// Throws DecodeError when the entry is not usable (a stored name that is not one plain name
+// included); damaged bookkeeping keys are dropped instead.
+QuarantineEntry quarantineEntryFromJson(const Json& j);
+// Throws DecodeError when the session's own keys are wrong; entries that do not decode become
+// damagedEntries and never fail the session.
 QuarantineSession quarantineSessionFromJson(const Json& j);
+
+// A session id names one folder directly inside the quarantine: not empty, no leading ".", no
+// "/", no "..", no NUL. Dot files there (".lock") are never sessions.
+bool isQuarantineSessionID(std::string_view id);
 
 // An item that cannot be quarantined because it lives on another volume.
 class QuarantineAddError : public std::runtime_error {
@@ -68,9 +97,10 @@ class QuarantineAddError : public std::runtime_error {
 // Why one entry could not be restored.
 class QuarantineError : public std::runtime_error {
  public:
-  enum class Kind { destinationExists, missing };
+  enum class Kind { destinationExists, missing, damaged };
   static QuarantineError destinationExists(const std::string& path);
   static QuarantineError missing(const std::string& path);
+  static QuarantineError damaged(const std::string& itemsFolder);
   Kind kind() const { return kind_; }
 
  private:
@@ -79,11 +109,13 @@ class QuarantineError : public std::runtime_error {
 };
 
 // The undo store under Paths::quarantineDir(). Items are only ever renamed within a volume, never
-// copied, and never over anything. Every operation that touches a manifest holds the store's lock
-// (a mutex inside the process and an flock on "Quarantine/.lock" across processes). Every move
-// is recorded before it happens and confirmed after, and reading sessions settles whatever a
-// crash left half-done, so at any instant an item is at its original path or in "items" with an
-// entry that restores it.
+// copied, and never over anything. A session is its folder: "items", "manifest.json" and, while
+// items are being added or restored, an append-only "journal.jsonl" whose records (intent before
+// a move, confirm or abort after it, restored) are replayed over the manifest by every reader.
+// Every operation that changes the store holds its lock (a mutex inside the process and an flock
+// on "Quarantine/.lock" across processes) and first runs recovery, which settles whatever a crash
+// left half-done, so at any instant an item is at its original path or in "items" with an entry
+// that restores it. Listing only reads.
 class Quarantine {
  public:
   // Answers a volume identifier for a path, or nothing when unknown (a seam for tests).
@@ -91,32 +123,49 @@ class Quarantine {
 
   explicit Quarantine(Paths paths, VolumeOf volumeOf = nullptr);
 
-  // A new empty session with its "items" folder and manifest on disk; throws the file system's
-  // error.
+  // Recovers the store, then makes a new empty session with its "items" folder and manifest on
+  // disk. Throws the file system's error.
   QuarantineSession beginSession(const TriggerSource& trigger, int64_t retentionDays, Date now);
-  // Moves `item` into the session and records it; `session` is updated to the saved manifest.
-  // Throws QuarantineAddError for another volume (the item stays), or the file system's error.
+  // Moves `item` into the session and records it in the session's journal (no flush per item);
+  // `session` gains the entry. Throws QuarantineAddError for another volume (the item stays), or
+  // the file system's error (the item is then where it was, or recorded as moving for recovery).
   void add(const fs::path& item, int64_t size, CleanCategory category, QuarantineSession& session);
   // The same for an item whose parent the caller already opened (and checked) from an anchor, so
   // the object moved is the one the caller judged.
   void add(const ParentDir& parent, int64_t size, CleanCategory category, QuarantineSession& session);
-  // Writes the session's manifest atomically; throws the file system's error.
+  // Ends adding to the session: settles it, flushes its "items" folder, writes its manifest
+  // atomically and durably and removes its journal; a session left without entries is removed.
+  // `session` becomes what was saved. Never fails: on any error the journal stays, readers replay
+  // it and the next recovery folds it in.
+  void close(QuarantineSession& session) noexcept;
+  // Replaces the session's manifest (atomically) and drops its journal; throws the file system's
+  // error.
   void save(const QuarantineSession& session);
-  // Puts back the session's active entries (only those named in `entryIDs` when given), never
-  // over anything. Per-item problems are returned; the session folder goes when nothing is left
-  // in it. Throws when the session's manifest cannot be read.
+  // Recovers the store, then puts back the session's active entries (only those named in
+  // `entryIDs` when given), never over anything. Per-item problems are returned, damaged entries
+  // among them; the session folder goes when nothing is left in it. Throws std::system_error
+  // (EINVAL) for a string that is no session id, and when the session cannot be read. `now` dates
+  // any stray folder recovery adopts.
   std::vector<CleanFailure> restore(
-      const std::string& sessionID,
+      const std::string& sessionID, Date now,
       const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
-  // Readable sessions, newest first. Never fails; settles interrupted moves first.
-  std::vector<QuarantineSession> sessions();
-  int64_t totalSize();
-  // Removes the session folder and everything in it (through the safe remover); throws.
-  void purge(const std::string& sessionID);
-  // Purges sessions whose expiry is at or before `now`, and stray folders without a manifest more
-  // than a day old (adopting, not deleting, any items they still hold). Returns the bytes of the
-  // expired sessions. Never fails.
+  // Readable sessions as they stand (manifest plus journal), newest first. Takes no lock, creates
+  // and changes nothing, so an entry of an interrupted move may show as moving. Never fails.
+  std::vector<QuarantineSession> sessions() const;
+  int64_t totalSize() const;
+  // Recovers the store, then removes the session folder and everything in it (through the safe
+  // remover). Throws std::system_error (EINVAL for a string that is no session id).
+  void purge(const std::string& sessionID, Date now);
+  // Recovers the store, then purges sessions whose expiry is at or before `now`. Returns the bytes
+  // of the expired sessions. Never fails.
   int64_t purgeExpired(Date now);
+  // Settles every session under the store's lock: replays journals into manifests, decides
+  // interrupted moves by file identity, adopts items no entry names (restorable to recoveryDir),
+  // removes session folders whose entries were all restored and folders with neither manifest nor
+  // items, and adopts folders without a manifest that still hold items (expiring 7 days after
+  // `now`). Does nothing when the store does not exist. Never fails; what cannot be settled now
+  // is tried again next time.
+  void recover(Date now) noexcept;
 
   // Where adopted items with no known origin are restored to.
   fs::path recoveryDir(const std::string& sessionID) const;
@@ -124,17 +173,26 @@ class Quarantine {
  private:
   class Lock;
   fs::path sessionDir(const std::string& id) const;
-  std::optional<QuarantineSession> readManifest(const std::string& id) const;
-  void saveLocked(const QuarantineSession& session);
-  std::optional<QuarantineSession> recoverLocked(const std::string& id);
+  // The following run under the store's lock.
+  void recoverLocked(Date now);
+  // Settles one session folder and returns what it holds, or nothing when it is unreadable or
+  // was removed. A folder without a manifest takes `known`'s header (else an adopted one dated by
+  // `now`). With `fold`, the manifest is rewritten and the journal removed even when nothing
+  // needed settling.
+  std::optional<QuarantineSession> settleLocked(int quarantineFd, const std::string& id, Date now,
+                                                const QuarantineSession* known, bool fold);
   void adoptOrphans(QuarantineSession& session, int itemsFd, bool& changed);
-  bool removeSessionFolderIfEmpty(const std::string& id);
+  bool removeSessionFolderIfEmpty(int quarantineFd, const std::string& id);
+  void writeManifest(const QuarantineSession& session, int sessionFd, int itemsFd);
   void purgeLocked(const std::string& id);
 
   Paths paths_;
   VolumeOf volumeOf_;
   SafeRemover remover_;
   std::unique_ptr<std::mutex> lock_ = std::make_unique<std::mutex>();
+  // Next free index per session this object adds to: indices are never reused within a session,
+  // so replaying a journal can never confuse an aborted attempt with a later entry.
+  std::map<std::string, int64_t> nextIndex_;
 };
 
 }  // namespace kestrel

@@ -9,6 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
 #include <sstream>
 
 namespace kestrel::agent {
@@ -30,9 +34,16 @@ void makeCaches(ScratchHome& h) {
     h.age(rel, 2);
 }
 
+// Every path below `root` (links not followed) with its type, size and modification time.
 std::string listing(const fs::path& root) {
   std::string out;
-  for (auto& e : fs::recursive_directory_iterator(root)) out += e.path().string() + "\n";
+  for (auto& e : fs::recursive_directory_iterator(root)) {
+    struct stat st;
+    if (::lstat(e.path().c_str(), &st) != 0) continue;
+    out += e.path().string() + " " + std::to_string(st.st_mode & S_IFMT) + " " +
+           std::to_string(st.st_size) + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+           std::to_string(st.st_mtim.tv_nsec) + "\n";
+  }
   return out;
 }
 
@@ -125,9 +136,16 @@ TEST(CleanCommand, QuarantineUsageAndStoreErrors) {
       {{"quarantine", "purge"}, 2, "usage: quarantine purge <id>\n"},
       {{"quarantine", "restore", "20260101-000000-ABCDEF"}, 1, ""},
       {{"quarantine", "purge", "20260101-000000-ABCDEF"}, 1, ""},
-      {{"quarantine", "purge", "../../Documents"}, 1, ""},
+      // Not session ids at all (the store's lock file among them): usage errors, nothing touched.
+      {{"quarantine", "purge", "../../Documents"},
+       2,
+       "Not a quarantine session: ../../Documents\n"},
+      {{"quarantine", "purge", ".lock"}, 2, "Not a quarantine session: .lock\n"},
+      {{"quarantine", "restore", ".lock"}, 2, "Not a quarantine session: .lock\n"},
   };
   h.file("Documents/keep", 3);
+  h.folder("Library/Application Support/orvo Kestrel/Quarantine");
+  const fs::path lock = h.text("Library/Application Support/orvo Kestrel/Quarantine/.lock", "");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args.back());
     auto r = run(h, c.args);
@@ -139,6 +157,45 @@ TEST(CleanCommand, QuarantineUsageAndStoreErrors) {
     }
   }
   EXPECT_TRUE(fs::exists(h.path("Documents/keep")));
+  EXPECT_TRUE(fs::exists(lock));
+}
+
+TEST(CleanCommand, QuarantineListOnlyReads) {
+  // A home without a support folder: listing must not make one (it would block the migration of
+  // the earlier product's folder for good).
+  ScratchHome empty;
+  empty.folder("Library/Application Support/Halcyra");
+  std::string before = listing(empty.root());
+  EXPECT_EQ(run(empty, {"quarantine", "list"}).out, "");
+  EXPECT_EQ(listing(empty.root()), before);
+
+  // A home with sessions in every state recovery would change: a closed one, one still being
+  // filled with a move under way, an item no entry names, and an empty folder without manifest.
+  ScratchHome h;
+  Quarantine q(h.paths());
+  QuarantineSession closed =
+      q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(1));
+  q.add(h.text("Documents/a.txt", "a"), 1, CleanCategory::largeOldFiles, closed);
+  q.close(closed);
+  QuarantineSession open =
+      q.beginSession(TriggerSource::manual(), 7, Date{} + std::chrono::hours(2));
+  q.add(h.text("Documents/b.txt", "b"), 1, CleanCategory::largeOldFiles, open);
+  const fs::path dir = h.paths().quarantineDir() / open.id;
+  QuarantineEntry moving;
+  moving.originalPath = h.text("Documents/c.txt", "c").string();
+  moving.storedName = "1-c.txt";
+  moving.moving = true;
+  std::ofstream(dir / "journal.jsonl", std::ios::app)
+      << JsonText::compact(Json{{"op", "intent"}, {"entry", toJson(moving)}}) << "\n";
+  h.text("Library/Application Support/orvo Kestrel/Quarantine/" + open.id + "/items/stranger", "s");
+  h.folder("Library/Application Support/orvo Kestrel/Quarantine/half-made/items");
+  before = listing(h.root());
+  const auto r = run(h, {"quarantine", "list"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.substr(0, open.id.size() + 1), open.id + "\t") << r.out;
+  EXPECT_NE(r.out.find("\n" + closed.id + "\t"), std::string::npos) << r.out;
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 2);
+  EXPECT_EQ(listing(h.root()), before);
 }
 
 TEST(CleanCommand, RiskLimitNeverWidensAndTrashStaysADeletion) {

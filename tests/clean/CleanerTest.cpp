@@ -3,6 +3,7 @@
 #include "core/clean/Cleaner.h"
 
 #include "core/platform/Trash.h"
+#include "core/storage/JSONStore.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/ScratchHome.h"
 
@@ -216,9 +217,13 @@ TEST(Cleaner, QuarantineSessionIsOpenedOnceAndOnlyWhenNeeded) {
   EXPECT_EQ(sessions[0].totalSize(), 19);
   EXPECT_FALSE(lexists(c));
   EXPECT_FALSE(lexists(d.parent_path()));
+  // The clean closed its session: the manifest holds both entries and no journal is left.
+  const fs::path dir = t.h.paths().quarantineDir() / *r.quarantineSessionID;
+  EXPECT_FALSE(lexists(dir / "journal.jsonl"));
+  EXPECT_EQ(JSONStore::load<QuarantineSession>(dir / "manifest.json", quarantineSessionFromJson), sessions[0]);
 
   // Restoring the session brings both back exactly; the deleted one stays gone.
-  EXPECT_TRUE(q.restore(*r.quarantineSessionID).empty());
+  EXPECT_TRUE(q.restore(*r.quarantineSessionID, kNow).empty());
   EXPECT_EQ(test::readText(c), "zip bytes");
   EXPECT_EQ(test::readText(d), "jpeg bytes");
   EXPECT_FALSE(lexists(e));

@@ -1,4 +1,5 @@
-// Quarantine store: sessions, manifests, restore rules, purge by age, recovery, and crash safety.
+// Quarantine store: sessions, manifests and journals, damaged entries, restore rules, purge,
+// recovery, and crash safety.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include "core/clean/Quarantine.h"
@@ -59,16 +61,17 @@ TEST(Quarantine, BeginSessionWritesTheManifestAndItsFolders) {
   EXPECT_EQ(listed[1].trigger.label(), "Schedule: Nightly");
 }
 
-TEST(Quarantine, EntryAndSessionJsonRoundTripAndIgnoreUnknownKeys) {
+TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
   QuarantineSession s;
   s.id = "20260301-093000-3F2A9C";
   s.createdAt = kNow;
   s.expiresAt = kNow + std::chrono::hours(24);
   s.trigger = TriggerSource::uninstall("Photo Tool");
+  QuarantineEntry a{"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, {}, false, {}};
+  a.identity = FileIdentity{2049, 77};
+  s.entries.push_back(a);
   s.entries.push_back(
-      {"/Users/me/a", "0-a", 10, CleanCategory::logs, false, false, FileIdentity{2049, 77}, false});
-  s.entries.push_back(
-      {"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true});
+      {"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true, {}});
   EXPECT_EQ(
       JsonText::compact(toJson(s.entries[0])),
       R"({"category":"logs","dev":2049,"ino":77,"originalPath":"\/Users\/me\/a","restored":false,"size":10,"storedName":"0-a"})");
@@ -76,27 +79,63 @@ TEST(Quarantine, EntryAndSessionJsonRoundTripAndIgnoreUnknownKeys) {
   EXPECT_EQ(s.totalSize(), 10);
   EXPECT_EQ(s.activeCount(), 1);
 
+  // Keys this version does not know survive a rewrite; damaged bookkeeping is dropped, not fatal.
   Json j = toJson(s);
-  j["entries"][0]["futureKey"] = 1;
-  j["entries"][0]["dev"] = "not a number";  // damaged bookkeeping is dropped, not fatal
-  auto back = quarantineSessionFromJson(j);
-  EXPECT_EQ(back.entries[0].identity, std::nullopt);
+  j["entries"][0]["futureKey"] = Json{{"nested", 1}};
+  j["futureSessionKey"] = "kept";
+  j["entries"][0]["dev"] = "not a number";
+  const Json again = toJson(quarantineSessionFromJson(j));
+  EXPECT_EQ(again["entries"][0]["futureKey"], j["entries"][0]["futureKey"]);
+  EXPECT_EQ(again["futureSessionKey"], "kept");
+  EXPECT_FALSE(again["entries"][0].contains("dev"));
+
+  // An entry that does not decode is kept verbatim in its place; the others still decode.
   struct Case {
     const char* what;
     std::function<void(Json&)> damage;
+    std::string id;
   };
+  const Case damaged[] = {
+      {"entry without size", [](Json& e) { e.erase("size"); }, "0-a"},
+      {"size out of range", [](Json& e) { e["size"] = 1e30; }, "0-a"},
+      {"unknown category", [](Json& e) { e["category"] = "stuff"; }, "0-a"},
+      {"stored name escapes items", [](Json& e) { e["storedName"] = "../../x"; }, "../../x"},
+      {"stored name not a string", [](Json& e) { e["storedName"] = 7; }, "entry 0"},
+      {"not an object", [](Json& e) { e = 42; }, "entry 0"},
+  };
+  for (const auto& c : damaged) {
+    SCOPED_TRACE(c.what);
+    Json d = toJson(s);
+    c.damage(d["entries"][0]);
+    const QuarantineSession read = quarantineSessionFromJson(d);
+    EXPECT_EQ(read.entries, std::vector<QuarantineEntry>{s.entries[1]});
+    ASSERT_EQ(read.damagedEntries.size(), 1u);
+    EXPECT_EQ(read.damagedEntries[0].id(), c.id);
+    EXPECT_EQ(read.activeCount(), 1);  // the damaged one may still hold its item
+    EXPECT_EQ(toJson(read), d);
+  }
+  // Faults in the session's own keys still make it unreadable.
   const Case bad[] = {
-      {"no entries", [](Json& j) { j.erase("entries"); }},
-      {"entry without size", [](Json& j) { j["entries"][0].erase("size"); }},
-      {"unknown category", [](Json& j) { j["entries"][0]["category"] = "stuff"; }},
-      {"stored name escapes items", [](Json& j) { j["entries"][0]["storedName"] = "../../x"; }},
-      {"trigger with two keys", [](Json& j) { j["trigger"]["manual"] = Json::object(); }},
+      {"no entries", [](Json& j) { j.erase("entries"); }, ""},
+      {"entries not an array", [](Json& j) { j["entries"] = Json::object(); }, ""},
+      {"trigger with two keys", [](Json& j) { j["trigger"]["manual"] = Json::object(); }, ""},
   };
   for (const auto& c : bad) {
     SCOPED_TRACE(c.what);
     Json d = toJson(s);
     c.damage(d);
     EXPECT_THROW(quarantineSessionFromJson(d), DecodeError);
+  }
+}
+
+TEST(Quarantine, SessionIDsNameOneFolderAndNoDotFile) {
+  const std::pair<std::string, bool> cases[] = {
+      {"20260301-093000-3F2A9C", true}, {"stray-full", true}, {"", false},
+      {".lock", false}, {".", false}, {"..", false},
+      {"a/b", false}, {"a..b", false}, {std::string("a\0b", 3), false}};
+  for (const auto& [id, valid] : cases) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ(isQuarantineSessionID(id), valid);
   }
 }
 
@@ -116,7 +155,7 @@ TEST(Quarantine, SameNameTwiceRestoresEachToItsOwnPlace) {
   EXPECT_EQ(test::readText(itemsDir(h, s) / "1-data.db"), "second");
   EXPECT_EQ(q.totalSize(), 11);
 
-  EXPECT_TRUE(q.restore(s.id).empty());
+  EXPECT_TRUE(q.restore(s.id, kNow).empty());
   EXPECT_EQ(test::readText(a), "first");
   EXPECT_EQ(test::readText(b), "second");
   EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));
@@ -134,16 +173,16 @@ TEST(Quarantine, PartialRestoreKeepsTheSessionUntilTheLastEntry) {
   q.add(b, 4, CleanCategory::installers, s);
   // Restore re-creates missing parent folders.
   fs::remove(h.path("Downloads"));
-  EXPECT_TRUE(q.restore(s.id, std::set<std::string>{"1-folder b"}).empty());
+  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-folder b"}).empty());
   EXPECT_TRUE(lexists(h.path("Downloads/folder b/inner/x")));
   auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 1u);
   EXPECT_EQ(listed[0].activeCount(), 1);
   EXPECT_TRUE(listed[0].entries[1].restored);
   // Unknown ids and already restored entries are skipped without failure.
-  EXPECT_TRUE(q.restore(s.id, std::set<std::string>{"1-folder b", "9-nothing"}).empty());
+  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-folder b", "9-nothing"}).empty());
   EXPECT_TRUE(lexists(h.paths().quarantineDir() / s.id));
-  EXPECT_TRUE(q.restore(s.id, std::set<std::string>{"0-a.dmg"}).empty());
+  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"0-a.dmg"}).empty());
   EXPECT_EQ(fs::file_size(a), 3u);
   EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));
 }
@@ -158,7 +197,7 @@ TEST(Quarantine, RestoreNeverOverwritesAndReportsMissingCopies) {
   q.add(b, 1, CleanCategory::largeOldFiles, s);
   h.text("Documents/a.txt", "newer");
   fs::remove(itemsDir(h, s) / "1-b.txt");
-  const auto failures = q.restore(s.id);
+  const auto failures = q.restore(s.id, kNow);
   const std::vector<CleanFailure> expected = {
       {"0-a.txt", "Something already exists at " + a.string() + ". Move it first, then restore."},
       {"1-b.txt", "Quarantined copy is missing: " + (itemsDir(h, s) / "1-b.txt").string()},
@@ -167,8 +206,8 @@ TEST(Quarantine, RestoreNeverOverwritesAndReportsMissingCopies) {
   EXPECT_EQ(test::readText(a), "newer");
   EXPECT_EQ(test::readText(itemsDir(h, s) / "0-a.txt"), "quarantined");
   EXPECT_EQ(q.sessions().size(), 1u);
-  EXPECT_THROW(q.restore("20990101-000000-FFFFFF"), std::system_error);
-  EXPECT_THROW(q.restore("../.."), std::system_error);
+  EXPECT_THROW(q.restore("20990101-000000-FFFFFF", kNow), std::system_error);
+  EXPECT_THROW(q.restore("../..", kNow), std::system_error);
 }
 
 TEST(Quarantine, ItemOnAnotherVolumeIsRefusedAndStays) {
@@ -216,63 +255,305 @@ TEST(Quarantine, ItemOnAnotherVolumeIsRefusedAndStays) {
   fs::remove_all(shm, ec);  // the test's own folder
 }
 
-TEST(Quarantine, PurgeExpiredHonoursExpiryAndStrayFolders) {
+TEST(Quarantine, PurgeExpiredHonoursExpiry) {
   ScratchHome h;
   Quarantine q(h.paths());
   const fs::path a = h.file("Library/Logs/a.log", 1);
   const fs::path b = h.file("Library/Logs/b.log", 1);
-  // Stray folders are aged by their real modification dates, so this test runs at the wall clock.
-  const Date wallNow = Dates::fromUnixSeconds(Dates::unixSeconds(std::chrono::system_clock::now()));
-  QuarantineSession due =
-      q.beginSession(TriggerSource::manual(), 1, wallNow - std::chrono::hours(24));
+  QuarantineSession due = q.beginSession(TriggerSource::manual(), 1, kNow - std::chrono::hours(24));
   q.add(a, 100, CleanCategory::logs, due);
+  q.close(due);
   QuarantineSession later =
-      q.beginSession(TriggerSource::manual(), 2, wallNow - std::chrono::hours(24));
+      q.beginSession(TriggerSource::manual(), 2, kNow - std::chrono::hours(24));
   q.add(b, 50, CleanCategory::logs, later);
-  // Folders with no manifest: one empty and old, one empty and fresh, one old still holding an
-  // item.
   const fs::path qdir = h.paths().quarantineDir();
-  h.folder("Library/Application Support/orvo Kestrel/Quarantine/stray-old/items");
-  h.folder("Library/Application Support/orvo Kestrel/Quarantine/stray-new");
-  h.text("Library/Application Support/orvo Kestrel/Quarantine/stray-full/items/0-kept.txt",
-         "keep me");
-  h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-old", 1.5, wallNow);
-  h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-new", 0.5, wallNow);
-  h.age("Library/Application Support/orvo Kestrel/Quarantine/stray-full", 3, wallNow);
-
-  // Listing ignores folders without a manifest.
-  EXPECT_EQ(q.sessions().size(), 2u);
-  // expiresAt equal to now counts as expired.
-  ASSERT_EQ(due.expiresAt, wallNow);
-  EXPECT_EQ(q.purgeExpired(wallNow), 100);
+  // expiresAt equal to now counts as expired; a session still being filled (a journal, no
+  // close yet) expires by the same rule.
+  ASSERT_EQ(due.expiresAt, kNow);
+  EXPECT_EQ(q.purgeExpired(kNow), 100);
   EXPECT_FALSE(lexists(qdir / due.id));
-  EXPECT_TRUE(lexists(qdir / later.id));
-  EXPECT_FALSE(lexists(qdir / "stray-old"));
-  EXPECT_TRUE(lexists(qdir / "stray-new"));
-  // The full one is adopted, not deleted: listed, and restorable to the recovery folder.
-  auto listed = q.sessions();
-  ASSERT_EQ(listed.size(), 2u);
-  auto adopted =
-      std::find_if(listed.begin(), listed.end(), [](auto& s) { return s.id == "stray-full"; });
-  ASSERT_NE(adopted, listed.end());
-  ASSERT_EQ(adopted->entries.size(), 1u);
-  EXPECT_TRUE(adopted->entries[0].orphan);
-  EXPECT_TRUE(q.restore("stray-full").empty());
-  EXPECT_EQ(test::readText(q.recoveryDir("stray-full") / "0-kept.txt"), "keep me");
+  EXPECT_TRUE(lexists(qdir / later.id / "items" / "0-b.log"));
+  EXPECT_EQ(q.purgeExpired(later.expiresAt), 50);
+  EXPECT_FALSE(lexists(qdir / later.id));
   EXPECT_TRUE(lexists(qdir / ".lock"));
 }
 
-TEST(Quarantine, PurgeRemovesOneSessionAndReportsAbsentOnes) {
+TEST(Quarantine, PurgeRemovesOneSessionAndRefusesAnythingElse) {
   ScratchHome h;
   Quarantine q(h.paths());
-  const fs::path a = h.file("Library/Caches/x/y", 1);
+  // Without a store there is nothing to purge, and nothing is made to find that out.
+  EXPECT_THROW(q.purge("20260301-093000-ABCDEF", kNow), std::system_error);
+  EXPECT_FALSE(lexists(h.paths().supportDir()));
+  h.file("Library/Caches/x/y", 1);
   QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
   q.add(h.path("Library/Caches/x"), 1, CleanCategory::userCaches, s);
-  q.purge(s.id);
+  q.purge(s.id, kNow);
   EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));
-  EXPECT_THROW(q.purge(s.id), std::system_error);
-  EXPECT_THROW(q.purge(".."), std::system_error);
-  EXPECT_TRUE(fs::is_directory(h.paths().quarantineDir()));
+  EXPECT_THROW(q.purge(s.id, kNow), std::system_error);
+  for (const char* id : {"..", ".lock", "a/b"}) {
+    SCOPED_TRACE(id);
+    try {
+      q.purge(id, kNow);
+      ADD_FAILURE() << "purged";
+    } catch (const std::system_error& e) {
+      EXPECT_EQ(e.code(), std::errc::invalid_argument);
+    }
+  }
+  EXPECT_TRUE(lexists(h.paths().quarantineDir() / ".lock"));
+}
+
+// ---- The journal ----------------------------------------------------------------------------
+
+std::string line(const Json& j) { return JsonText::compact(j) + "\n"; }
+std::string intent(const QuarantineEntry& e) {
+  return line(Json{{"op", "intent"}, {"entry", toJson(e)}});
+}
+std::string op(const char* kind, const std::string& name) {
+  return line(Json{{"op", kind}, {"storedName", name}});
+}
+
+// The entries in order, each as its stored name with "(moving)" or "(restored)" when it is.
+std::string summary(const std::vector<QuarantineEntry>& entries) {
+  std::string out;
+  for (const auto& e : entries) {
+    if (!out.empty()) out += ' ';
+    out += e.storedName + (e.moving ? "(moving)" : "") + (e.restored ? "(restored)" : "");
+  }
+  return out;
+}
+
+TEST(Quarantine, AddsGoToTheJournalAndCloseWritesTheManifestOnce) {
+  ScratchHome h;
+  Quarantine q(h.paths());
+  const fs::path a = h.text("Documents/a.txt", "a");
+  const fs::path b = h.text("Documents/b.txt", "b");
+  QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
+  const fs::path dir = h.paths().quarantineDir() / s.id;
+  const std::string emptyManifest = test::readText(dir / "manifest.json");
+  q.add(a, 1, CleanCategory::largeOldFiles, s);
+  // A name already taken in "items" is never replaced: the next index is used instead.
+  h.text("Library/Application Support/orvo Kestrel/Quarantine/" + s.id + "/items/1-b.txt",
+         "stranger");
+  q.add(b, 1, CleanCategory::largeOldFiles, s);
+  EXPECT_EQ(summary(s.entries), "0-a.txt 2-b.txt");
+  EXPECT_EQ(test::readText(dir / "items" / "2-b.txt"), "b");
+  EXPECT_EQ(test::readText(dir / "manifest.json"), emptyManifest);  // not rewritten per item
+  std::vector<std::string> ops;
+  std::istringstream journal(test::readText(dir / "journal.jsonl"));
+  for (std::string l; std::getline(journal, l);) {
+    const auto j = JsonText::parse(l);
+    ASSERT_TRUE(j) << l;
+    ops.push_back(j->at("op").get<std::string>() + " " +
+                  (j->contains("entry") ? j->at("entry") : *j).at("storedName").get<std::string>());
+  }
+  EXPECT_EQ(ops, (std::vector<std::string>{"intent 0-a.txt", "confirm 0-a.txt", "intent 1-b.txt",
+                                           "abort 1-b.txt", "intent 2-b.txt", "confirm 2-b.txt"}));
+  // Readers see manifest and journal together.
+  ASSERT_EQ(q.sessions().size(), 1u);
+  EXPECT_EQ(q.sessions()[0].entries, s.entries);
+
+  q.close(s);
+  EXPECT_FALSE(lexists(dir / "journal.jsonl"));
+  EXPECT_EQ(summary(s.entries), "0-a.txt 2-b.txt 1-b.txt");  // the stranger adopted, not lost
+  EXPECT_TRUE(s.entries[2].orphan);
+  EXPECT_EQ(JSONStore::load<QuarantineSession>(dir / "manifest.json", quarantineSessionFromJson),
+            s);
+}
+
+TEST(Quarantine, JournalReplayIsIdempotentAndSkipsTornLines) {
+  auto entry = [](const std::string& name) {
+    QuarantineEntry e;
+    e.originalPath = "/nowhere/" + name;
+    e.storedName = name;
+    e.size = 1;
+    return e;
+  };
+  auto moving = [&](const std::string& name) {
+    QuarantineEntry e = entry(name);
+    e.moving = true;
+    return e;
+  };
+  const std::string torn = intent(moving("1-b")).substr(0, 30);
+  struct Case {
+    const char* what;
+    std::vector<QuarantineEntry> manifest;
+    std::string journal;
+    std::string listed;
+  };
+  const Case cases[] = {
+      {"intent and confirm", {}, intent(moving("0-a")) + op("confirm", "0-a"), "0-a"},
+      {"intent alone is a move under way", {}, intent(moving("0-a")), "0-a(moving)"},
+      {"abort drops the intent",
+       {},
+       intent(moving("0-a")) + op("abort", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"),
+       "1-b"},
+      {"manifest written, journal not yet removed",
+       {entry("0-a"), entry("1-b")},
+       intent(moving("0-a")) + op("confirm", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"),
+       "0-a 1-b"},
+      {"abort never drops a settled entry",
+       {entry("0-a")},
+       intent(moving("0-a")) + op("abort", "0-a"),
+       "0-a"},
+      {"torn last line", {}, intent(moving("0-a")) + op("confirm", "0-a") + torn, "0-a"},
+      {"torn line followed by more records",
+       {},
+       intent(moving("0-a")) + torn + "\n" + op("confirm", "0-a"),
+       "0-a"},
+      {"restored", {entry("0-a"), entry("1-b")}, op("restored", "0-a"), "0-a(restored) 1-b"},
+      {"unknown kinds, names and shapes",
+       {entry("0-a")},
+       line(Json{{"op", "later"}, {"storedName", "0-a"}}) + op("abort", "9-none") + "[1,2]\n" +
+           line(Json{{"op", "intent"}, {"entry", Json{{"storedName", "../x"}}}}),
+       "0-a"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    Quarantine q(h.paths());
+    QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
+    s.entries = c.manifest;
+    q.save(s);
+    const fs::path dir = h.paths().quarantineDir() / s.id;
+    std::ofstream(dir / "journal.jsonl", std::ios::binary) << c.journal;
+    auto listed = q.sessions();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(summary(listed[0].entries), c.listed);
+    // Recovery folds the journal into the manifest; reading again gives the same entries.
+    q.recover(kNow);
+    EXPECT_FALSE(lexists(dir / "journal.jsonl"));
+    auto folded = q.sessions();
+    ASSERT_EQ(folded.size(), 1u);
+    EXPECT_EQ(folded[0], listed[0]);
+  }
+  // A writer never glues its record onto a torn line: what it adds next is read back.
+  ScratchHome h;
+  Quarantine q(h.paths());
+  QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
+  std::ofstream(h.paths().quarantineDir() / s.id / "journal.jsonl", std::ios::binary) << torn;
+  q.add(h.text("Documents/a.txt", "a"), 1, CleanCategory::largeOldFiles, s);
+  ASSERT_EQ(q.sessions().size(), 1u);
+  EXPECT_EQ(summary(q.sessions()[0].entries), "0-a.txt");
+}
+
+TEST(Quarantine, DamagedEntryNeverHidesTheRestOfItsSession) {
+  struct Case {
+    const char* what;
+    std::function<void(Json&)> damage;
+    std::string id;
+    bool itemStays;  // else adopted: no readable entry names it any more
+  };
+  const Case cases[] = {
+      {"a number out of range", [](Json& e) { e["size"] = 1e30; }, "1-b.txt", true},
+      {"a stored name that leaves items", [](Json& e) { e["storedName"] = "../1-b.txt"; },
+       "../1-b.txt", false},
+      {"not an object", [](Json& e) { e = "lost"; }, "entry 1", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    Quarantine q(h.paths());
+    const fs::path a = h.text("Documents/a.txt", "good");
+    const fs::path b = h.text("Documents/b.txt", "second");
+    QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
+    q.add(a, 4, CleanCategory::largeOldFiles, s);
+    q.add(b, 6, CleanCategory::largeOldFiles, s);
+    q.close(s);
+    const fs::path dir = h.paths().quarantineDir() / s.id;
+    Json manifest = *JSONStore::loadJson(dir / "manifest.json");
+    c.damage(manifest["entries"][1]);
+    JSONStore::save(manifest, dir / "manifest.json");
+
+    auto listed = q.sessions();
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(summary(listed[0].entries), "0-a.txt");
+    EXPECT_EQ(listed[0].activeCount(), 2);
+    EXPECT_EQ(listed[0].totalSize(), 4);
+
+    const auto failures = q.restore(s.id, kNow);
+    const std::vector<CleanFailure> expected = {
+        {c.id, "This quarantine entry is damaged; its item stays in " + (dir / "items").string()}};
+    EXPECT_EQ(failures, expected);
+    EXPECT_EQ(test::readText(a), "good");
+    EXPECT_EQ(lexists(dir / "items" / "1-b.txt"), c.itemStays);
+    if (!c.itemStays) {
+      EXPECT_EQ(test::readText(q.recoveryDir(s.id) / "1-b.txt"), "second");
+    }
+    // The damaged entry is written back as it was and keeps its session.
+    EXPECT_EQ(JSONStore::loadJson(dir / "manifest.json")->at("entries")[1], manifest["entries"][1]);
+    ASSERT_EQ(q.sessions().size(), 1u);
+    EXPECT_EQ(q.sessions()[0].activeCount(), 1);
+    // ... and expires with it.
+    EXPECT_EQ(q.purgeExpired(s.expiresAt), 0);
+    EXPECT_FALSE(lexists(dir));
+  }
+}
+
+TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
+  const std::string q = "Library/Application Support/orvo Kestrel/Quarantine/";
+  enum class Outcome { removed, adopted, untouched };
+  struct Case {
+    const char* what;
+    std::function<void(ScratchHome&)> make;
+    std::string folder;
+    Outcome outcome;
+    std::string restoresTo;  // relative to home; empty: to the recovery folder
+  };
+  const Case cases[] = {
+      {"no items folder", [&](ScratchHome& h) { h.folder(q + "x"); }, "x", Outcome::removed, ""},
+      {"an empty items folder", [&](ScratchHome& h) { h.folder(q + "x/items"); }, "x",
+       Outcome::removed, ""},
+      {"a journal and a temporary manifest but no items",
+       [&](ScratchHome& h) {
+         h.folder(q + "x/items");
+         h.text(q + "x/journal.jsonl", "{\"op\":");
+         h.text(q + "x/.manifest.json.1.tmp", "{");
+       },
+       "x", Outcome::removed, ""},
+      {"an item nobody recorded",
+       [&](ScratchHome& h) { h.text(q + "x/items/0-kept.txt", "keep me"); }, "x", Outcome::adopted,
+       ""},
+      {"an item its journal names",
+       [&](ScratchHome& h) {
+         QuarantineEntry e;
+         e.originalPath = h.path("Documents/a.txt").string();
+         e.storedName = "0-a.txt";
+         e.moving = true;
+         h.text(q + "x/items/0-a.txt", "keep me");
+         h.text(q + "x/journal.jsonl", intent(e));
+       },
+       "x", Outcome::adopted, "Documents/a.txt"},
+      {"a dot folder", [&](ScratchHome& h) { h.folder(q + ".hidden/items"); }, ".hidden",
+       Outcome::untouched, ""},
+      {"a manifest that is not JSON",
+       [&](ScratchHome& h) {
+         h.folder(q + "x/items");
+         h.text(q + "x/manifest.json", "{");
+       },
+       "x", Outcome::untouched, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    c.make(h);
+    Quarantine store(h.paths());
+    EXPECT_TRUE(store.sessions().empty());
+    store.recover(kNow);
+    EXPECT_EQ(lexists(h.paths().quarantineDir() / c.folder), c.outcome != Outcome::removed);
+    const auto listed = store.sessions();
+    if (c.outcome != Outcome::adopted) {
+      EXPECT_TRUE(listed.empty());
+      continue;
+    }
+    ASSERT_EQ(listed.size(), 1u);
+    ASSERT_EQ(listed[0].entries.size(), 1u);
+    EXPECT_EQ(listed[0].expiresAt, kNow + std::chrono::hours(7 * 24));
+    EXPECT_TRUE(store.restore(c.folder, kNow).empty());
+    const fs::path to = c.restoresTo.empty()
+                            ? store.recoveryDir(c.folder) / listed[0].entries[0].storedName
+                            : h.path(c.restoresTo);
+    EXPECT_EQ(test::readText(to), "keep me");
+  }
 }
 
 // ---- Recovery of half-done moves ----------------------------------------------------------
@@ -284,40 +565,44 @@ TEST(Quarantine, RecoverySettlesEveryInterruptedState) {
   const fs::path moved = h.text("Library/Caches/moved", "m");
   const fs::path stayed = h.text("Library/Caches/stayed", "s");
   const fs::path back = h.text("Library/Caches/back", "b");
+  const fs::path undone = h.text("Library/Caches/undone", "u");
   QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
   q.add(moved, 1, CleanCategory::userCaches, s);
   q.add(back, 1, CleanCategory::userCaches, s);
-  // Forge what a crash leaves: an intent that never moved, a move whose confirmation is missing,
-  // a restore that moved the item back but did not record it, and an item nobody recorded.
+  q.add(undone, 1, CleanCategory::userCaches, s);
+  // Forge what a crash leaves: a move whose confirmation is missing, a restore that moved the
+  // item back but did not record it, a restore recorded while its move back did not last, an
+  // intent that never moved, and an item nobody recorded.
   s.entries[0].moving = true;
-  QuarantineEntry intent;
-  intent.originalPath = stayed.string();
-  intent.storedName = "2-stayed";
-  intent.moving = true;
-  intent.identity = identityOf(stayed);
-  s.entries.push_back(intent);
   fs::rename(itemsDir(h, s) / "1-back", back);
+  s.entries[2].restored = true;
+  QuarantineEntry neverMoved;
+  neverMoved.originalPath = stayed.string();
+  neverMoved.storedName = "3-stayed";
+  neverMoved.moving = true;
+  neverMoved.identity = identityOf(stayed);
+  s.entries.push_back(neverMoved);
   h.text("Library/Application Support/orvo Kestrel/Quarantine/" + s.id + "/items/stranger", "who");
   q.save(s);
 
+  // Listing shows the state as it stands; recovery settles it.
+  EXPECT_EQ(summary(q.sessions()[0].entries),
+            "0-moved(moving) 1-back 2-undone(restored) 3-stayed(moving)");
+  q.recover(kNow);
   auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 1u);
-  const auto& e = listed[0].entries;
-  ASSERT_EQ(e.size(), 4u);
-  EXPECT_FALSE(e[0].moving);
-  EXPECT_FALSE(e[0].restored);
-  EXPECT_TRUE(e[1].restored);
-  EXPECT_FALSE(e[2].moving);
-  EXPECT_TRUE(e[2].restored);
-  EXPECT_TRUE(e[3].orphan);
-  EXPECT_EQ(e[3].originalPath, (q.recoveryDir(s.id) / "stranger").string());
-  EXPECT_EQ(listed[0].activeCount(), 2);
+  EXPECT_EQ(summary(listed[0].entries),
+            "0-moved 1-back(restored) 2-undone 3-stayed(restored) stranger");
+  const auto& stranger = listed[0].entries.back();
+  EXPECT_TRUE(stranger.orphan);
+  EXPECT_EQ(stranger.originalPath, (q.recoveryDir(s.id) / "stranger").string());
   // Settled on disk, not only in the listing.
   EXPECT_EQ(
       JSONStore::load<QuarantineSession>(qdir / s.id / "manifest.json", quarantineSessionFromJson),
       listed[0]);
-  EXPECT_TRUE(q.restore(s.id).empty());
+  EXPECT_TRUE(q.restore(s.id, kNow).empty());
   EXPECT_EQ(test::readText(moved), "m");
+  EXPECT_EQ(test::readText(undone), "u");
   EXPECT_EQ(test::readText(q.recoveryDir(s.id) / "stranger"), "who");
   EXPECT_FALSE(lexists(qdir / s.id));
 }
@@ -345,29 +630,34 @@ std::string contentOf(const fs::path& item) {
   return test::readText(item);
 }
 
-// The batch a worker runs: quarantine everything in two sessions, restore part, add again.
+// The batch a worker runs: quarantine everything in two sessions, restore part, quarantine
+// again in a third, closing each session the way a clean does.
 void runBatch(const Paths& paths, const std::vector<fs::path>& items) {
   Quarantine q(paths);
   QuarantineSession a = q.beginSession(TriggerSource::manual(), 7, kNow);
   QuarantineSession b = q.beginSession(TriggerSource::schedule("r"), 7, kNow);
   for (size_t i = 0; i < items.size(); ++i)
     q.add(items[i], 1, CleanCategory::userCaches, i % 2 ? a : b);
-  q.restore(a.id);
+  q.close(a);
+  q.restore(a.id, kNow);
   std::set<std::string> some;
   for (const auto& e : b.entries) {
     if (some.size() < b.entries.size() / 2) some.insert(e.id());
   }
-  q.restore(b.id, some);
+  q.restore(b.id, kNow, some);
+  QuarantineSession c = q.beginSession(TriggerSource::manual(), 7, kNow);
   for (size_t i = 0; i < items.size(); i += 2) {
-    if (lexists(items[i])) q.add(items[i], 1, CleanCategory::userCaches, a);
+    if (lexists(items[i])) q.add(items[i], 1, CleanCategory::userCaches, c);
   }
+  q.close(c);
 }
 
 // Every item is at its original path, or stored in a session whose active entry restores it.
 void expectNothingLost(const ScratchHome& h, const std::vector<fs::path>& items,
                        const std::string& when) {
   Quarantine q(h.paths());
-  const auto sessions = q.sessions();  // runs recovery
+  q.recover(kNow);
+  const auto sessions = q.sessions();
   for (size_t i = 0; i < items.size(); ++i) {
     SCOPED_TRACE(when + " item " + std::to_string(i));
     int places = lexists(items[i]) ? 1 : 0;
@@ -383,7 +673,7 @@ void expectNothingLost(const ScratchHome& h, const std::vector<fs::path>& items,
     EXPECT_EQ(places, 1);
   }
   // Restoring everything brings every item home with its contents.
-  for (const auto& s : sessions) EXPECT_TRUE(q.restore(s.id).empty()) << s.id;
+  for (const auto& s : sessions) EXPECT_TRUE(q.restore(s.id, kNow).empty()) << s.id;
   for (size_t i = 0; i < items.size(); ++i)
     EXPECT_EQ(contentOf(items[i]), "item " + std::to_string(i)) << when;
   EXPECT_TRUE(q.sessions().empty()) << when;
