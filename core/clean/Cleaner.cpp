@@ -313,7 +313,9 @@ std::vector<CleanFailure> Cleaner::restore(const std::string& sessionID, const s
   // Settled first, so the bytes counted before are the ones restore can act on.
   quarantine_.recover(now);
   const int64_t before = activeBytes();
-  auto failures = quarantine_.restore(sessionID, now, entryIDs);
+  // A folder an item came from may since have become a link the policy lets a root follow.
+  auto failures = quarantine_.restore(sessionID, now, entryIDs,
+                                      [this](const std::string& p) { return policy_.placeOf(p); });
   const int64_t restored = before - activeBytes();
   audit_.append({AuditEntry::make(now, "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
                                   failures.empty(),

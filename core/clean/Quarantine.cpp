@@ -743,8 +743,9 @@ void Quarantine::recover(Date now) noexcept {
   }
 }
 
-std::vector<CleanFailure> Quarantine::restore(
-    const std::string& sessionID, Date now, const std::optional<std::set<std::string>>& entryIDs) {
+std::vector<CleanFailure> Quarantine::restore(const std::string& sessionID, Date now,
+                                              const std::optional<std::set<std::string>>& entryIDs,
+                                              const PlaceOf& placeOf) {
   checkSessionID(sessionID);
   const std::string unreadable = "No readable quarantine session " + sessionID;
   auto lock = lockExisting<Lock>(*lock_, paths_, unreadable);
@@ -772,7 +773,13 @@ std::vector<CleanFailure> Quarantine::restore(
       continue;
     }
     try {
-      const fs::path destination(e.originalPath);
+      const auto place = placeOf ? placeOf(e.originalPath) : std::optional<std::string>(e.originalPath);
+      if (!place) {
+        failures.push_back({e.id(), "The folder of " + e.originalPath +
+                                        " is a link that may not be followed; the item stays in quarantine"});
+        continue;
+      }
+      const fs::path destination(*place);
       ParentDir parent =
           SafeFS::openParent(Anchor::forPath(paths_.home(), destination), destination,
                              /*createMissing=*/true);

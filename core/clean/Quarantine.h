@@ -146,9 +146,13 @@ class Quarantine {
   // among them; the session folder goes when nothing is left in it. Throws std::system_error
   // (EINVAL) for a string that is no session id, and when the session cannot be read. `now` dates
   // any stray folder recovery adopts.
+  // `placeOf` says where an original path really is now (its folder may have become a link the
+  // safety policy lets a root follow); nothing refuses the entry. Absent: the path as recorded.
+  using PlaceOf = std::function<std::optional<std::string>(const std::string&)>;
   std::vector<CleanFailure> restore(
       const std::string& sessionID, Date now,
-      const std::optional<std::set<std::string>>& entryIDs = std::nullopt);
+      const std::optional<std::set<std::string>>& entryIDs = std::nullopt,
+      const PlaceOf& placeOf = nullptr);
   // Readable sessions as they stand (manifest plus journal), newest first. Takes no lock, creates
   // and changes nothing, so an entry of an interrupted move may show as moving. Never fails.
   std::vector<QuarantineSession> sessions() const;

@@ -184,6 +184,32 @@ TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
   }
 }
 
+TEST(ProtectionBinary, RestoreFollowsAParentThatBecameALinkOnlyWhereItMay) {
+  for (const bool protectedTarget : {false, true}) {
+    SCOPED_TRACE(protectedTarget ? "link into protected data" : "link to the user's folder elsewhere");
+    ScratchHome h;
+    oldCache(h, "Library/Caches/com.app");
+    h.text(kSupport + "config.json", R"({"disposalOverrides":{"userCaches":"quarantine"}})");
+    ASSERT_EQ(runAgentAt(h.home().string(), {"clean", "--category", "userCaches"}).out, "201 KB to quarantine\n");
+    // The user moves the cache folder to another disk and leaves a link behind.
+    const fs::path moved = protectedTarget ? h.path(".ssh/caches") : h.outside("disk") / "caches";
+    fs::create_directories(moved.parent_path());
+    fs::rename(h.path("Library/Caches"), moved);
+    h.link("Library/Caches", moved);
+    const auto list = runAgentAt(h.home().string(), {"quarantine", "list"});
+    const std::string id = list.out.substr(0, list.out.find('\t'));
+    const auto restore = runAgentAt(h.home().string(), {"quarantine", "restore", id});
+    EXPECT_EQ(restore.status, 0);
+    if (protectedTarget) {
+      EXPECT_NE(restore.out.find("is a link that may not be followed"), std::string::npos) << restore.out;
+      EXPECT_FALSE(fs::exists(moved / "com.app"));
+    } else {
+      EXPECT_EQ(restore.out, "Restored.\n");
+      EXPECT_EQ(fs::file_size(moved / "com.app/blob"), 200000u);
+    }
+  }
+}
+
 TEST(ProtectionBinary, DamagedSettingsStopEveryRemoval) {
   ScratchHome h;
   oldCache(h, "Library/Caches/com.app");
