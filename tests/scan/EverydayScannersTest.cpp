@@ -185,6 +185,10 @@ TEST(EverydayScanners, BackupInfoFromXmlAndBinaryPropertyLists) {
   const std::vector<char> binary = toBinary(xml);
   ASSERT_GT(binary.size(), 8u);
 
+  const std::string withApps = plistXml(
+      "<key>Device Name</key><string>Ada's iPhone</string><key>Installed Applications</key>"
+      "<array><string>com.example.a</string><string>com.example.b</string></array>"
+      "<key>Last Backup Date</key><date>2002-01-01T00:00:00Z</date>");
   PList::Dictionary displayOnly;
   displayOnly.Set("Display Name", PList::String("iPad"));
   struct Case {
@@ -201,6 +205,14 @@ TEST(EverydayScanners, BackupInfoFromXmlAndBinaryPropertyLists) {
       {"garbage", bytesOf("not a property list"), false, std::nullopt, false},
       {"empty", {}, false, std::nullopt, false},
       {"an array", bytesOf(PList::Array().ToXml()), false, std::nullopt, false},
+      // Lists inside, as devices write them, and a list at the top: their nodes are all freed
+      // (the sanitizer build checks for leaks).
+      {"with a list of applications", bytesOf(withApps), true, "Ada's iPhone", true},
+      {"with a list, binary", toBinary(withApps), true, "Ada's iPhone", true},
+      {"a list of items",
+       bytesOf("<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>a</string>"
+               "<integer>1</integer><array><real>2.5</real></array></array></plist>"),
+       false, std::nullopt, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
