@@ -16,14 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<FolderSnapshot> snapshotsFromJson(const Json& j) {
-  if (!j.is_array()) throw DecodeError("Expected an array of folder snapshots");
-  std::vector<FolderSnapshot> out;
-  out.reserve(j.size());
-  for (const auto& e : j) out.push_back(folderSnapshotFromJson(e));
-  return out;
-}
-
 double epochSeconds(Date d) { return std::chrono::duration<double>(d.time_since_epoch()).count(); }
 
 }  // namespace
@@ -55,6 +47,14 @@ FolderSnapshot folderSnapshotFromJson(const Json& j) {
   return s;
 }
 
+std::vector<FolderSnapshot> folderSnapshotsFromJson(const Json& j) {
+  if (!j.is_array()) throw DecodeError("Expected an array of folder snapshots");
+  std::vector<FolderSnapshot> out;
+  out.reserve(j.size());
+  for (const auto& e : j) out.push_back(folderSnapshotFromJson(e));
+  return out;
+}
+
 GrowthTracker::GrowthTracker(const Paths& paths)
     : paths_(paths), url_(paths.supportFile("growth-snapshots.json")) {}
 
@@ -74,7 +74,7 @@ std::vector<fs::path> GrowthTracker::watchedParents() const {
 }
 
 std::vector<FolderSnapshot> GrowthTracker::snapshots() const {
-  return JSONStore::load<std::vector<FolderSnapshot>>(url_, snapshotsFromJson)
+  return JSONStore::load<std::vector<FolderSnapshot>>(url_, folderSnapshotsFromJson)
       .value_or(std::vector<FolderSnapshot>{});
 }
 
