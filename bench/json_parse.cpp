@@ -3,16 +3,16 @@
 //   json_parse [runs]   builds a ~2 MB growth-snapshot file and a 1,000-entry quarantine manifest
 //                       in memory, then times both parsers on each, alternating, and prints the
 //                       median milliseconds per parse.
-#include "core/clean/Quarantine.h"
-#include "core/insights/GrowthTracker.h"
-#include "core/storage/Json.h"
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "core/clean/Quarantine.h"
+#include "core/insights/GrowthTracker.h"
+#include "core/storage/Json.h"
 
 using namespace kestrel;
 using Clock = std::chrono::steady_clock;
@@ -31,14 +31,20 @@ std::optional<Json> libraryParse(std::string_view text) {
   bool inString = false, escaped = false;
   for (char c : text) {
     if (inString) {
-      if (escaped) escaped = false;
-      else if (c == '\\') escaped = true;
-      else if (c == '"') inString = false;
+      if (escaped)
+        escaped = false;
+      else if (c == '\\')
+        escaped = true;
+      else if (c == '"')
+        inString = false;
       continue;
     }
-    if (c == '"') inString = true;
-    else if (c == '[' || c == '{') { if (++depth > 512) return std::nullopt; }
-    else if (c == ']' || c == '}') --depth;
+    if (c == '"')
+      inString = true;
+    else if (c == '[' || c == '{') {
+      if (++depth > 512) return std::nullopt;
+    } else if (c == ']' || c == '}')
+      --depth;
   }
   try {
     return Json::parse(text.begin(), text.end());
@@ -53,7 +59,7 @@ std::string growthFile() {
   for (int s = 0; s < 26; ++s) {
     FolderSnapshot snap{start + std::chrono::hours(24 * s), {}};
     for (int f = 0; f < 1150; ++f) {
-      const std::string parent = f % 3 == 0 ? "/Users/someone/Library/Caches/com.example.app"
+      const std::string parent = f % 3 == 0   ? "/Users/someone/Library/Caches/com.example.app"
                                  : f % 3 == 1 ? "/Users/someone/Library/Application Support/Tool "
                                               : "/Users/someone/Downloads/é project ";
       snap.sizes[parent + std::to_string(f)] = int64_t{4096} * (f * 7919 + s * 104729) % 900000000;
@@ -65,11 +71,15 @@ std::string growthFile() {
 
 std::string manifestFile() {
   const Date now = Dates::fromUnixSeconds(1772357400);
-  QuarantineSession session{"20260301-093000-A1B2C3", now, now + std::chrono::hours(24 * 7),
-                            TriggerSource::schedule("Weekly deep clean"), {}};
+  QuarantineSession session{"20260301-093000-A1B2C3",
+                            now,
+                            now + std::chrono::hours(24 * 7),
+                            TriggerSource::schedule("Weekly deep clean"),
+                            {}};
   for (int i = 0; i < 1000; ++i) {
     QuarantineEntry e;
-    e.originalPath = "/Users/someone/Library/Caches/com.example.app" + std::to_string(i) + "/Cache Data";
+    e.originalPath =
+        "/Users/someone/Library/Caches/com.example.app" + std::to_string(i) + "/Cache Data";
     e.storedName = std::to_string(i) + "-Cache Data";
     e.size = int64_t{4096} * (i + 1);
     e.restored = i % 10 == 0;
@@ -102,8 +112,8 @@ int main(int argc, char** argv) {
         (timeOurs ? ours : library).push_back(ms);
       }
     }
-    std::printf("%-24s %8zu bytes  ours %7.2f ms  library %7.2f ms  ratio %.2f\n", name, text.size(),
-                median(ours), median(library), median(ours) / median(library));
+    std::printf("%-24s %8zu bytes  ours %7.2f ms  library %7.2f ms  ratio %.2f\n", name,
+                text.size(), median(ours), median(library), median(ours) / median(library));
   }
   return 0;
 }

@@ -1,10 +1,10 @@
 // Fuzz target: the settings decoder. A decoded config saves and reads back as the same config.
-#include "core/storage/AppConfig.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/storage/AppConfig.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

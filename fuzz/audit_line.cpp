@@ -1,11 +1,11 @@
 // Fuzz target: one audit log line. The quick reader never accepts what the full decoder rejects
 // and agrees with it; a decoded record writes and reads back the same.
-#include "core/storage/AuditLog.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/storage/AuditLog.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

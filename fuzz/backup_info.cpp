@@ -1,9 +1,9 @@
 // Fuzz target: a device backup's property list (XML or binary), as found on disk.
-#include "core/scan/scanners/Scanners.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "core/scan/scanners/Scanners.h"
 
 using namespace kestrel;
 

@@ -1,10 +1,10 @@
 // Fuzz target: the folder-snapshot decoder. Decoded snapshots save and read back the same.
-#include "core/insights/GrowthTracker.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/insights/GrowthTracker.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

@@ -1,14 +1,14 @@
 // Fuzz target: JsonText::parse. Whatever it accepts writes back as UTF-8 and parses to the same
 // value; whatever the library parser it replaced accepts (within our nesting limit), it accepts
 // alike.
-#include "core/storage/Json.h"
-#include "core/storage/Utf8.h"
-#include "fuzz/Check.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/storage/Json.h"
+#include "core/storage/Utf8.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 
@@ -20,9 +20,12 @@ int nesting(std::string_view text) {
   bool inString = false, escaped = false;
   for (char c : text) {
     if (inString) {
-      if (escaped) escaped = false;
-      else if (c == '\\') escaped = true;
-      else if (c == '"') inString = false;
+      if (escaped)
+        escaped = false;
+      else if (c == '\\')
+        escaped = true;
+      else if (c == '"')
+        inString = false;
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {

@@ -1,10 +1,10 @@
 // Fuzz target: the quarantine manifest decoder. A decoded session saves and reads back the same.
-#include "core/clean/Quarantine.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/clean/Quarantine.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

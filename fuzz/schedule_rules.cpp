@@ -1,10 +1,10 @@
 // Fuzz target: the rules file decoder. Decoded rules save and read back as the same rules.
-#include "core/schedule/ScheduleRule.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/schedule/ScheduleRule.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

@@ -1,10 +1,10 @@
 // Fuzz target: the free-space history decoder. Decoded samples save and read back the same.
-#include "core/insights/SpaceHistory.h"
-#include "fuzz/Check.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "core/insights/SpaceHistory.h"
+#include "fuzz/Check.h"
 
 using namespace kestrel;
 

@@ -89,8 +89,9 @@ double referenceSeconds(Date d) {
 
 Date fromReferenceSeconds(double s) {
   if (std::isnan(s)) return fromUnixSeconds(kReferenceEpoch);
-  const double unix = std::clamp(s + static_cast<double>(kReferenceEpoch),
-                                 static_cast<double>(kMinSeconds), static_cast<double>(kMaxSeconds));
+  const double unix =
+      std::clamp(s + static_cast<double>(kReferenceEpoch), static_cast<double>(kMinSeconds),
+                 static_cast<double>(kMaxSeconds));
   return Date{duration_cast<Date::duration>(std::chrono::duration<double>(unix))};
 }
 

@@ -147,7 +147,8 @@ class Parser {
     while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
   }
   bool literal(std::string_view word) {
-    if (static_cast<size_t>(end_ - p_) < word.size() || std::memcmp(p_, word.data(), word.size()) != 0)
+    if (static_cast<size_t>(end_ - p_) < word.size() ||
+        std::memcmp(p_, word.data(), word.size()) != 0)
       return false;
     p_ += word.size();
     return true;
@@ -355,7 +356,8 @@ class Parser {
       }
       constexpr auto kMax = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
       if (fits && magnitude <= kMax + 1) {
-        out = magnitude == kMax + 1 ? std::numeric_limits<int64_t>::min() : -static_cast<int64_t>(magnitude);
+        out = magnitude == kMax + 1 ? std::numeric_limits<int64_t>::min()
+                                    : -static_cast<int64_t>(magnitude);
         return true;
       }
     }

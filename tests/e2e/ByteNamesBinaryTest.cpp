@@ -1,14 +1,15 @@
-// End to end: a folder whose name is not UTF-8 through scan, clean, quarantine, the audit log and growth.
+// End to end: a folder whose name is not UTF-8 through scan, clean, quarantine, the audit log and
+// growth.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <sstream>
+
 #include "core/insights/GrowthTracker.h"
 #include "core/storage/AuditLog.h"
 #include "core/storage/Json.h"
 #include "core/storage/Utf8.h"
 #include "tests/e2e/RunAgent.h"
-
-#include <gtest/gtest.h>
-
-#include <set>
-#include <sstream>
 
 namespace kestrel::test {
 namespace {
@@ -77,7 +78,8 @@ TEST(ByteNamesBinary, ScanCleanRestoreAuditAndGrowthKeepTheExactName) {
   }
   const auto snapshots = GrowthTracker(h.paths()).snapshots();
   ASSERT_EQ(snapshots.size(), 2u);
-  for (const auto& s : snapshots) EXPECT_EQ(s.sizes.count(h.path("Downloads/bad\xff").string()), 1u);
+  for (const auto& s : snapshots)
+    EXPECT_EQ(s.sizes.count(h.path("Downloads/bad\xff").string()), 1u);
 }
 
 }  // namespace

@@ -153,7 +153,8 @@ TEST(SpaceHistory, ForecastWindowEdgesAndFloor) {
                                        {first, 29000000000, 250000000000}},
                                       first));
   std::vector<SpaceSample> early;
-  for (int64_t i = 0; i < 11; ++i) early.push_back({first + hours(24 * i), -1000000000000000 + (10 - i) * 1000000000, 1});
+  for (int64_t i = 0; i < 11; ++i)
+    early.push_back({first + hours(24 * i), -1000000000000000 + (10 - i) * 1000000000, 1});
   f = SpaceHistory::forecast(early, early.back().date);
   ASSERT_TRUE(f && f->predictedFullDate);
   EXPECT_EQ(*f->predictedFullDate, Date::min());

@@ -1,4 +1,5 @@
-// Audit log: record forms, appends (torn tails, several processes, odd files), tolerant reads, lifetime total.
+// Audit log: record forms, appends (torn tails, several processes, odd files), tolerant reads,
+// lifetime total.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -219,7 +220,8 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
       case Put::fifo:
       case Put::fifoWithReader:
         ASSERT_EQ(::mkfifo(log.url().c_str(), 0600), 0);
-        if (c.put == Put::fifoWithReader) reader.reset(::open(log.url().c_str(), O_RDONLY | O_NONBLOCK));
+        if (c.put == Put::fifoWithReader)
+          reader.reset(::open(log.url().c_str(), O_RDONLY | O_NONBLOCK));
         break;
       case Put::linkToFifo:
         ASSERT_EQ(::mkfifo(elsewhere.c_str(), 0600), 0);
@@ -260,9 +262,10 @@ TEST(AuditLog, NamesThatAreOnlyBytesAreCountedAndReadBack) {
   // A record as earlier versions wrote it, with the raw byte.
   AuditEntry raw = entry("trash", 2);
   raw.target = "/Users/me/raw\xfe";
-  appendRaw(log.url(), "{\"action\":\"trash\",\"date\":\"2026-03-01T09:30:00Z\",\"id\":\"" + raw.id +
-                           "\",\"size\":2,\"success\":true,\"target\":\"/Users/me/raw\xfe\","
-                           "\"trigger\":{\"manual\":{}}}\n");
+  appendRaw(log.url(),
+            "{\"action\":\"trash\",\"date\":\"2026-03-01T09:30:00Z\",\"id\":\"" + raw.id +
+                "\",\"size\":2,\"success\":true,\"target\":\"/Users/me/raw\xfe\","
+                "\"trigger\":{\"manual\":{}}}\n");
   EXPECT_EQ(log.lifetimeFreed(), 42);
   const auto recent = log.recent(10);
   ASSERT_EQ(recent.size(), 2u);

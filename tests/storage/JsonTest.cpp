@@ -1,4 +1,4 @@
-// The JSON writer's exact layout, number texts, escaping of bytes, the parser, and the strict readers.
+// The JSON writer's exact layout and numbers, escaped bytes, the parser, and the strict readers.
 #include "core/storage/Json.h"
 
 #include "core/storage/Utf8.h"

@@ -1,7 +1,7 @@
 // UTF-8 checks and the display form of names that are not text.
-#include "core/storage/Utf8.h"
-
 #include <gtest/gtest.h>
+
+#include "core/storage/Utf8.h"
 
 namespace kestrel {
 namespace {
@@ -17,13 +17,15 @@ TEST(Utf8, DisplayTextReplacesEachIllFormedSequenceOnce) {
       {"plain é✓\U0001D11E", "plain é✓\U0001D11E"},
       {"bad\xff", "bad" + r},
       {"\xff\xfe", r + r},
-      {"\xe2\x82" "A", r + "A"},           // a cut-off sequence is one subpart
-      {"\xf0\x9f\x98", r},                 // cut off by the end
-      {"\xc0\xaf", r + r},                 // overlong
-      {"\xe0\x80\x80", r + r + r},         // overlong
-      {"\xed\xa0\x80", r + r + r},         // an encoded surrogate
+      {"\xe2\x82"
+       "A",
+       r + "A"},                            // a cut-off sequence is one subpart
+      {"\xf0\x9f\x98", r},                  // cut off by the end
+      {"\xc0\xaf", r + r},                  // overlong
+      {"\xe0\x80\x80", r + r + r},          // overlong
+      {"\xed\xa0\x80", r + r + r},          // an encoded surrogate
       {"\xf4\x90\x80\x80", r + r + r + r},  // past U+10FFFF
-      {"\x80x\xbf", r + "x" + r},          // stray continuation bytes
+      {"\x80x\xbf", r + "x" + r},           // stray continuation bytes
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.display);
