@@ -3,6 +3,7 @@
 #include "core/scan/ScanEngine.h"
 #include "core/storage/AppConfig.h"
 #include "core/storage/ByteFormat.h"
+#include "core/storage/Utf8.h"
 
 #include <cstdlib>
 
@@ -40,8 +41,15 @@ int runScan(Context& context) {
 
   if (context.flag("--json")) {
     Json items = Json::array();
-    for (const auto& r : results)
-      for (const auto& item : r.items) items.push_back(toJson(item, DateForm::referenceSeconds));
+    // The id and the target keep every byte of a name (\udcXX escapes, so a consumer can act on
+    // them); the title and reason are for reading and show U+FFFD instead.
+    for (const auto& r : results) {
+      for (ScanItem item : r.items) {
+        item.title = Utf8::displayText(item.title);
+        item.reason = Utf8::displayText(item.reason);
+        items.push_back(toJson(item, DateForm::referenceSeconds));
+      }
+    }
     context.out << JsonText::pretty(items) << '\n';
     return 0;
   }

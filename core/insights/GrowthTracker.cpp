@@ -17,14 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::vector<FolderSnapshot> snapshotsFromJson(const Json& j) {
-  if (!j.is_array()) throw DecodeError("Expected an array of folder snapshots");
-  std::vector<FolderSnapshot> out;
-  out.reserve(j.size());
-  for (const auto& e : j) out.push_back(folderSnapshotFromJson(e));
-  return out;
-}
-
 double epochSeconds(Date d) { return std::chrono::duration<double>(d.time_since_epoch()).count(); }
 
 }  // namespace
@@ -56,6 +48,14 @@ FolderSnapshot folderSnapshotFromJson(const Json& j) {
   return s;
 }
 
+std::vector<FolderSnapshot> folderSnapshotsFromJson(const Json& j) {
+  if (!j.is_array()) throw DecodeError("Expected an array of folder snapshots");
+  std::vector<FolderSnapshot> out;
+  out.reserve(j.size());
+  for (const auto& e : j) out.push_back(folderSnapshotFromJson(e));
+  return out;
+}
+
 GrowthTracker::GrowthTracker(const Paths& paths, std::vector<std::string> userProtected)
     : paths_(paths), url_(paths.supportFile("growth-snapshots.json")), userProtected_(std::move(userProtected)) {}
 
@@ -75,7 +75,7 @@ std::vector<fs::path> GrowthTracker::watchedParents() const {
 }
 
 std::vector<FolderSnapshot> GrowthTracker::snapshots() const {
-  return JSONStore::load<std::vector<FolderSnapshot>>(url_, snapshotsFromJson)
+  return JSONStore::load<std::vector<FolderSnapshot>>(url_, folderSnapshotsFromJson)
       .value_or(std::vector<FolderSnapshot>{});
 }
 

@@ -43,6 +43,8 @@ struct GrowthReport {
 Json toJson(const FolderSnapshot& snapshot);
 // Throws DecodeError: "date" (ISO 8601 text) and "sizes" (an object of integers) are required.
 FolderSnapshot folderSnapshotFromJson(const Json& j);
+// The whole store: an array of snapshots; DecodeError when any of them does not decode.
+std::vector<FolderSnapshot> folderSnapshotsFromJson(const Json& j);
 
 // The "growth-snapshots.json" store (one JSON array of snapshots, oldest first) and the
 // measuring that fills it.

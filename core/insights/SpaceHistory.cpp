@@ -11,24 +11,21 @@ namespace {
 
 constexpr double kSecondsPerDay = 86400;
 
+double epochSeconds(Date d) { return std::chrono::duration<double>(d.time_since_epoch()).count(); }
+
+// In doubles: the clock's own difference overflows for dates centuries apart, which a damaged
+// file can hold.
 double secondsBetween(Date from, Date to) {
-  return std::chrono::duration<double>(to - from).count();
+  return epochSeconds(to) - epochSeconds(from);
 }
 
-// now + seconds, held at the clock's last representable date: a slow loss on a large disk can
-// predict a day centuries away, past what the clock's nanosecond count can hold.
+// now + seconds, held at the clock's first or last representable second: a slow loss on a large
+// disk can predict a day centuries away, and a damaged file a day centuries back.
 Date addSeconds(Date now, double seconds) {
-  const double room = std::chrono::duration<double>(Date::max() - now).count();
-  if (!(seconds < room)) return Date::max();
+  const double target = epochSeconds(now) + seconds;
+  if (!(target < epochSeconds(Date::max()) - 1)) return Date::max();
+  if (!(target > epochSeconds(Date::min()) + 1)) return Date::min();
   return now + std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(seconds));
-}
-
-std::vector<SpaceSample> samplesFromJson(const Json& j) {
-  if (!j.is_array()) throw DecodeError("Expected an array of space samples");
-  std::vector<SpaceSample> out;
-  out.reserve(j.size());
-  for (const auto& e : j) out.push_back(spaceSampleFromJson(e));
-  return out;
 }
 
 }  // namespace
@@ -48,12 +45,20 @@ SpaceSample spaceSampleFromJson(const Json& j) {
   return s;
 }
 
+std::vector<SpaceSample> spaceSamplesFromJson(const Json& j) {
+  if (!j.is_array()) throw DecodeError("Expected an array of space samples");
+  std::vector<SpaceSample> out;
+  out.reserve(j.size());
+  for (const auto& e : j) out.push_back(spaceSampleFromJson(e));
+  return out;
+}
+
 SpaceHistory::SpaceHistory(const Paths& paths) : url_(paths.supportFile("space-history.json")) {}
 
 SpaceHistory::SpaceHistory(std::filesystem::path url) : url_(std::move(url)) {}
 
 std::vector<SpaceSample> SpaceHistory::samples() const {
-  return JSONStore::load<std::vector<SpaceSample>>(url_, samplesFromJson)
+  return JSONStore::load<std::vector<SpaceSample>>(url_, spaceSamplesFromJson)
       .value_or(std::vector<SpaceSample>{});
 }
 

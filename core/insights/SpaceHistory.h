@@ -34,6 +34,8 @@ struct SpaceForecast {
 Json toJson(const SpaceSample& sample);
 // Throws DecodeError: every key is required, the date is ISO 8601 text.
 SpaceSample spaceSampleFromJson(const Json& j);
+// The whole store: an array of samples; DecodeError when any of them does not decode.
+std::vector<SpaceSample> spaceSamplesFromJson(const Json& j);
 
 // The "space-history.json" store: one JSON array of samples, oldest first.
 class SpaceHistory {

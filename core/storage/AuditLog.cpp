@@ -29,18 +29,12 @@ bool isCountedAction(std::string_view a) {
 // only the plain shape the writer produces (known keys once each, simple literals) and answers
 // "unsure" for anything else, which then goes through the full decoder. So it can only ever agree
 // with the full decoder: it never accepts a line the decoder would reject.
-struct QuickRecord {
-  std::string_view action;
-  int64_t size = 0;
-  bool success = false;
-};
-
 class QuickReader {
  public:
   explicit QuickReader(std::string_view s) : s_(s) {}
 
   // Nothing means unsure.
-  std::optional<QuickRecord> read() {
+  std::optional<QuickAuditRecord> read() {
     enum : unsigned {
       kId = 1,
       kDate = 2,
@@ -53,7 +47,7 @@ class QuickReader {
       kMessage = 256
     };
     unsigned seen = 0;
-    QuickRecord r;
+    QuickAuditRecord r;
     ws();
     if (!eat('{')) return std::nullopt;
     ws();
@@ -245,6 +239,15 @@ class QuickReader {
   size_t pos_ = 0;
 };
 
+// Opens the log as every reader and the writer do: a final symbolic link is followed (users keep
+// store files as links), the open never blocks (a FIFO in its place answers at once) and only a
+// regular file is kept; anything else gives no descriptor.
+UniqueFd openLog(const std::filesystem::path& url, int flags, struct stat& st) {
+  UniqueFd fd(::open(url.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
+  if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
+  return fd;
+}
+
 bool isBlank(std::string_view line) {
   return std::all_of(line.begin(), line.end(),
                      [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
@@ -254,7 +257,7 @@ bool isBlank(std::string_view line) {
 void countLine(std::string_view line, int64_t& total) {
   if (line.empty() || line.size() > AuditLog::kMaxLine) return;
   int64_t size = 0;
-  if (auto quick = QuickReader(line).read()) {
+  if (auto quick = quickReadAuditLine(line)) {
     if (!quick->success || !isCountedAction(quick->action)) return;
     size = quick->size;
   } else {
@@ -308,6 +311,11 @@ AuditEntry auditEntryFromJson(const Json& j) {
   return e;
 }
 
+std::optional<QuickAuditRecord> quickReadAuditLine(std::string_view line) {
+  if (line.size() > AuditLog::kMaxLine) return std::nullopt;
+  return QuickReader(line).read();
+}
+
 std::optional<AuditEntry> decodeAuditLine(std::string_view line) {
   if (line.size() > AuditLog::kMaxLine || isBlank(line)) return std::nullopt;
   auto j = JsonText::parse(line);
@@ -332,18 +340,17 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
     }
     std::error_code ec;
     std::filesystem::create_directories(url_.parent_path(), ec);  // a failure shows in open below
-    UniqueFd fd(::open(url_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!fd) return;  // the records are lost; logging never stops the work it records
     struct stat st;
-    if (::fstat(fd.get(), &st) == 0 && st.st_size > 0) {
+    UniqueFd fd = openLog(url_, O_WRONLY | O_APPEND | O_CREAT, st);
+    if (!fd) return;  // the records are lost; logging never stops the work it records
+    if (st.st_size > 0) {
       // A writer killed mid-line leaves a torn record; never glue ours onto it. The write
       // descriptor cannot read, so a second one looks, after checking it is the same file.
-      UniqueFd reader(::open(url_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
       struct stat rs;
+      UniqueFd reader = openLog(url_, O_RDONLY, rs);
       char last = '\n';
-      if (reader && ::fstat(reader.get(), &rs) == 0 && rs.st_dev == st.st_dev &&
-          rs.st_ino == st.st_ino && ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 &&
-          last != '\n') {
+      if (reader && rs.st_dev == st.st_dev && rs.st_ino == st.st_ino &&
+          ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 && last != '\n') {
         buffer.insert(buffer.begin(), '\n');
       }
     }
@@ -363,10 +370,9 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
 std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
   std::vector<AuditEntry> out;
   if (limit == 0) return out;
-  UniqueFd fd(::open(url_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (!fd) return out;
   struct stat st;
-  if (::fstat(fd.get(), &st) != 0) return out;
+  UniqueFd fd = openLog(url_, O_RDONLY, st);
+  if (!fd) return out;
   // Walk backwards block by block; `carry` holds the start of a line whose beginning is further
   // back.
   off_t pos = st.st_size;
@@ -410,7 +416,8 @@ std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
 }
 
 int64_t AuditLog::lifetimeFreed() const {
-  UniqueFd fd(::open(url_.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  struct stat st;
+  UniqueFd fd = openLog(url_, O_RDONLY, st);
   if (!fd) return 0;
   int64_t total = 0;
   std::string buf(kBlock, '\0');

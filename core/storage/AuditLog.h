@@ -43,8 +43,22 @@ AuditEntry auditEntryFromJson(const Json& j);
 // One line of the log; nothing when it is blank, too long or does not decode.
 std::optional<AuditEntry> decodeAuditLine(std::string_view line);
 
+// What the lifetime total needs from a line, read without building a JSON document.
+struct QuickAuditRecord {
+  std::string_view action;  // points into the line
+  int64_t size = 0;
+  bool success = false;
+};
+// Reads a line only in the plain form this log writes (known keys once each, no \u escapes);
+// nothing when unsure, and the caller then uses decodeAuditLine. Never accepts a line that
+// decodeAuditLine rejects, and agrees with it on every line it accepts.
+std::optional<QuickAuditRecord> quickReadAuditLine(std::string_view line);
+
 // The log file "audit.jsonl" in the support folder. Appends from several threads are serialised;
 // appends from several processes are whole lines through O_APPEND and one write per batch.
+// The writer and the readers follow a final symbolic link, never block, and use only a regular
+// file: with a FIFO, a folder or anything else in its place, appends write nothing and reads
+// find no records.
 class AuditLog {
  public:
   // Longer lines are skipped without being decoded.

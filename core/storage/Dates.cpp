@@ -4,6 +4,7 @@
 #include <date/date.h>
 #include <date/tz.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -71,13 +72,17 @@ std::optional<int> parseOffset(std::string_view s) {
   return sign * (h * 3600 + m * 60 + sec);
 }
 
+// The whole seconds the clock can hold (it counts nanoseconds: about the years 1677 to 2262).
+const int64_t kMinSeconds = std::chrono::ceil<seconds>(Date::min().time_since_epoch()).count();
+const int64_t kMaxSeconds = std::chrono::floor<seconds>(Date::max().time_since_epoch()).count();
+
 }  // namespace
 
 int64_t unixSeconds(Date d) {
   return date::floor<seconds>(d.time_since_epoch()).count();
 }
 
-Date fromUnixSeconds(int64_t s) { return Date{seconds{s}}; }
+Date fromUnixSeconds(int64_t s) { return Date{seconds{std::clamp(s, kMinSeconds, kMaxSeconds)}}; }
 
 Date plusSeconds(Date d, int64_t s) {
   using Ticks = Date::duration;
@@ -105,7 +110,10 @@ double referenceSeconds(Date d) {
 }
 
 Date fromReferenceSeconds(double s) {
-  const double unix = s + static_cast<double>(kReferenceEpoch);
+  if (std::isnan(s)) return fromUnixSeconds(kReferenceEpoch);
+  const double unix =
+      std::clamp(s + static_cast<double>(kReferenceEpoch), static_cast<double>(kMinSeconds),
+                 static_cast<double>(kMaxSeconds));
   return Date{duration_cast<Date::duration>(std::chrono::duration<double>(unix))};
 }
 

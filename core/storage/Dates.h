@@ -17,9 +17,12 @@ inline constexpr int64_t kReferenceEpoch = 978307200;
 
 // Whole seconds since 1970 (floored, also before 1970).
 int64_t unixSeconds(Date d);
+// Times the clock cannot hold (before 1677 or after 2262) are held at its first or last whole
+// second, so a damaged or far-off date read from a file never overflows.
 Date fromUnixSeconds(int64_t s);
 // Seconds since 2001-01-01T00:00:00Z as a double (the plain JSON form of a date).
 double referenceSeconds(Date d);
+// Held at the clock's range like fromUnixSeconds; NaN is the reference date itself.
 Date fromReferenceSeconds(double s);
 
 // `d` moved by `seconds` (or whole 86,400-second days), saturating at the ends of the clock's
@@ -32,7 +35,8 @@ Date plusSeconds(Date d, int64_t seconds);
 // "2026-11-15T18:23:09Z": UTC, fraction truncated.
 std::string iso8601(Date d);
 // Accepts "yyyy-MM-ddTHH:mm:ss" followed by Z, z, GMT/UTC (optionally with an offset), or an
-// offset +hh, +hhmm, +hh:mm, +hh:mm:ss. Fractional seconds and anything else give nothing.
+// offset +hh, +hhmm, +hh:mm, +hh:mm:ss. Fractional seconds and anything else give nothing. A year
+// the clock cannot hold is held at its range, as fromUnixSeconds does.
 std::optional<Date> parseISO8601(std::string_view text);
 
 // "2026-11-22 18:23:09 +0000": always UTC, with a literal +0000.

@@ -19,6 +19,9 @@ using OrderedJson = nlohmann::ordered_json;  // objects keep insertion (declarat
 
 namespace JsonText {
 
+// Strings (keys too) are written as raw UTF-8, except that each byte that is not part of
+// well-formed UTF-8 becomes \udcXX (XX its lower-case hex): the output is always UTF-8 and
+// `parse` gives back the exact bytes.
 // Pretty form: 2-space indents, one member per line, `"key" : value`, a blank line inside
 // empty containers, no trailing newline.
 std::string pretty(const Json& value);
@@ -33,7 +36,11 @@ std::string number(double value);
 // The same digits with the trailing ".0" kept, as text interpolation prints a double.
 std::string doubleDescription(double value);
 
-// Parses text; nothing on any syntax error, invalid UTF-8 or nesting deeper than 512 levels.
+// Parses text (RFC 8259); nothing on any syntax error or nesting deeper than 512 levels. The
+// escapes \udc80..\udcff give back the byte they stand for and bytes that are not UTF-8 are kept
+// as they are (older files hold names raw); any other lone surrogate is an error. Integers that
+// fit become uint64 (not negative) or int64 (negative), other numbers double; a repeated key keeps
+// its last value.
 std::optional<Json> parse(std::string_view text);
 
 }  // namespace JsonText

@@ -3,6 +3,7 @@
 
 #include "core/platform/Process.h"
 #include "core/storage/UniqueFd.h"
+#include "core/storage/Utf8.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -72,32 +73,7 @@ int exitStatus(int wstatus) {
 
 }  // namespace
 
-bool isValidUTF8(const std::string& s) {
-  size_t i = 0;
-  const size_t n = s.size();
-  while (i < n) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    size_t len;
-    uint32_t cp;
-    if (c < 0x80) { ++i; continue; }
-    if ((c & 0xE0) == 0xC0) { len = 2; cp = c & 0x1F; }
-    else if ((c & 0xF0) == 0xE0) { len = 3; cp = c & 0x0F; }
-    else if ((c & 0xF8) == 0xF0) { len = 4; cp = c & 0x07; }
-    else return false;
-    if (i + len > n) return false;
-    for (size_t k = 1; k < len; ++k) {
-      const auto cc = static_cast<unsigned char>(s[i + k]);
-      if ((cc & 0xC0) != 0x80) return false;
-      cp = (cp << 6) | (cc & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF are not text.
-    if ((len == 2 && cp < 0x80) || (len == 3 && cp < 0x800) || (len == 4 && cp < 0x10000) ||
-        cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-      return false;
-    i += len;
-  }
-  return true;
-}
+bool isValidUTF8(const std::string& s) { return Utf8::isValid(s); }
 
 std::optional<std::string> Shell::which(const std::string& name) {
   if (name.empty()) return std::nullopt;

@@ -144,6 +144,20 @@ TEST(SpaceHistory, ForecastWindowEdgesAndFloor) {
   f = SpaceHistory::forecast(series(10, 0, 11, [](double ago) { return 9e18 + ago * 51e6; }), kNow);
   ASSERT_TRUE(f && f->predictedFullDate);
   EXPECT_GT(*f->predictedFullDate, kNow);
+
+  // Damaged histories (dates read from a file are held at the clock's ends): samples centuries
+  // apart fit nothing, and a "full" day centuries back is held at the clock's first second.
+  const Date first = Dates::fromUnixSeconds(INT64_MIN);
+  EXPECT_FALSE(SpaceHistory::forecast({{kNow, 30000000000, 250000000000},
+                                       {kNow + hours(1), 29000000000, 250000000000},
+                                       {first, 29000000000, 250000000000}},
+                                      first));
+  std::vector<SpaceSample> early;
+  for (int64_t i = 0; i < 11; ++i)
+    early.push_back({first + hours(24 * i), -1000000000000000 + (10 - i) * 1000000000, 1});
+  f = SpaceHistory::forecast(early, early.back().date);
+  ASSERT_TRUE(f && f->predictedFullDate);
+  EXPECT_EQ(*f->predictedFullDate, Date::min());
 }
 
 TEST(SpaceHistory, RecordAtMostHourly) {

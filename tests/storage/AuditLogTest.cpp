@@ -1,5 +1,8 @@
-// Audit log: record forms, appends (torn tails, several processes), tolerant reads, lifetime total.
+// Audit log: record forms, appends (torn tails, several processes, odd files), tolerant reads,
+// lifetime total.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +11,7 @@
 
 #include "core/storage/AuditLog.h"
 #include "core/storage/JSONStore.h"
+#include "core/storage/UniqueFd.h"
 #include "tests/support/Processes.h"
 #include "tests/support/ScratchHome.h"
 
@@ -158,6 +162,9 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
       with("\"action\":\"delete\"", "\"action\":\"delete\",\"action\":\"restore\""),
       with("\"target\":\"\\/x\"", "\"target\":\"caf\xC3\xA9 \\\"q\\\"\""),
       with("\"target\":\"\\/x\"", "\"target\":\"bad \xC3\x28 utf8\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udcff\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udc7f\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\ud800\""),
       with("\"target\":\"\\/x\"", "\"target\":\"ctl \x01\""),
       with("\"target\":\"\\/x\"", "\"target\":\"esc \\q\""),
       with("\"target\":\"\\/x\"", "\"target\":null"),
@@ -187,14 +194,83 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   }
 }
 
-TEST(AuditLog, NeverWritesThroughALink) {
+TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
+  enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder };
+  struct Case {
+    const char* what;
+    Put put;
+  };
+  const Case cases[] = {
+      {"a link to a file elsewhere", Put::linkToFile}, {"a FIFO", Put::fifo},
+      {"a FIFO someone reads", Put::fifoWithReader}, {"a link to a FIFO", Put::linkToFifo},
+      {"a folder", Put::folder},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    AuditLog log(h.paths());
+    const fs::path elsewhere = h.outside("dotfiles") / "audit.jsonl";
+    fs::create_directories(log.url().parent_path());
+    UniqueFd reader;
+    switch (c.put) {
+      case Put::linkToFile:
+        appendRaw(elsewhere, JsonText::compact(toJson(entry("trash", 5))) + "\n");
+        fs::create_symlink(elsewhere, log.url());
+        break;
+      case Put::fifo:
+      case Put::fifoWithReader:
+        ASSERT_EQ(::mkfifo(log.url().c_str(), 0600), 0);
+        if (c.put == Put::fifoWithReader)
+          reader.reset(::open(log.url().c_str(), O_RDONLY | O_NONBLOCK));
+        break;
+      case Put::linkToFifo:
+        ASSERT_EQ(::mkfifo(elsewhere.c_str(), 0600), 0);
+        fs::create_symlink(elsewhere, log.url());
+        break;
+      case Put::folder:
+        h.file("Library/Application Support/orvo Kestrel/audit.jsonl/inside", 3);
+        break;
+    }
+    // Each call returns at once: none of them may wait for a FIFO's other end.
+    log.append({entry("delete", 1)});
+    if (c.put == Put::linkToFile) {
+      EXPECT_TRUE(fs::is_symlink(log.url()));
+      EXPECT_EQ(lines(test::readText(elsewhere)).size(), 2u);
+      EXPECT_EQ(log.recent(10).size(), 2u);
+      EXPECT_EQ(log.lifetimeFreed(), 6);
+      continue;
+    }
+    EXPECT_TRUE(log.recent(10).empty());
+    EXPECT_EQ(log.lifetimeFreed(), 0);
+    if (reader) {
+      char b;
+      EXPECT_LE(::read(reader.get(), &b, 1), 0);  // nothing was written into the pipe
+    }
+    if (c.put == Put::folder) {
+      EXPECT_EQ(test::readText(log.url() / "inside"), "xxx");
+    }
+  }
+}
+
+TEST(AuditLog, NamesThatAreOnlyBytesAreCountedAndReadBack) {
   ScratchHome h;
-  const fs::path target = h.outside("elsewhere") / "file";
-  appendRaw(target, "untouched\n");
-  fs::create_directories(h.paths().supportDir());
-  fs::create_symlink(target, h.paths().auditFile());
-  AuditLog(h.paths()).append({entry("delete", 1)});
-  EXPECT_EQ(test::readText(target), "untouched\n");
+  AuditLog log(h.paths());
+  AuditEntry escaped = entry("delete", 40);
+  escaped.target = "/Users/me/Library/Caches/bad\xff";
+  log.append({escaped});
+  EXPECT_NE(test::readText(log.url()).find(R"(Caches\/bad\udcff")"), std::string::npos);
+  // A record as earlier versions wrote it, with the raw byte.
+  AuditEntry raw = entry("trash", 2);
+  raw.target = "/Users/me/raw\xfe";
+  appendRaw(log.url(),
+            "{\"action\":\"trash\",\"date\":\"2026-03-01T09:30:00Z\",\"id\":\"" + raw.id +
+                "\",\"size\":2,\"success\":true,\"target\":\"/Users/me/raw\xfe\","
+                "\"trigger\":{\"manual\":{}}}\n");
+  EXPECT_EQ(log.lifetimeFreed(), 42);
+  const auto recent = log.recent(10);
+  ASSERT_EQ(recent.size(), 2u);
+  EXPECT_EQ(recent[0].target, raw.target);
+  EXPECT_EQ(recent[1].target, escaped.target);
 }
 
 TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 namespace kestrel {
 namespace {
 
@@ -22,6 +24,12 @@ TEST(Dates, WholeSecondTextsAndReferenceSeconds) {
                    static_cast<double>(k20260301T093000 - Dates::kReferenceEpoch) + 0.5);
   EXPECT_EQ(Dates::fromReferenceSeconds(Dates::referenceSeconds(at(k20260301T093000))),
             at(k20260301T093000));
+  // Far-off or damaged values (a property list's date, a hand-edited store) never overflow.
+  EXPECT_EQ(Dates::unixSeconds(Dates::fromReferenceSeconds(1e300)), 9223372036);
+  EXPECT_EQ(Dates::unixSeconds(Dates::fromReferenceSeconds(-1e300)), -9223372036);
+  EXPECT_EQ(Dates::fromReferenceSeconds(std::nan("")), Dates::fromReferenceSeconds(0));
+  EXPECT_EQ(Dates::iso8601(Dates::fromUnixSeconds(INT64_MAX)), "2262-04-11T23:47:16Z");
+  EXPECT_EQ(Dates::iso8601(Dates::fromUnixSeconds(INT64_MIN)), "1677-09-21T00:12:44Z");
 }
 
 TEST(Dates, ParsesIso8601AsTheStoresDo) {
@@ -41,6 +49,9 @@ TEST(Dates, ParsesIso8601AsTheStoresDo) {
       {"2026-03-01T09:30:00", std::nullopt}, {"2026-03-01t09:30:00Z", std::nullopt},
       {"2026-02-30T09:30:00Z", std::nullopt}, {"2026-03-01T24:00:00Z", std::nullopt},
       {"2026-03-01T09:30:00Zjunk", std::nullopt}, {"", std::nullopt},
+      // Years the clock cannot hold (it counts nanoseconds) are held at its ends.
+      {"9999-12-31T23:59:59Z", 9223372036}, {"0326-03-01T09:30:01+05:30", -9223372036},
+      {"2262-04-11T23:47:16Z", 9223372036}, {"1677-09-21T00:12:44Z", -9223372036},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);

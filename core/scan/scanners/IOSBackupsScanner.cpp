@@ -3,8 +3,10 @@
 #include "core/scan/scanners/ChildScan.h"
 #include "core/scan/scanners/Scanners.h"
 
-#include <plist/plist++.h>
+#include <plist/plist.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <memory>
 
 namespace kestrel {
@@ -12,37 +14,47 @@ namespace {
 
 constexpr size_t kMaxInfoBytes = 8 * 1024 * 1024;
 
-std::optional<std::string> stringValue(PList::Dictionary& dict, const std::string& key) {
-  auto it = dict.Find(key);
-  if (it == dict.End() || !it->second || it->second->GetType() != PLIST_STRING) return std::nullopt;
-  std::string value = static_cast<PList::String*>(it->second)->GetValue();
-  if (value.empty()) return std::nullopt;
-  return value;
+// The C interface on purpose: libplist++ 2.2 leaks the children of every array it frees, and a
+// device's Info.plist holds arrays ("Installed Applications").
+struct PlistFree {
+  void operator()(void* node) const { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
+std::optional<std::string> stringValue(plist_t dict, const char* key) {
+  plist_t node = plist_dict_get_item(dict, key);
+  if (!node || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
+  uint64_t length = 0;
+  const char* value = plist_get_string_ptr(node, &length);
+  if (!value || length == 0) return std::nullopt;
+  return std::string(value, length);
 }
 
-std::optional<Date> dateValue(PList::Dictionary& dict, const std::string& key) {
-  auto it = dict.Find(key);
-  if (it == dict.End() || !it->second || it->second->GetType() != PLIST_DATE) return std::nullopt;
-  const timeval tv = static_cast<PList::Date*>(it->second)->GetValue();  // seconds since 2001
-  return Dates::fromReferenceSeconds(static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6);
+std::optional<Date> dateValue(plist_t dict, const char* key) {
+  plist_t node = plist_dict_get_item(dict, key);
+  if (!node || plist_get_node_type(node) != PLIST_DATE) return std::nullopt;
+  int32_t sec = 0, usec = 0;  // since 2001
+  plist_get_date_val(node, &sec, &usec);
+  return Dates::fromReferenceSeconds(static_cast<double>(sec) + static_cast<double>(usec) / 1e6);
 }
 
 }  // namespace
 
 std::optional<BackupInfo> parseBackupInfo(const std::vector<char>& bytes) {
-  if (bytes.empty()) return std::nullopt;
-  std::unique_ptr<PList::Structure> root;
+  if (bytes.empty() || bytes.size() > UINT32_MAX) return std::nullopt;
   static constexpr char kBinaryMagic[] = "bplist00";
+  const auto length = static_cast<uint32_t>(bytes.size());
+  plist_t parsed = nullptr;
   if (bytes.size() >= 8 && std::equal(kBinaryMagic, kBinaryMagic + 8, bytes.begin()))
-    root.reset(PList::Structure::FromBin(bytes));
+    plist_from_bin(bytes.data(), length, &parsed);
   else
-    root.reset(PList::Structure::FromXml(std::string(bytes.begin(), bytes.end())));
-  if (!root || root->GetType() != PLIST_DICT) return std::nullopt;
-  auto& dict = static_cast<PList::Dictionary&>(*root);
+    plist_from_xml(bytes.data(), length, &parsed);
+  const PlistPtr root(parsed);
+  if (!root || plist_get_node_type(parsed) != PLIST_DICT) return std::nullopt;
   BackupInfo info;
-  info.deviceName = stringValue(dict, "Device Name");
-  if (!info.deviceName) info.deviceName = stringValue(dict, "Display Name");
-  info.lastBackup = dateValue(dict, "Last Backup Date");
+  info.deviceName = stringValue(parsed, "Device Name");
+  if (!info.deviceName) info.deviceName = stringValue(parsed, "Display Name");
+  info.lastBackup = dateValue(parsed, "Last Backup Date");
   return info;
 }
 
