@@ -242,8 +242,16 @@ class QuickReader {
 // Opens the log as every reader and the writer do: a final symbolic link is followed (users keep
 // store files as links), the open never blocks (a FIFO in its place answers at once) and only a
 // regular file is kept; anything else gives no descriptor.
+// A new log is created only where nothing stands: never through a link that leads nowhere, which
+// would make a file wherever that link points.
 UniqueFd openLog(const std::filesystem::path& url, int flags, struct stat& st) {
-  UniqueFd fd(::open(url.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
+  constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  UniqueFd fd(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
+  if (!fd && errno == ENOENT && (flags & O_CREAT)) {
+    fd.reset(::open(url.c_str(), flags | O_EXCL | O_NOFOLLOW | kAlways, 0600));
+    // Another appender made it first: use theirs.
+    if (!fd && errno == EEXIST) fd.reset(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
+  }
   if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
   return fd;
 }

@@ -18,23 +18,33 @@ const std::string kSupport = "Library/Application Support/orvo Kestrel/";
 
 TEST(HostileFilesBinary, AStoreReplacedByAFifoNeverHangsItsCommand) {
   struct Case {
-    const char* store;
+    std::string store;
     std::vector<std::string> args;
     std::string out;  // what the command says, as with a damaged file
+    int status = 0;
   };
+  const std::string session = "Quarantine/20260301-093000-ABCDEF/";
   const Case cases[] = {
       {"space-history.json", {"forecast"}, "Not enough history yet (needs ~2 days of samples).\n"},
       {"growth-snapshots.json", {"growth"}, "Need two snapshots; run again tomorrow.\n"},
+      {"audit.jsonl", {"clean", "--category", "userCaches"}, "Freed 201 KB\n"},  // the record is lost, not the run
+      {"Quarantine/20260301-093000-ABCDEF/manifest.json", {"quarantine", "list"}, ""},
+      {"Quarantine/20260301-093000-ABCDEF/manifest.json",
+       {"quarantine", "restore", "20260301-093000-ABCDEF"},
+       "No readable quarantine session 20260301-093000-ABCDEF", 1},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.store);
+    SCOPED_TRACE(c.store + " " + c.args.front());
     ScratchHome h;
-    h.folder(kSupport);
+    h.file("Library/Caches/com.app/blob", 200000);
+    h.age("Library/Caches/com.app/blob", 10);
+    h.age("Library/Caches/com.app", 10);
+    h.folder(kSupport + session + "items");
     ASSERT_EQ(::mkfifo(h.path(kSupport + c.store).c_str(), 0600), 0);
     const auto started = std::chrono::steady_clock::now();
     const auto run = runAgentAt(h.home().string(), c.args, 20);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
-    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.status, c.status);
     EXPECT_NE(run.out.find(c.out), std::string::npos) << run.out;
   }
 }

@@ -195,7 +195,7 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
 }
 
 TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
-  enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder };
+  enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder, danglingLink };
   struct Case {
     const char* what;
     Put put;
@@ -203,7 +203,7 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
   const Case cases[] = {
       {"a link to a file elsewhere", Put::linkToFile}, {"a FIFO", Put::fifo},
       {"a FIFO someone reads", Put::fifoWithReader}, {"a link to a FIFO", Put::linkToFifo},
-      {"a folder", Put::folder},
+      {"a folder", Put::folder}, {"a link that leads nowhere", Put::danglingLink},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -230,6 +230,9 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
       case Put::folder:
         h.file("Library/Application Support/orvo Kestrel/audit.jsonl/inside", 3);
         break;
+      case Put::danglingLink:
+        fs::create_symlink(elsewhere, log.url());
+        break;
     }
     // Each call returns at once: none of them may wait for a FIFO's other end.
     log.append({entry("delete", 1)});
@@ -249,6 +252,7 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
     if (c.put == Put::folder) {
       EXPECT_EQ(test::readText(log.url() / "inside"), "xxx");
     }
+    EXPECT_EQ(test::lexists(elsewhere), c.put == Put::linkToFifo);  // never made through a link
   }
 }
 
