@@ -3,8 +3,9 @@
 #include "core/clean/Cleaner.h"
 #include "core/scan/ScanEngine.h"
 #include "core/schedule/ScheduledRunner.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/ByteFormat.h"
+#include "core/model/AppConfig.h"
+#include "core/store/ConfigStore.h"
+#include "core/base/ByteFormat.h"
 
 namespace kestrel::agent {
 namespace {

@@ -1,8 +1,8 @@
 // The agent's command table, its usage text, and the two small helpers every command uses.
 #pragma once
 
-#include "core/storage/Dates.h"
-#include "core/storage/Paths.h"
+#include "core/base/Dates.h"
+#include "core/system/Paths.h"
 
 #include <functional>
 #include <optional>

@@ -3,9 +3,10 @@
 
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/ByteFormat.h"
-#include "core/storage/FS.h"
+#include "core/model/AppConfig.h"
+#include "core/store/ConfigStore.h"
+#include "core/base/ByteFormat.h"
+#include "core/system/FS.h"
 
 #include <cmath>
 #include <limits>

@@ -1,9 +1,10 @@
 // The "scan" command: scans the default categories and prints a table or the items as JSON.
 #include "agent/Commands.h"
 #include "core/scan/ScanEngine.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/ByteFormat.h"
-#include "core/storage/Utf8.h"
+#include "core/model/AppConfig.h"
+#include "core/store/ConfigStore.h"
+#include "core/base/ByteFormat.h"
+#include "core/base/Text.h"
 
 #include <cstdlib>
 

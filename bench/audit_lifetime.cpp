@@ -12,8 +12,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/storage/AuditLog.h"
-#include "core/storage/JSONStore.h"
+#include "core/store/AuditLog.h"
+#include "core/system/StoreFile.h"
+#include "core/store/JSONStore.h"
 
 using namespace kestrel;
 
@@ -51,7 +52,7 @@ void generate(const Paths& paths, long n) {
 }
 
 int64_t naive(const Paths& paths) {
-  auto text = JSONStore::readFile(paths.auditFile());
+  auto text = StoreFile::readFile(paths.auditFile());
   if (!text) return 0;
   int64_t total = 0;
   size_t start = 0;

@@ -21,7 +21,8 @@
 
 #include "core/clean/Cleaner.h"
 #include "core/scan/ScanEngine.h"
-#include "core/storage/AppConfig.h"
+#include "core/model/AppConfig.h"
+#include "core/store/ConfigStore.h"
 
 using namespace kestrel;
 

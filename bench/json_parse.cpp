@@ -12,7 +12,7 @@
 
 #include "core/clean/Quarantine.h"
 #include "core/insights/GrowthTracker.h"
-#include "core/storage/Json.h"
+#include "core/base/Json.h"
 
 using namespace kestrel;
 using Clock = std::chrono::steady_clock;

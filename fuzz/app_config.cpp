@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/storage/AppConfig.h"
+#include "core/model/AppConfig.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/storage/AuditLog.h"
+#include "core/store/AuditLog.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

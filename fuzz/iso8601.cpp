@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/storage/Dates.h"
+#include "core/base/Dates.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/storage/Json.h"
-#include "core/storage/Utf8.h"
+#include "core/base/Json.h"
+#include "core/base/Text.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

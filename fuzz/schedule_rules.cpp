@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "core/schedule/ScheduleRule.h"
+#include "core/model/ScheduleRule.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

@@ -1,10 +1,10 @@
 // AdminQueue: enqueue without duplicates, pending bytes, and the one-prompt batch flush.
 #include "core/clean/AdminQueue.h"
 
-#include "core/scan/SafetyPolicy.h"
-#include "core/storage/AuditLog.h"
-#include "core/storage/FS.h"
-#include "core/uninstall/Explain.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/store/AuditLog.h"
+#include "core/system/FS.h"
+#include "core/clean/Explain.h"
 
 #include <algorithm>
 
@@ -77,7 +77,7 @@ AdminQueue::FlushResult AdminQueue::flush(const Paths& paths, const AppConfig& c
                                        TriggerSource::schedule("admin batch"), true));
     } else {
       // A reply of success says nothing about why this path stayed.
-      const std::string reason = UninstallService::explain(p, run.ok() ? "" : output);
+      const std::string reason = Explain::removalFailure(p, run.ok() ? "" : output);
       result.failed.emplace_back(item, reason);
       audit.push_back(AuditEntry::make(now, "delete", p, item.size, item.category,
                                        TriggerSource::schedule("admin batch"), false, reason));

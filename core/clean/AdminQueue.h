@@ -3,9 +3,9 @@
 #pragma once
 
 #include "core/clean/PrivilegedSession.h"
-#include "core/scan/ScanModel.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/Paths.h"
+#include "core/model/ScanModel.h"
+#include "core/model/AppConfig.h"
+#include "core/system/Paths.h"
 
 #include <mutex>
 #include <utility>

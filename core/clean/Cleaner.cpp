@@ -2,9 +2,9 @@
 #include "core/clean/Cleaner.h"
 
 #include "core/clean/CloudFiles.h"
-#include "core/platform/Trash.h"
-#include "core/storage/FS.h"
-#include "core/uninstall/Explain.h"
+#include "core/system/Trash.h"
+#include "core/system/FS.h"
+#include "core/clean/Explain.h"
 
 #include <sys/stat.h>
 
@@ -292,7 +292,7 @@ void Cleaner::runAdminStep(Pass& pass) {
   for (const auto& item : allowed) {
     const std::string path = *item.path();
     if (FS::exists(path)) {
-      const std::string message = "Could not remove " + path + ": " + UninstallService::explain(path, output);
+      const std::string message = "Could not remove " + path + ": " + Explain::removalFailure(path, output);
       pass.report.failures.push_back({item.id, message});
       pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, false, message));
     } else {

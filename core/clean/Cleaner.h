@@ -3,16 +3,16 @@
 #pragma once
 
 #include "core/clean/AdminQueue.h"
-#include "core/clean/CleanReport.h"
+#include "core/model/CleanReport.h"
 #include "core/clean/PrivilegedSession.h"
 #include "core/clean/Quarantine.h"
-#include "core/scan/SafetyPolicy.h"
-#include "core/scan/ScanModel.h"
-#include "core/schedule/ScheduleRule.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/AuditLog.h"
-#include "core/storage/SafeRemove.h"
-#include "core/storage/Shell.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/model/ScanModel.h"
+#include "core/model/TriggerSource.h"
+#include "core/model/AppConfig.h"
+#include "core/store/AuditLog.h"
+#include "core/system/SafeRemove.h"
+#include "core/system/Shell.h"
 
 #include <functional>
 #include <optional>

@@ -1,63 +1,19 @@
-// Cloud files: sync roots, provider names, retried removal with placeholders, and eviction.
+// Cloud files: retried removal with placeholders, and eviction.
 #include "core/clean/CloudFiles.h"
 
-#include "core/platform/CloudItem.h"
-#include "core/storage/FS.h"
-#include "core/storage/Shell.h"
+#include "core/safety/CloudRoots.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/system/CloudItem.h"
+#include "core/system/FS.h"
+#include "core/system/Shell.h"
 
 #include <cmath>
 #include <system_error>
 #include <thread>
 
 namespace kestrel {
-namespace {
-
-constexpr std::string_view kICloudRoot = "Library/Mobile Documents";
-constexpr std::string_view kStorageRoot = "Library/CloudStorage";
-
-bool atOrUnder(std::string_view path, std::string_view root) {
-  if (path.size() < root.size() || path.compare(0, root.size(), root) != 0) return false;
-  return path.size() == root.size() || path[root.size()] == '/';
-}
-
-std::string homeText(const fs::path& home) {
-  std::string h = home.string();
-  while (h.size() > 1 && h.back() == '/') h.pop_back();
-  return h;
-}
-
-std::string join(const fs::path& home, std::string_view rel) {
-  std::string h = homeText(home);
-  if (h.empty() || h.back() != '/') h += '/';
-  return h + std::string(rel);
-}
-
-}  // namespace
 
 namespace CloudFiles {
-
-std::vector<fs::path> syncRoots(const fs::path& home) {
-  return {fs::path(join(home, kICloudRoot)), fs::path(join(home, kStorageRoot))};
-}
-
-bool isSynced(const std::string& path, const fs::path& home) {
-  return atOrUnder(path, join(home, kICloudRoot)) || atOrUnder(path, join(home, kStorageRoot));
-}
-
-std::string providerName(const std::string& path, const fs::path& home) {
-  if (atOrUnder(path, join(home, kICloudRoot))) return "iCloud Drive";
-  const std::string storage = join(home, kStorageRoot);
-  if (atOrUnder(path, storage) && path.size() > storage.size() + 1) {
-    std::string account = path.substr(storage.size() + 1);
-    account = account.substr(0, account.find('/'));
-    // Provider folders are named "<Provider>-<account>"; the provider part is the display name.
-    std::string name = account.substr(0, account.find('-'));
-    while (!name.empty() && name.back() == ' ') name.pop_back();
-    while (!name.empty() && name.front() == ' ') name.erase(0, 1);
-    if (!name.empty()) return name;
-  }
-  return "your cloud drive";
-}
 
 bool isDataless(const fs::path& url) noexcept { return platform::isDataless(url); }
 
@@ -94,14 +50,15 @@ EvictError EvictError::notInCloudFolder() {
 }
 
 std::vector<fs::path> cloudRoots(const Paths& paths) {
-  std::vector<fs::path> roots{fs::path(join(paths.home(), kICloudRoot))};
-  for (const auto& child : FS::children(fs::path(join(paths.home(), kStorageRoot))))
+  const auto sync = CloudRoots::syncRoots(paths.home());  // iCloud Drive first, then the providers'
+  std::vector<fs::path> roots{sync.front()};
+  for (const auto& child : FS::children(sync.back()))
     if (FS::isDirectory(child)) roots.push_back(child);
   return roots;
 }
 
 std::string provider(const std::string& path, const Paths& paths) {
-  return CloudFiles::providerName(path, paths.home());
+  return CloudRoots::providerName(path, paths.home());
 }
 
 void evict(const fs::path& url, const Paths& paths) {
@@ -109,7 +66,7 @@ void evict(const fs::path& url, const Paths& paths) {
   const auto roots = cloudRoots(paths);
   const fs::path* holder = nullptr;
   for (const auto& root : roots)
-    if (atOrUnder(path, root.string())) {
+    if (isAtOrUnder(path, root.string())) {
       holder = &root;
       break;
     }

@@ -1,7 +1,7 @@
-// Cloud files: the synced folders of the home folder, coordinated removal and eviction of local copies.
+// Cloud files: coordinated removal and eviction of local copies (the sync roots are the safety layer's).
 #pragma once
 
-#include "core/storage/Paths.h"
+#include "core/system/Paths.h"
 
 #include <chrono>
 #include <functional>
@@ -13,14 +13,6 @@ namespace kestrel {
 
 namespace CloudFiles {
 
-// The two sync roots: "Library/Mobile Documents" (iCloud Drive) and "Library/CloudStorage" (one
-// sub-folder per account of other providers).
-std::vector<fs::path> syncRoots(const fs::path& home);
-// True when `path` equals a sync root or lies below one (textual test; the path is taken as given).
-bool isSynced(const std::string& path, const fs::path& home);
-// "iCloud Drive" inside the iCloud root; the provider's name from its account folder inside the
-// other root ("GoogleDrive-me@example.com" gives "GoogleDrive"); "your cloud drive" otherwise.
-std::string providerName(const std::string& path, const fs::path& home);
 // True when the item's data is not on this machine (always false where there are no placeholders).
 bool isDataless(const fs::path& url) noexcept;
 

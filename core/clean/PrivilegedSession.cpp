@@ -1,11 +1,13 @@
 // Privileged session: start (folder, pipes, prompt, handshake), send, run with restart and
 // fallback, and the batch removal of AdminRunner.
 #include "core/clean/PrivilegedSession.h"
+#include "core/system/StoreFile.h"
 
+#include "core/base/Text.h"
 #include "core/clean/AdminCommand.h"
-#include "core/platform/AdminPrompt.h"
-#include "core/storage/JSONStore.h"
-#include "core/storage/UniqueFd.h"
+#include "core/system/AdminPrompt.h"
+#include "core/store/JSONStore.h"
+#include "core/base/UniqueFd.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -96,10 +98,10 @@ std::string_view wireName(Script s) {
 std::vector<std::string> PrivilegedSession::Operation::words() const {
   switch (kind) {
     case Kind::kill: return {"KILL", std::to_string(signal), std::to_string(pid)};
-    case Kind::bootout: return {"BOOTOUT", AdminCommand::base64(plist)};
+    case Kind::bootout: return {"BOOTOUT", Text::base64(plist)};
     case Kind::remove: {
       std::vector<std::string> w{"RM"};
-      for (const auto& p : paths) w.push_back(AdminCommand::base64(p));
+      for (const auto& p : paths) w.push_back(Text::base64(p));
       return w;
     }
     case Kind::maintenance: return {"SCRIPT", std::string(wireName(script))};
@@ -189,7 +191,7 @@ bool PrivilegedSession::start() {
       return false;
     }
     // Written for inspection only: root runs the text embedded in the command, never this file.
-    JSONStore::writeAtomically(embedded::helperScript, *dir_ / "helper.sh");
+    StoreFile::writeAtomically(embedded::helperScript, *dir_ / "helper.sh");
     ::chmod((*dir_ / "helper.sh").c_str(), 0700);
   } catch (const std::exception&) {
     discardFolder();
@@ -291,7 +293,7 @@ Shell::Result PrivilegedSession::fallback(const Operation& op) {
     case Kind::kill:
       return oneShot("/bin/kill -" + std::to_string(op.signal) + " " + std::to_string(op.pid), "quit an app");
     case Kind::bootout:
-      return oneShot("/bin/launchctl bootout system " + AdminCommand::shellQuote(op.plist), "stop a background item");
+      return oneShot("/bin/launchctl bootout system " + Text::shellQuote(op.plist), "stop a background item");
     case Kind::maintenance: return oneShot(maintenanceCommand(op.script), "run maintenance");
     case Kind::purge: return oneShot("/usr/sbin/purge", "free inactive memory");
     case Kind::remove: {

@@ -2,8 +2,8 @@
 // one-shot fallback (AdminRunner) when no session can be had.
 #pragma once
 
-#include "core/storage/Paths.h"
-#include "core/storage/Shell.h"
+#include "core/system/Paths.h"
+#include "core/system/Shell.h"
 
 #include <cstdint>
 #include <functional>

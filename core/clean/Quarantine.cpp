@@ -1,6 +1,7 @@
 // Quarantine store: sessions, manifests and journals, crash-safe moves in and out, restore and
 // purge.
 #include "core/clean/Quarantine.h"
+#include "core/system/StoreFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -13,21 +14,22 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "core/platform/Durability.h"
-#include "core/platform/FileStat.h"
-#include "core/platform/SafeFiles.h"
-#include "core/storage/FS.h"
-#include "core/storage/JSONStore.h"
-#include "core/storage/UniqueFd.h"
-#include "core/storage/Uuid.h"
+#include "core/system/Durability.h"
+#include "core/system/FileStat.h"
+#include "core/system/SafeFiles.h"
+#include "core/system/FS.h"
+#include "core/system/FileLock.h"
+#include "core/store/JSONStore.h"
+#include "core/base/UniqueFd.h"
+#include "core/system/Uuid.h"
 
 namespace kestrel {
 namespace {
 
-constexpr const char* kItems = "items";
-constexpr const char* kManifest = "manifest.json";
-constexpr const char* kJournal = "journal.jsonl";
-constexpr const char* kLockName = ".lock";
+constexpr const char* kItems = Paths::kQuarantineItemsName.data();
+constexpr const char* kManifest = Paths::kQuarantineManifestName.data();
+constexpr const char* kJournal = Paths::kQuarantineJournalName.data();
+constexpr const char* kLockName = Paths::kQuarantineLockName.data();
 constexpr int64_t kDay = 86400;
 // Adopted folders with no manifest keep their items this long before they expire.
 constexpr int64_t kAdoptedRetentionDays = 7;
@@ -220,7 +222,7 @@ void replay(QuarantineSession& s, const std::vector<Json>& records) {
 
 // A session folder as it stands: the manifest, then the journal replayed over it.
 struct SessionRead {
-  JSONStore::FileRead::Status manifest = JSONStore::FileRead::Status::missing;
+  StoreFile::FileRead::Status manifest = StoreFile::FileRead::Status::missing;
   std::optional<QuarantineSession> session;
   bool hadJournal = false;
 };
@@ -406,25 +408,19 @@ QuarantineError QuarantineError::damaged(const std::string& itemsFolder) {
 class Quarantine::Lock {
  public:
   Lock(std::mutex& m, const Paths& paths, bool createStore) : guard_(m) {
-    std::error_code ec;
-    if (createStore) fs::create_directories(paths.quarantineDir(), ec);  // a failure shows below
-    const fs::path file = paths.quarantineDir() / kLockName;
-    fd_.reset(::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd_) {
+    // A whole restore or purge may run under it elsewhere: wait for that, within reason.
+    constexpr std::chrono::minutes kWait{10};
+    const fs::path file = paths.quarantineLockFile();
+    file_ = FileLock::acquire(file, kWait, createStore);
+    if (!file_) {
       const int err = errno;  // read before building the message
-      throwErrno(err, "open " + file.string());
-    }
-    while (::flock(fd_.get(), LOCK_EX) != 0) {
-      if (errno != EINTR) {
-        const int err = errno;  // read before building the message
-        throwErrno(err, "lock " + file.string());
-      }
+      throwErrno(err, "lock " + file.string());
     }
   }
 
  private:
   std::lock_guard<std::mutex> guard_;
-  UniqueFd fd_;  // closing it releases the flock
+  std::unique_ptr<FileLock> file_;  // released when the holder goes
 };
 
 namespace {
@@ -447,10 +443,10 @@ std::unique_ptr<Lock> lockExisting(std::mutex& m, const Paths& paths, const std:
 Quarantine::Quarantine(Paths paths, VolumeOf volumeOf)
     : paths_(std::move(paths)), volumeOf_(std::move(volumeOf)), remover_(paths_.home()) {}
 
-fs::path Quarantine::sessionDir(const std::string& id) const { return paths_.quarantineDir() / id; }
+fs::path Quarantine::sessionDir(const std::string& id) const { return paths_.quarantineSessionDir(id); }
 
 fs::path Quarantine::recoveryDir(const std::string& sessionID) const {
-  return paths_.home() / "Recovered Items" / sessionID;
+  return paths_.recoveredItemsDir(sessionID);
 }
 
 void Quarantine::writeManifest(const QuarantineSession& session, int sessionFd, int itemsFd) {
@@ -594,10 +590,10 @@ std::optional<QuarantineSession> Quarantine::settleLocked(int quarantineFd, cons
   const bool itemsMissing = !itemsFd && errno == ENOENT;
   SessionRead read = readSession(sessionDir(id));
   bool changed = false;
-  if (read.manifest == JSONStore::FileRead::Status::damaged) {
+  if (read.manifest == StoreFile::FileRead::Status::damaged) {
     return std::nullopt;  // left as it is: nothing here can tell what its items were
   }
-  if (read.manifest == JSONStore::FileRead::Status::missing) {
+  if (read.manifest == StoreFile::FileRead::Status::missing) {
     bool holdsItems = false;
     // Its own descriptor: a listing consumes the one it reads, and adoption lists "items" again.
     if (UniqueFd probe(itemsFd ? platform::openDirectoryAt(sessionFd.get(), kItems) : -1); probe) {

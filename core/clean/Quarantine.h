@@ -14,13 +14,13 @@
 #include <string_view>
 #include <vector>
 
-#include "core/clean/CleanFailure.h"
-#include "core/scan/ScanModel.h"
-#include "core/schedule/ScheduleRule.h"
-#include "core/storage/Dates.h"
-#include "core/storage/Json.h"
-#include "core/storage/Paths.h"
-#include "core/storage/SafeRemove.h"
+#include "core/model/CleanFailure.h"
+#include "core/model/ScanModel.h"
+#include "core/model/TriggerSource.h"
+#include "core/base/Dates.h"
+#include "core/base/Json.h"
+#include "core/system/Paths.h"
+#include "core/system/SafeRemove.h"
 
 namespace kestrel {
 

@@ -1,9 +1,9 @@
 // Folder growth: measuring the watched folders' children, the snapshots file, diff and report.
 #include "core/insights/GrowthTracker.h"
 
-#include "core/insights/StoreLock.h"
-#include "core/scan/SafetyPolicy.h"
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/store/JSONStore.h"
 
 #include <algorithm>
 #include <atomic>
@@ -57,7 +57,7 @@ std::vector<FolderSnapshot> folderSnapshotsFromJson(const Json& j) {
 }
 
 GrowthTracker::GrowthTracker(const Paths& paths, std::vector<std::string> userProtected)
-    : paths_(paths), url_(paths.supportFile("growth-snapshots.json")), userProtected_(std::move(userProtected)) {}
+    : paths_(paths), url_(paths.growthSnapshotsFile()), userProtected_(std::move(userProtected)) {}
 
 GrowthTracker::GrowthTracker(const Paths& paths, fs::path url)
     : paths_(paths), url_(std::move(url)) {}
@@ -119,15 +119,16 @@ FolderSnapshot GrowthTracker::takeSnapshot(Date now, const FS::CancelTest& isCan
   if (cancelled.load()) return snapshot;
 
   try {
-    const auto lock = lockBeside(url_);
-    auto list = snapshots();
-    list.push_back(snapshot);
-    if (list.size() > kMaxSnapshots) list.erase(list.begin(), list.end() - kMaxSnapshots);
-    Json j = Json::array();
-    for (const auto& s : list) j.push_back(toJson(s));
-    JSONStore::save(j, url_);
+    JSONStore::update<std::vector<FolderSnapshot>>(
+        url_, folderSnapshotsFromJson, toJsonArray<FolderSnapshot>, [] { return std::vector<FolderSnapshot>{}; },
+        [&](std::vector<FolderSnapshot>& list) {
+          list.push_back(snapshot);
+          if (list.size() > kMaxSnapshots) list.erase(list.begin(), list.end() - kMaxSnapshots);
+          return true;
+        },
+        /*replaceDamaged=*/true);
   } catch (const std::exception&) {
-    // Growth tracking is background work: a failed save loses this snapshot only.
+    // Growth tracking is background work: a busy store or a failed save loses this snapshot only.
   }
   return snapshot;
 }

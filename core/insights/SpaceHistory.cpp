@@ -1,8 +1,7 @@
 // Free-space history: the samples file, hourly recording and the least-squares forecast.
 #include "core/insights/SpaceHistory.h"
 
-#include "core/insights/StoreLock.h"
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
 
 #include <chrono>
 
@@ -53,7 +52,7 @@ std::vector<SpaceSample> spaceSamplesFromJson(const Json& j) {
   return out;
 }
 
-SpaceHistory::SpaceHistory(const Paths& paths) : url_(paths.supportFile("space-history.json")) {}
+SpaceHistory::SpaceHistory(const Paths& paths) : url_(paths.spaceHistoryFile()) {}
 
 SpaceHistory::SpaceHistory(std::filesystem::path url) : url_(std::move(url)) {}
 
@@ -64,16 +63,18 @@ std::vector<SpaceSample> SpaceHistory::samples() const {
 
 void SpaceHistory::record(const FS::VolumeSpace& space, Date now) const noexcept {
   try {
-    const auto lock = lockBeside(url_);
-    auto list = samples();
-    if (!list.empty() && secondsBetween(list.back().date, now) < kMinSpacingSeconds) return;
-    list.push_back(SpaceSample{now, space.free, space.total});
-    if (list.size() > kMaxSamples) list.erase(list.begin(), list.end() - kMaxSamples);
-    Json j = Json::array();
-    for (const auto& s : list) j.push_back(toJson(s));
-    JSONStore::save(j, url_);
+    JSONStore::update<std::vector<SpaceSample>>(
+        url_, spaceSamplesFromJson, toJsonArray<SpaceSample>, [] { return std::vector<SpaceSample>{}; },
+        [&](std::vector<SpaceSample>& list) {
+          if (!list.empty() && secondsBetween(list.back().date, now) < kMinSpacingSeconds) return false;
+          list.push_back(SpaceSample{now, space.free, space.total});
+          if (list.size() > kMaxSamples) list.erase(list.begin(), list.end() - kMaxSamples);
+          return true;
+        },
+        /*replaceDamaged=*/true);
   } catch (const std::exception&) {
-    // Sampling is background work: a full disk or a blocked folder costs one sample, no more.
+    // Sampling is background work: a full disk, a blocked folder or a busy store costs one
+    // sample, no more.
   }
 }
 

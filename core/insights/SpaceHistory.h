@@ -1,10 +1,10 @@
 // Free-space history: hourly samples of the home volume and the disk-full forecast drawn from them.
 #pragma once
 
-#include "core/storage/Dates.h"
-#include "core/storage/FS.h"
-#include "core/storage/Json.h"
-#include "core/storage/Paths.h"
+#include "core/base/Dates.h"
+#include "core/system/FS.h"
+#include "core/base/Json.h"
+#include "core/system/Paths.h"
 
 #include <cstdint>
 #include <filesystem>

@@ -2,11 +2,11 @@
 // parallel scan with de-duplication through the safety policy.
 #pragma once
 
-#include "core/scan/SafetyPolicy.h"
-#include "core/scan/ScanModel.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/Paths.h"
-#include "core/storage/UniqueFd.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/model/ScanModel.h"
+#include "core/model/AppConfig.h"
+#include "core/system/Paths.h"
+#include "core/base/UniqueFd.h"
 
 #include <chrono>
 #include <functional>

@@ -1,7 +1,7 @@
 // Scheduled runs: the run summary.
 #include "core/schedule/ScheduledRunner.h"
 
-#include "core/storage/ByteFormat.h"
+#include "core/base/ByteFormat.h"
 
 #include <vector>
 

@@ -1,7 +1,7 @@
 // Scheduled runs: the one-line summary of a clean (shared with the "clean" command).
 #pragma once
 
-#include "core/clean/CleanReport.h"
+#include "core/model/CleanReport.h"
 
 #include <string>
 

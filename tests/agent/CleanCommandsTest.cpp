@@ -1,9 +1,10 @@
 // The "clean" and "quarantine" commands, run in process against scratch homes.
 #include "agent/Dispatcher.h"
 #include "core/clean/Quarantine.h"
-#include "core/storage/AppConfig.h"
-#include "core/storage/AuditLog.h"
-#include "core/storage/ByteFormat.h"
+#include "core/model/AppConfig.h"
+#include "core/store/ConfigStore.h"
+#include "core/store/AuditLog.h"
+#include "core/base/ByteFormat.h"
 #include "tests/support/ScratchHome.h"
 #include "tests/agent/RunInProcess.h"
 

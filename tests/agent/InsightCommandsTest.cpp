@@ -3,7 +3,7 @@
 
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/ScratchHome.h"
 #include "tests/agent/RunInProcess.h"
 

@@ -1,7 +1,7 @@
 // The "scan" command in-process: the table layout, the empty scan and the JSON form.
 #include "agent/Dispatcher.h"
-#include "core/storage/ByteFormat.h"
-#include "core/storage/Json.h"
+#include "core/base/ByteFormat.h"
+#include "core/base/Json.h"
 
 #include "tests/support/ScratchHome.h"
 

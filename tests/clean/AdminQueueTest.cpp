@@ -1,7 +1,7 @@
 // AdminQueue: no duplicates, pending bytes, and the one-prompt flush with its audit records.
 #include "core/clean/AdminQueue.h"
 
-#include "core/storage/AuditLog.h"
+#include "core/store/AuditLog.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/FakeTools.h"
 

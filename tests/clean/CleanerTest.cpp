@@ -2,8 +2,8 @@
 // the audit trail, restore, and a folder swapped for a link while it is being cleaned.
 #include "core/clean/Cleaner.h"
 
-#include "core/platform/Trash.h"
-#include "core/storage/JSONStore.h"
+#include "core/system/Trash.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/ScratchHome.h"
 

@@ -1,5 +1,6 @@
 // Cloud files: sync roots, provider names, retried removal with placeholders, and eviction tools.
 #include "core/clean/CloudFiles.h"
+#include "core/safety/CloudRoots.h"
 
 #include "tests/support/FakeTools.h"
 #include "tests/support/ScratchHome.h"
@@ -14,7 +15,7 @@ using test::ScratchHome;
 
 TEST(CloudFiles, RootsAndProviders) {
   const fs::path home = "/Users/ada";
-  EXPECT_EQ(CloudFiles::syncRoots(home),
+  EXPECT_EQ(CloudRoots::syncRoots(home),
             (std::vector<fs::path>{"/Users/ada/Library/Mobile Documents", "/Users/ada/Library/CloudStorage"}));
   struct Case {
     std::string path;
@@ -35,8 +36,8 @@ TEST(CloudFiles, RootsAndProviders) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
-    EXPECT_EQ(CloudFiles::isSynced(c.path, home), c.synced);
-    EXPECT_EQ(CloudFiles::providerName(c.path, home), c.provider);
+    EXPECT_EQ(CloudRoots::isSynced(c.path, home), c.synced);
+    EXPECT_EQ(CloudRoots::providerName(c.path, home), c.provider);
   }
   EXPECT_FALSE(CloudFiles::isDataless("/"));
 }

@@ -1,6 +1,7 @@
 // The root helper driven directly over its pipes: every reply of the wire table, and each
 // hostile input failing. RM cases that need an allowed root run only as root, in their own
 // uniquely named folder under /Library/Caches (removed afterwards).
+#include "core/base/Text.h"
 #include "core/clean/AdminCommand.h"
 #include "core/clean/PrivilegedSession.h"
 #include "tests/support/AllowedRoot.h"
@@ -110,7 +111,7 @@ class Helper {
   pid_t pid_ = -1;
 };
 
-std::string b64(const std::string& s) { return AdminCommand::base64(s); }
+std::string b64(const std::string& s) { return Text::base64(s); }
 
 TEST(HelperScript, AnswersTheWireTable) {
   ScratchHome h;
@@ -174,7 +175,7 @@ TEST(HelperScript, KillRefusesInitItselfAndOddSignals) {
   // Inside its own PID namespace the helper is pid 1 (its own app pid, so it stays) and a sleep
   // the wrapper started is its child, so no mistake can reach the machine's real processes.
   const std::string wrapper = "/bin/sleep 300 & echo $! > " +
-                              AdminCommand::shellQuote((h.root() / "sleep.pid").string()) + "; exec \"$0\" \"$@\"";
+                              Text::shellQuote((h.root() / "sleep.pid").string()) + "; exec \"$0\" \"$@\"";
   Helper helper(h.path("priv-ns"), 1, {"/usr/bin/unshare", "--pid", "--fork", "--mount-proc", "/bin/bash", "-c", wrapper});
   const std::string sleepPid = std::to_string(std::stoi(test::readText(h.root() / "sleep.pid")));
   struct Case {

@@ -2,7 +2,9 @@
 // session, restart on silence, the per-op fallback, quoting of hostile paths, and the attacks.
 #include "core/clean/PrivilegedSession.h"
 
+#include "core/base/Text.h"
 #include "core/clean/AdminCommand.h"
+#include "core/system/AdminPrompt.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Wait.h"
 
@@ -118,8 +120,8 @@ TEST(PrivilegedSession, HelperDyingMidOperationEndsTheWait) {
           "while IFS= read -r line <&3; do case \"$line\" in *' PING') echo OK >&4 ;; "
           "*) sleep 0.5 & exit 0 ;; esac; done";
       const std::string launch =
-          "nohup /bin/bash -c " + AdminCommand::shellQuote(script) + " responder " +
-          AdminCommand::shellQuote(e.path().string()) + " </dev/null >/dev/null 2>&1 &";
+          "nohup /bin/bash -c " + Text::shellQuote(script) + " responder " +
+          Text::shellQuote(e.path().string()) + " </dev/null >/dev/null 2>&1 &";
       return Shell::run("/bin/sh", {"-c", launch}, 5);
     }
     return Shell::Result{1, "", "no session folder"};
@@ -189,8 +191,8 @@ TEST(AdminCommand, ScriptQuotingRoundTripsThroughTheScriptLanguage) {
     return out;
   };
   const std::string nasty = "/Users/o'neil/\"x\"/back\\slash/$(id)/`id`/new\nline";
-  const std::string command = "/bin/echo " + AdminCommand::shellQuote(nasty);
-  const std::string text = AdminCommand::doShellScript(command, "orvo Kestrel needs permission once for this session.");
+  const std::string command = "/bin/echo " + Text::shellQuote(nasty);
+  const std::string text = platform::doShellScript(command, "orvo Kestrel needs permission once for this session.");
   ASSERT_EQ(text.rfind("do shell script ", 0), 0u);
   size_t pos = std::string("do shell script ").size();
   const std::string decoded = unquote(text, pos);
@@ -198,9 +200,9 @@ TEST(AdminCommand, ScriptQuotingRoundTripsThroughTheScriptLanguage) {
   EXPECT_EQ(text.substr(pos), " with administrator privileges with prompt \"orvo Kestrel needs permission once for this session.\"");
   auto r = Shell::run("/bin/sh", {"-c", decoded}, 5);
   EXPECT_EQ(r.stdout, nasty + "\n");
-  EXPECT_EQ(AdminCommand::base64("a b"), "YSBi");
-  EXPECT_EQ(AdminCommand::base64("ab"), "YWI=");
-  EXPECT_EQ(AdminCommand::base64(""), "");
+  EXPECT_EQ(Text::base64("a b"), "YSBi");
+  EXPECT_EQ(Text::base64("ab"), "YWI=");
+  EXPECT_EQ(Text::base64(""), "");
 }
 
 TEST(PrivilegedSession, AttacksOnTheRunningSessionFail) {
@@ -215,7 +217,7 @@ TEST(PrivilegedSession, AttacksOnTheRunningSessionFail) {
   ASSERT_EQ(::stat(dir.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0711u);  // pinned
   // Appending to the inspection copy of the script changes nothing that runs.
-  std::ofstream(dir / "helper.sh", std::ios::app) << "\ntouch " << AdminCommand::shellQuote((h.root() / "appended").string()) << "\n";
+  std::ofstream(dir / "helper.sh", std::ios::app) << "\ntouch " << Text::shellQuote((h.root() / "appended").string()) << "\n";
   // The token, read from the helper's own command line (bash -c <script> helper <dir> <token> <pid>).
   const auto pids = Shell::run("pgrep", {"-f", "--", dir.string()}, 5);
   ASSERT_TRUE(pids.ok());

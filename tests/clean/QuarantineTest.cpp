@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "core/clean/Quarantine.h"
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/ScratchHome.h"
 
 namespace kestrel {

@@ -6,9 +6,9 @@
 #include <sstream>
 
 #include "core/insights/GrowthTracker.h"
-#include "core/storage/AuditLog.h"
-#include "core/storage/Json.h"
-#include "core/storage/Utf8.h"
+#include "core/store/AuditLog.h"
+#include "core/base/Json.h"
+#include "core/base/Text.h"
 #include "tests/e2e/RunAgent.h"
 
 namespace kestrel::test {

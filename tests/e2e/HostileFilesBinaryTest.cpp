@@ -2,7 +2,7 @@
 // hang, offer what may be in use, or remove anything outside the folder it was given.
 #include "tests/e2e/RunAgent.h"
 
-#include "core/storage/Shell.h"
+#include "core/system/Shell.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

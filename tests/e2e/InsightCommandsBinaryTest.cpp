@@ -1,8 +1,8 @@
 // End to end: "forecast" and "growth" through the built binary, with HOME set to a scratch home.
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"
-#include "core/storage/ByteFormat.h"
-#include "core/storage/JSONStore.h"
+#include "core/base/ByteFormat.h"
+#include "core/store/JSONStore.h"
 #include "tests/e2e/RunAgent.h"
 
 #include <gtest/gtest.h>

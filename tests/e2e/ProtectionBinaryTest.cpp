@@ -2,7 +2,8 @@
 // store or file-system oddity makes a command hang or act outside its tree.
 #include "tests/e2e/RunAgent.h"
 
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
+#include "core/system/StoreFile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -48,7 +49,7 @@ TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
        [&](ScratchHome& h) {
          oldCache(h, keep);
          const fs::path real = h.outside("dotfiles") / "config.json";
-         JSONStore::writeAtomically(R"({"protectedPaths":["~/Library/Caches/keep"]})", real);
+         StoreFile::writeAtomically(R"({"protectedPaths":["~/Library/Caches/keep"]})", real);
          h.link(kSupport + "config.json", real);
          return std::string();
        },

@@ -1,9 +1,9 @@
 // End to end: "scan" and "scan --json" on a synthetic home, checked against the file system.
-#include "core/scan/SafetyPolicy.h"
+#include "core/safety/SafetyPolicy.h"
 #include "core/scan/scanners/Scanners.h"
-#include "core/storage/ByteFormat.h"
-#include "core/storage/Json.h"
-#include "core/storage/Shell.h"
+#include "core/base/ByteFormat.h"
+#include "core/base/Json.h"
+#include "core/system/Shell.h"
 
 #include "tests/e2e/RunAgent.h"
 

@@ -1,7 +1,7 @@
 // Folder growth: which folders a snapshot measures, the 26-snapshot cap, diff, report, cancel.
 #include "core/insights/GrowthTracker.h"
 
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/ScratchHome.h"
 
 #include <gtest/gtest.h>

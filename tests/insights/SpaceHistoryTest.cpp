@@ -1,7 +1,7 @@
 // Space history: hourly recording, the 2900-sample cap, strict reading and the disk-full forecast.
 #include "core/insights/SpaceHistory.h"
 
-#include "core/storage/JSONStore.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/ScratchHome.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,8 @@
 // ScratchHome: a real temporary home folder (its name holds a blank and a non-ASCII letter).
 #pragma once
 
-#include "core/storage/Dates.h"
-#include "core/storage/Paths.h"
+#include "core/base/Dates.h"
+#include "core/system/Paths.h"
 
 #include <cstdint>
 #include <filesystem>

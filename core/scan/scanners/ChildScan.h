@@ -3,8 +3,8 @@
 #pragma once
 
 #include "core/scan/ScanEngine.h"
-#include "core/storage/FS.h"
-#include "core/storage/UniqueFd.h"
+#include "core/system/FS.h"
+#include "core/base/UniqueFd.h"
 
 #include <sys/stat.h>
 

@@ -1,5 +1,5 @@
 // Logs: log folders and files in the user's log folder untouched for logAgeDays.
-#include "core/platform/FileStat.h"
+#include "core/system/FileStat.h"
 #include "core/scan/scanners/ChildScan.h"
 #include "core/scan/scanners/Scanners.h"
 

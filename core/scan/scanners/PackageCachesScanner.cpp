@@ -1,5 +1,5 @@
 // Package-manager caches: the download and build caches of developer tools, one fixed table.
-#include "core/platform/FileStat.h"
+#include "core/system/FileStat.h"
 #include "core/scan/scanners/ChildScan.h"
 #include "core/scan/scanners/Scanners.h"
 

@@ -1,0 +1,40 @@
+// JSON form of clean reports.
+#include "core/model/CleanReport.h"
+
+namespace kestrel {
+
+Json toJson(const CleanFailure& f) { return Json{{"itemID", f.itemID}, {"message", f.message}}; }
+
+Json toJson(const CleanReport& r) {
+  Json failures = Json::array();
+  for (const auto& f : r.failures) failures.push_back(toJson(f));
+  Json j{{"freedBytes", r.freedBytes},         {"evictedBytes", r.evictedBytes},
+         {"quarantinedBytes", r.quarantinedBytes}, {"trashedBytes", r.trashedBytes},
+         {"itemsProcessed", r.itemsProcessed}, {"failures", failures},
+         {"skippedProtected", r.skippedProtected}, {"deferredAdmin", r.deferredAdmin}};
+  if (r.quarantineSessionID) j["quarantineSessionID"] = *r.quarantineSessionID;
+  return j;
+}
+
+CleanFailure cleanFailureFromJson(const Json& j) {
+  JsonDecode::object(j, "CleanFailure");
+  return {JsonDecode::string(j, "itemID"), JsonDecode::string(j, "message")};
+}
+
+CleanReport cleanReportFromJson(const Json& j) {
+  JsonDecode::object(j, "CleanReport");
+  CleanReport r;
+  r.freedBytes = JsonDecode::int64(j, "freedBytes");
+  r.evictedBytes = JsonDecode::int64(j, "evictedBytes");
+  r.quarantinedBytes = JsonDecode::int64(j, "quarantinedBytes");
+  r.trashedBytes = JsonDecode::int64(j, "trashedBytes");
+  r.itemsProcessed = JsonDecode::int64(j, "itemsProcessed");
+  if (!JsonDecode::has(j, "failures") || !j.at("failures").is_array()) throw DecodeError("Expected an array for failures");
+  for (const auto& f : j.at("failures")) r.failures.push_back(cleanFailureFromJson(f));
+  r.quarantineSessionID = JsonDecode::optString(j, "quarantineSessionID");
+  r.skippedProtected = JsonDecode::stringArray(j, "skippedProtected");
+  r.deferredAdmin = JsonDecode::int64(j, "deferredAdmin");
+  return r;
+}
+
+}  // namespace kestrel

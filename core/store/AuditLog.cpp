@@ -1,0 +1,465 @@
+// Audit log: whole-line appends through O_APPEND, tolerant reads, and a streaming lifetime total.
+#include "core/store/AuditLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "core/system/Durability.h"
+#include "core/base/UniqueFd.h"
+#include "core/system/Uuid.h"
+
+namespace kestrel {
+namespace {
+
+constexpr size_t kBlock = 1 << 20;
+
+bool isCountedAction(std::string_view a) {
+  return a == "delete" || a == "trash" || a == "command" || a == "purge";
+}
+
+// ---- A fast, strict reader for the records this log writes ----------------------------------
+//
+// Over a million records, building a JSON document per line costs seconds. This reader accepts
+// only the plain shape the writer produces (known keys once each, simple literals) and answers
+// "unsure" for anything else, which then goes through the full decoder. So it can only ever agree
+// with the full decoder: it never accepts a line the decoder would reject.
+class QuickReader {
+ public:
+  explicit QuickReader(std::string_view s) : s_(s) {}
+
+  // Nothing means unsure.
+  std::optional<QuickAuditRecord> read() {
+    enum : unsigned {
+      kId = 1,
+      kDate = 2,
+      kAction = 4,
+      kTarget = 8,
+      kSize = 16,
+      kCategory = 32,
+      kTrigger = 64,
+      kSuccess = 128,
+      kMessage = 256
+    };
+    unsigned seen = 0;
+    QuickAuditRecord r;
+    ws();
+    if (!eat('{')) return std::nullopt;
+    ws();
+    if (peek() == '}') return std::nullopt;
+    for (;;) {
+      std::string_view key;
+      if (!plainString(key)) return std::nullopt;
+      ws();
+      if (!eat(':')) return std::nullopt;
+      ws();
+      unsigned bit = 0;
+      if (key == "id") {
+        bit = kId;
+        std::string_view v;
+        if (!plainString(v) || !Uuid::parse(v)) return std::nullopt;
+      } else if (key == "date") {
+        bit = kDate;
+        std::string_view v;
+        if (!plainString(v) || !Dates::parseISO8601(v)) return std::nullopt;
+      } else if (key == "action") {
+        bit = kAction;
+        if (!plainString(r.action)) return std::nullopt;
+      } else if (key == "target") {
+        bit = kTarget;
+        if (!anyString()) return std::nullopt;
+      } else if (key == "size") {
+        bit = kSize;
+        if (!integer(r.size)) return std::nullopt;
+      } else if (key == "category") {
+        bit = kCategory;
+        std::string_view v;
+        if (literal("null")) {
+        } else if (!plainString(v) || !categoryFromRaw(v)) {
+          return std::nullopt;
+        }
+      } else if (key == "trigger") {
+        bit = kTrigger;
+        if (!trigger()) return std::nullopt;
+      } else if (key == "success") {
+        bit = kSuccess;
+        if (literal("true")) {
+          r.success = true;
+        } else if (literal("false")) {
+          r.success = false;
+        } else {
+          return std::nullopt;
+        }
+      } else if (key == "message") {
+        bit = kMessage;
+        if (!literal("null") && !anyString()) return std::nullopt;
+      } else {
+        return std::nullopt;
+      }
+      if (seen & bit) return std::nullopt;  // a repeated key: let the full decoder decide
+      seen |= bit;
+      ws();
+      if (eat(',')) {
+        ws();
+        continue;
+      }
+      if (!eat('}')) return std::nullopt;
+      break;
+    }
+    ws();
+    if (pos_ != s_.size()) return std::nullopt;
+    constexpr unsigned kRequired = kId | kDate | kAction | kTarget | kSize | kTrigger | kSuccess;
+    if ((seen & kRequired) != kRequired) return std::nullopt;
+    return r;
+  }
+
+ private:
+  char peek() const { return pos_ < s_.size() ? s_[pos_] : '\0'; }
+  bool eat(char c) {
+    if (peek() != c || pos_ >= s_.size()) return false;
+    ++pos_;
+    return true;
+  }
+  void ws() {
+    while (pos_ < s_.size() &&
+           (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\r' || s_[pos_] == '\n'))
+      ++pos_;
+  }
+  bool literal(std::string_view word) {
+    if (s_.substr(pos_, word.size()) != word) return false;
+    pos_ += word.size();
+    return true;
+  }
+  // A string of printable ASCII without escapes; its contents.
+  bool plainString(std::string_view& out) {
+    if (!eat('"')) return false;
+    const size_t start = pos_;
+    while (pos_ < s_.size()) {
+      const auto c = static_cast<unsigned char>(s_[pos_]);
+      if (c == '"') {
+        out = s_.substr(start, pos_ - start);
+        ++pos_;
+        return true;
+      }
+      if (c < 0x20 || c == '\\' || c >= 0x80) return false;
+      ++pos_;
+    }
+    return false;
+  }
+  // Any valid string: simple escapes and well-formed UTF-8 (\u escapes are left to the full
+  // decoder).
+  bool anyString() {
+    if (!eat('"')) return false;
+    while (pos_ < s_.size()) {
+      const auto c = static_cast<unsigned char>(s_[pos_]);
+      if (c == '"') {
+        ++pos_;
+        return true;
+      }
+      if (c < 0x20) return false;
+      if (c == '\\') {
+        if (pos_ + 1 >= s_.size()) return false;
+        if (!std::strchr("\"\\/bfnrt", s_[pos_ + 1]) || s_[pos_ + 1] == '\0') return false;
+        pos_ += 2;
+        continue;
+      }
+      if (c < 0x80) {
+        ++pos_;
+        continue;
+      }
+      if (!utf8()) return false;
+    }
+    return false;
+  }
+  bool utf8() {
+    const auto b = [&](size_t i) { return static_cast<unsigned char>(s_[pos_ + i]); };
+    const unsigned char c = b(0);
+    size_t n;
+    unsigned char lo = 0x80, hi = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      n = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      n = 3;
+      if (c == 0xE0) lo = 0xA0;
+      if (c == 0xED) hi = 0x9F;  // no surrogates
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      n = 4;
+      if (c == 0xF0) lo = 0x90;
+      if (c == 0xF4) hi = 0x8F;
+    } else {
+      return false;
+    }
+    if (pos_ + n > s_.size()) return false;
+    if (b(1) < lo || b(1) > hi) return false;
+    for (size_t i = 2; i < n; ++i) {
+      if (b(i) < 0x80 || b(i) > 0xBF) return false;
+    }
+    pos_ += n;
+    return true;
+  }
+  // A plain JSON integer that fits in 64 bits (no fraction or exponent).
+  bool integer(int64_t& out) {
+    const bool negative = eat('-');
+    const size_t start = pos_;
+    uint64_t v = 0;
+    while (pos_ < s_.size() && s_[pos_] >= '0' && s_[pos_] <= '9') {
+      const uint64_t d = static_cast<uint64_t>(s_[pos_] - '0');
+      if (v > (UINT64_MAX - d) / 10) return false;
+      v = v * 10 + d;
+      ++pos_;
+    }
+    const size_t digits = pos_ - start;
+    if (digits == 0 || (digits > 1 && s_[start] == '0')) return false;
+    if (peek() == '.' || peek() == 'e' || peek() == 'E') return false;
+    if (negative) {
+      if (v > static_cast<uint64_t>(INT64_MAX) + 1) return false;
+      out = v == static_cast<uint64_t>(INT64_MAX) + 1 ? INT64_MIN : -static_cast<int64_t>(v);
+    } else {
+      if (v > static_cast<uint64_t>(INT64_MAX)) return false;
+      out = static_cast<int64_t>(v);
+    }
+    return true;
+  }
+  // The three forms the writer produces, without blanks.
+  bool trigger() {
+    if (literal("{\"manual\":{}}")) return true;
+    for (std::string_view head : {std::string_view("{\"schedule\":{\"ruleName\":"),
+                                  std::string_view("{\"uninstall\":{\"appName\":")}) {
+      if (literal(head)) return anyString() && literal("}}");
+    }
+    return false;
+  }
+
+  std::string_view s_;
+  size_t pos_ = 0;
+};
+
+// Opens the log as every reader and the writer do: a final symbolic link is followed (users keep
+// store files as links), the open never blocks (a FIFO in its place answers at once) and only a
+// regular file is kept; anything else gives no descriptor.
+// A new log is created only where nothing stands: never through a link that leads nowhere, which
+// would make a file wherever that link points.
+UniqueFd openLog(const std::filesystem::path& url, int flags, struct stat& st) {
+  constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  UniqueFd fd(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
+  if (!fd && errno == ENOENT && (flags & O_CREAT)) {
+    fd.reset(::open(url.c_str(), flags | O_EXCL | O_NOFOLLOW | kAlways, 0600));
+    // Another appender made it first: use theirs.
+    if (!fd && errno == EEXIST) fd.reset(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
+  }
+  if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
+  return fd;
+}
+
+bool isBlank(std::string_view line) {
+  return std::all_of(line.begin(), line.end(),
+                     [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
+}
+
+// Adds a line's bytes to `total` when it is a counted, successful record.
+void countLine(std::string_view line, int64_t& total) {
+  if (line.empty() || line.size() > AuditLog::kMaxLine) return;
+  int64_t size = 0;
+  if (auto quick = quickReadAuditLine(line)) {
+    if (!quick->success || !isCountedAction(quick->action)) return;
+    size = quick->size;
+  } else {
+    auto e = decodeAuditLine(line);
+    if (!e || !e->success || !isCountedAction(e->action)) return;
+    size = e->size;
+  }
+  // One hostile or damaged record must not overflow the sum (undefined behaviour) and so poison
+  // every later total: a record that would overflow it is skipped.
+  int64_t sum;
+  if (!__builtin_add_overflow(total, size, &sum)) total = sum;
+}
+
+}  // namespace
+
+AuditEntry AuditEntry::make(Date date, std::string action, std::string target, int64_t size,
+                            std::optional<CleanCategory> category, TriggerSource trigger,
+                            bool success, std::optional<std::string> message) {
+  return {Uuid::make(),       date,    std::move(action), std::move(target), size, category,
+          std::move(trigger), success, std::move(message)};
+}
+
+Json toJson(const AuditEntry& e) {
+  Json j{{"id", e.id},          {"date", Dates::iso8601(e.date)},
+         {"action", e.action},  {"target", e.target},
+         {"size", e.size},      {"trigger", toJson(e.trigger)},
+         {"success", e.success}};
+  if (e.category) j["category"] = std::string(rawValue(*e.category));
+  if (e.message) j["message"] = *e.message;
+  return j;
+}
+
+AuditEntry auditEntryFromJson(const Json& j) {
+  JsonDecode::object(j, "AuditEntry");
+  AuditEntry e;
+  auto id = j.find("id");
+  if (id == j.end()) throw DecodeError("No value associated with key id");
+  e.id = Uuid::fromJson(*id);
+  auto date = j.find("date");
+  if (date == j.end()) throw DecodeError("No value associated with key date");
+  e.date = dateFromJson(*date, DateForm::iso8601);
+  e.action = JsonDecode::string(j, "action");
+  e.target = JsonDecode::string(j, "target");
+  e.size = JsonDecode::int64(j, "size");
+  if (JsonDecode::has(j, "category")) e.category = categoryFromJson(j.at("category"));
+  auto trigger = j.find("trigger");
+  if (trigger == j.end()) throw DecodeError("No value associated with key trigger");
+  e.trigger = triggerSourceFromJson(*trigger);
+  e.success = JsonDecode::boolean(j, "success");
+  e.message = JsonDecode::optString(j, "message");
+  return e;
+}
+
+std::optional<QuickAuditRecord> quickReadAuditLine(std::string_view line) {
+  if (line.size() > AuditLog::kMaxLine) return std::nullopt;
+  return QuickReader(line).read();
+}
+
+std::optional<AuditEntry> decodeAuditLine(std::string_view line) {
+  if (line.size() > AuditLog::kMaxLine || isBlank(line)) return std::nullopt;
+  auto j = JsonText::parse(line);
+  if (!j) return std::nullopt;
+  try {
+    return auditEntryFromJson(*j);
+  } catch (const DecodeError&) {
+    return std::nullopt;  // a damaged record is skipped; the ones around it still count
+  }
+}
+
+void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
+  if (entries.empty()) return;
+  try {
+    std::lock_guard guard(*lock_);
+    std::string buffer;
+    bool durable = false;
+    for (const auto& e : entries) {
+      buffer += JsonText::compact(toJson(e));
+      buffer += '\n';
+      durable = durable || e.action == "delete" || e.action == "purge";
+    }
+    std::error_code ec;
+    std::filesystem::create_directories(url_.parent_path(), ec);  // a failure shows in open below
+    struct stat st;
+    UniqueFd fd = openLog(url_, O_WRONLY | O_APPEND | O_CREAT, st);
+    if (!fd) return;  // the records are lost; logging never stops the work it records
+    if (st.st_size > 0) {
+      // A writer killed mid-line leaves a torn record; never glue ours onto it. The write
+      // descriptor cannot read, so a second one looks, after checking it is the same file.
+      struct stat rs;
+      UniqueFd reader = openLog(url_, O_RDONLY, rs);
+      char last = '\n';
+      if (reader && rs.st_dev == st.st_dev && rs.st_ino == st.st_ino &&
+          ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 && last != '\n') {
+        buffer.insert(buffer.begin(), '\n');
+      }
+    }
+    // One write per batch, so concurrent appenders never interleave inside a line. A short write
+    // (a full disk) leaves a torn tail that readers skip and the next append steps over.
+    ssize_t n;
+    do {
+      n = ::write(fd.get(), buffer.data(), buffer.size());
+    } while (n < 0 && errno == EINTR);
+    // Removals for good are worth a flush: their record is all that is left of the files.
+    if (n > 0 && durable) platform::fullSync(fd.get());
+  } catch (const std::exception&) {
+    // Out of memory while encoding: the records are lost, as with any other write failure.
+  }
+}
+
+std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
+  std::vector<AuditEntry> out;
+  if (limit == 0) return out;
+  struct stat st;
+  UniqueFd fd = openLog(url_, O_RDONLY, st);
+  if (!fd) return out;
+  // Walk backwards block by block; `carry` holds the start of a line whose beginning is further
+  // back.
+  off_t pos = st.st_size;
+  std::string carry;
+  bool carryTooLong = false;
+  std::string block;
+  auto take = [&](std::string_view line) {
+    if (auto e = decodeAuditLine(line)) out.push_back(std::move(*e));
+  };
+  while (pos > 0 && out.size() < limit) {
+    const size_t n = static_cast<size_t>(std::min<off_t>(pos, static_cast<off_t>(kBlock)));
+    pos -= static_cast<off_t>(n);
+    block.resize(n);
+    size_t got = 0;
+    while (got < n) {
+      const ssize_t r =
+          ::pread(fd.get(), block.data() + got, n - got, pos + static_cast<off_t>(got));
+      if (r < 0 && errno == EINTR) continue;
+      if (r <= 0) return out;
+      got += static_cast<size_t>(r);
+    }
+    std::string data = block + carry;
+    size_t end = data.size();
+    for (;;) {
+      const size_t nl = end == 0 ? std::string::npos : data.rfind('\n', end - 1);
+      if (nl == std::string::npos) break;
+      const bool skip = carryTooLong && end == data.size();
+      if (!skip) take(std::string_view(data).substr(nl + 1, end - nl - 1));
+      if (end == data.size()) carryTooLong = false;
+      end = nl;
+      if (out.size() >= limit) return out;
+    }
+    carry.assign(data, 0, end);
+    if (carry.size() > kMaxLine) {
+      carry.clear();
+      carryTooLong = true;
+    }
+  }
+  if (pos == 0 && !carryTooLong && out.size() < limit) take(carry);
+  return out;
+}
+
+int64_t AuditLog::lifetimeFreed() const {
+  struct stat st;
+  UniqueFd fd = openLog(url_, O_RDONLY, st);
+  if (!fd) return 0;
+  int64_t total = 0;
+  std::string buf(kBlock, '\0');
+  std::string carry;
+  bool skipping = false;  // inside a line longer than kMaxLine
+  for (;;) {
+    const ssize_t r = ::read(fd.get(), buf.data(), buf.size());
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) break;
+    std::string_view chunk(buf.data(), static_cast<size_t>(r));
+    size_t start = 0;
+    for (;;) {
+      const size_t nl = chunk.find('\n', start);
+      if (nl == std::string_view::npos) break;
+      std::string_view piece = chunk.substr(start, nl - start);
+      if (skipping) {
+        skipping = false;
+      } else if (!carry.empty()) {
+        carry.append(piece);
+        countLine(carry, total);
+        carry.clear();
+      } else {
+        countLine(piece, total);
+      }
+      start = nl + 1;
+    }
+    if (!skipping) carry.append(chunk.substr(start));
+    if (carry.size() > kMaxLine) {
+      carry.clear();
+      skipping = true;
+    }
+  }
+  if (!skipping) countLine(carry, total);
+  return total;
+}
+
+}  // namespace kestrel

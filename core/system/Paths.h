@@ -1,0 +1,94 @@
+// Paths: the one place that knows where the system keeps its data, all derived from one home folder.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace kestrel {
+
+namespace fs = std::filesystem;
+
+// Fixed identity strings of the product.
+struct AppInfo {
+  static constexpr std::string_view name = "orvo Kestrel";
+  static constexpr std::string_view bundleID = "com.orvo.kestrel";
+  static constexpr std::string_view agentLabel = "com.orvo.kestrel.agent";
+  static constexpr std::string_view legacyName = "Halcyra";
+};
+
+// Lexically standardised absolute path: "." and ".." resolved, doubled and trailing slashes removed.
+fs::path standardizedPath(const fs::path& p);
+// The standardised path with every symbolic link resolved, when it exists; else as standardised.
+fs::path realFolderPath(const fs::path& p);
+
+class Paths {
+ public:
+  // The home folder is resolved once to its real path (when it exists): that real folder is the
+  // trusted anchor every walk and removal starts from, however HOME reaches it.
+  explicit Paths(const fs::path& home);
+
+  // HOME when set and absolute, else the password database's entry for the current user.
+  static Paths fromEnvironment();
+
+  const fs::path& home() const { return home_; }
+  fs::path library() const { return home_ / "Library"; }
+  fs::path lib(std::string_view component) const { return library() / fs::path(component); }
+  fs::path supportDir() const { return lib("Application Support") / AppInfo::name; }
+  fs::path legacySupportDir() const { return lib("Application Support") / AppInfo::legacyName; }
+
+  // Every file the system keeps in its support folder.
+  fs::path configFile() const { return supportFile("config.json"); }
+  fs::path rulesFile() const { return supportFile("rules.json"); }
+  fs::path lockFile() const { return supportFile("agent.lock"); }
+  fs::path auditFile() const { return supportFile("audit.jsonl"); }
+  fs::path agentStateFile() const { return supportFile("agent-state.json"); }
+  fs::path spaceHistoryFile() const { return supportFile("space-history.json"); }
+  fs::path growthSnapshotsFile() const { return supportFile("growth-snapshots.json"); }
+  fs::path persistenceBaselineFile() const { return supportFile("persistence-baseline.json"); }
+  fs::path shredderSettingsFile() const { return supportFile("shredder.json"); }
+  fs::path shredderReviewFile() const { return supportFile("shredder-review.json"); }
+  fs::path shredderHistoryFile() const { return supportFile("shredder-history.jsonl"); }
+  fs::path shredderIndexFile() const { return supportFile("shredder-index.json"); }
+  // The lock file held around one read-modify-write of `store` ("<store>.lock" beside it; never
+  // removed, so two writers always lock the same file).
+  static fs::path lockFileFor(const fs::path& store) { return fs::path(store) += ".lock"; }
+  // A privileged session's own folder ("priv-<token>").
+  fs::path privilegedSessionDir(std::string_view token) const {
+    return supportDir() / ("priv-" + std::string(token));
+  }
+
+  // The quarantine: one folder per session holding the moved items, the manifest and, while the
+  // session changes, its journal; one lock file for the whole store.
+  fs::path quarantineDir() const { return supportDir() / "Quarantine"; }
+  fs::path quarantineLockFile() const { return quarantineDir() / kQuarantineLockName; }
+  fs::path quarantineSessionDir(std::string_view id) const { return quarantineDir() / id; }
+  static constexpr std::string_view kQuarantineItemsName = "items";
+  static constexpr std::string_view kQuarantineManifestName = "manifest.json";
+  static constexpr std::string_view kQuarantineJournalName = "journal.jsonl";
+  static constexpr std::string_view kQuarantineLockName = ".lock";
+  // Where items the quarantine found without a record are restored to.
+  fs::path recoveredItemsDir(std::string_view sessionID) const { return home_ / "Recovered Items" / sessionID; }
+
+  fs::path logDir() const { return lib("Logs") / AppInfo::name; }
+  fs::path agentLogFile() const { return logDir() / "agent.log"; }
+  fs::path shredderLogFile() const { return logDir() / "shredder.log"; }
+  fs::path launchAgentPlist() const {
+    return lib("LaunchAgents") / (std::string(AppInfo::agentLabel) + ".plist");
+  }
+
+  // Moves the earlier product's folder into place when only it exists. Never fails: a failed
+  // move leaves both folders as they were.
+  void migrateLegacySupportDir() const noexcept;
+  // Runs the migration, then creates the quarantine and log folders. Throws fs::filesystem_error.
+  void ensureSupportDirs() const;
+
+  bool operator==(const Paths&) const = default;
+
+ private:
+  fs::path supportFile(std::string_view name) const { return supportDir() / name; }
+
+  fs::path home_;
+};
+
+}  // namespace kestrel

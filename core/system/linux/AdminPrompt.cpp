@@ -1,0 +1,10 @@
+// The administrator prompt on Linux: polkit's pkexec running the command through /bin/sh.
+#include "core/system/AdminPrompt.h"
+
+namespace kestrel::platform {
+
+Shell::Result runAsAdministrator(const std::string& shellCommand, const std::string&, double timeout) {
+  return Shell::run("pkexec", {"/bin/sh", "-c", shellCommand}, timeout);
+}
+
+}  // namespace kestrel::platform

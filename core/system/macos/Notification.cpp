@@ -1,0 +1,12 @@
+// User notifications on macOS: osascript "display notification".
+#include "core/system/Notification.h"
+
+#include "core/system/Shell.h"
+
+namespace kestrel::platform {
+
+void postNotification(const std::string& title, const std::string& body) {
+  (void)Shell::run("osascript", {"-e", notificationScript(title, body)}, 10);  // best effort
+}
+
+}  // namespace kestrel::platform

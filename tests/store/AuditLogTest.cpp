@@ -1,0 +1,307 @@
+// Audit log: record forms, appends (torn tails, several processes, odd files), tolerant reads,
+// lifetime total.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "core/store/AuditLog.h"
+#include "core/store/JSONStore.h"
+#include "core/base/UniqueFd.h"
+#include "tests/support/Processes.h"
+#include "tests/support/ScratchHome.h"
+
+namespace kestrel {
+namespace {
+
+using test::ScratchHome;
+
+const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
+constexpr const char* kId = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
+
+AuditEntry entry(std::string action, int64_t size, bool success = true) {
+  return AuditEntry::make(kNow, std::move(action), "/Users/me/Library/Caches/x", size,
+                          CleanCategory::userCaches, TriggerSource::manual(), success);
+}
+
+void appendRaw(const fs::path& file, const std::string& text) {
+  fs::create_directories(file.parent_path());
+  std::ofstream(file, std::ios::binary | std::ios::app) << text;
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream in(text);
+  for (std::string l; std::getline(in, l);) out.push_back(l);
+  return out;
+}
+
+TEST(AuditEntry, GoldenTextsAndRoundTrips) {
+  struct Case {
+    AuditEntry e;
+    const char* json;
+  };
+  AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete",
+                  "/Users/me/Library/Caches/é x", 4096, CleanCategory::logs,
+                  TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
+  AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt,
+                  TriggerSource::manual(), true, std::nullopt};
+  const Case cases[] = {
+      {full,
+       R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")"
+       "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"
+       R"(","message":"Permission denied","size":4096,"success":false,)"
+       R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})"},
+      {bare,
+       R"({"action":"purge","date":"2026-03-01T09:30:00Z","id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
+       R"("size":10,"success":true,"target":"expired quarantine","trigger":{"manual":{}}})"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.json);
+    const std::string text = JsonText::compact(toJson(c.e));
+    EXPECT_EQ(text, c.json);
+    auto back = decodeAuditLine(text);
+    ASSERT_TRUE(back);
+    AuditEntry expected = c.e;
+    expected.date = kNow;  // whole seconds on disk
+    EXPECT_EQ(*back, expected);
+  }
+}
+
+TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
+  ScratchHome h;
+  AuditLog log(h.paths());
+  log.append({});
+  EXPECT_FALSE(fs::exists(log.url().parent_path()));
+  log.append({entry("delete", 1), entry("trash", 2)});
+  EXPECT_EQ(lines(test::readText(log.url())).size(), 2u);
+  EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all),
+            fs::perms::owner_read | fs::perms::owner_write);
+  auto recent = log.recent(10);
+  ASSERT_EQ(recent.size(), 2u);
+  EXPECT_EQ(recent[0].action, "trash");  // newest first
+  EXPECT_EQ(log.recent(1).size(), 1u);
+  EXPECT_EQ(log.recent(1)[0].action, "trash");
+  EXPECT_TRUE(log.recent(0).empty());
+}
+
+TEST(AuditLog, ReadsPastDamageAndOverlongLinesAndNeverGluesOntoATornLine) {
+  ScratchHome h;
+  AuditLog log(h.paths());
+  log.append({entry("delete", 1)});
+  appendRaw(log.url(), "this is not json\n\n   \n{\"action\":\"delete\"}\n");
+  appendRaw(log.url(), std::string(AuditLog::kMaxLine * 3 + 17, 'z') + "\n");
+  log.append({entry("trash", 2)});
+  // A writer killed mid-line: no line feed at the end.
+  appendRaw(log.url(), JsonText::compact(toJson(entry("purge", 1000))).substr(0, 40));
+  EXPECT_EQ(log.recent(10).size(), 2u);
+  EXPECT_EQ(log.lifetimeFreed(), 3);
+  log.append({entry("command", 4)});
+  const auto all = lines(test::readText(log.url()));
+  EXPECT_TRUE(decodeAuditLine(all.back()));  // the new record starts on a fresh line
+  auto recent = log.recent(10);
+  ASSERT_EQ(recent.size(), 3u);
+  EXPECT_EQ(recent[0].action, "command");
+  EXPECT_EQ(recent[2].action, "delete");
+  EXPECT_EQ(log.lifetimeFreed(), 7);
+}
+
+TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
+  struct Case {
+    const char* what;
+    std::vector<AuditEntry> entries;
+    int64_t expected;
+  };
+  const Case cases[] = {
+      {"the four counted actions",
+       {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
+       1111},
+      {"quarantine and restore do not count",
+       {entry("quarantine", 5), entry("restore", 5), entry("delete", 1)},
+       1},
+      {"failed delete does not count", {entry("delete", 50, false), entry("delete", 2)}, 2},
+      {"case-sensitive", {entry("Delete", 50), entry("TRASH", 50)}, 0},
+      {"negative sizes are summed as given", {entry("delete", -5), entry("delete", 8)}, 3},
+      {"an overflowing record is skipped",
+       {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)},
+       INT64_MAX},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    AuditLog log(h.paths());
+    log.append(c.entries);
+    EXPECT_EQ(log.lifetimeFreed(), c.expected);
+  }
+  ScratchHome empty;
+  EXPECT_EQ(AuditLog(empty.paths()).lifetimeFreed(), 0);
+}
+
+TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
+  // Each line is alone in a log; the expected total is what the full decoder says it is worth.
+  const std::string base = JsonText::compact(toJson(AuditEntry{
+      kId, kNow, "delete", "/x", 7, std::nullopt, TriggerSource::manual(), true, std::nullopt}));
+  auto with = [&](const std::string& from, const std::string& to) {
+    std::string s = base;
+    s.replace(s.find(from), from.size(), to);
+    return s;
+  };
+  const std::string cases[] = {
+      base,
+      with("\"size\":7", "\"size\":7.0"),
+      with("\"size\":7", "\"size\":7.5"),
+      with("\"size\":7", "\"size\":07"),
+      with("\"size\":7", "\"size\":1e3"),
+      with("\"size\":7", "\"size\":99999999999999999999"),
+      with("\"size\":7", "\"size\":\"7\""),
+      with("\"action\":\"delete\"", "\"action\":\"del\\u0065te\""),
+      with("\"action\":\"delete\"", "\"action\":\"delete\",\"action\":\"restore\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"caf\xC3\xA9 \\\"q\\\"\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \xC3\x28 utf8\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udcff\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udc7f\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"bad \\ud800\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"ctl \x01\""),
+      with("\"target\":\"\\/x\"", "\"target\":\"esc \\q\""),
+      with("\"target\":\"\\/x\"", "\"target\":null"),
+      with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"manual\":{},\"x\":{}}"),
+      with("\"trigger\":{\"manual\":{}}", "\"trigger\": { \"manual\" : { } }"),
+      with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"uninstall\":{\"appName\":\"A\"}}"),
+      with("\"id\":\"E621", "\"id\":\"X621"),
+      with("\"date\":\"2026-03-01T09:30:00Z\"", "\"date\":\"2026-03-01 09:30\""),
+      with("\"success\":true", "\"success\":1"),
+      with(",\"success\":true", ""),
+      with("\"success\":true", "\"success\":true,\"category\":\"logs\""),
+      with("\"success\":true", "\"success\":true,\"category\":\"nonsense\""),
+      with("\"success\":true", "\"success\":true,\"category\":null"),
+      with("\"success\":true", "\"success\":true,\"message\":null,\"extra\":[1,2]"),
+      base + " ",
+      base + "x",
+      " " + base,
+  };
+  for (const auto& line : cases) {
+    SCOPED_TRACE(line);
+    auto full = decodeAuditLine(line);
+    const int64_t expected = full && full->success && full->action == "delete" ? full->size : 0;
+    ScratchHome h;
+    AuditLog log(h.paths());
+    appendRaw(log.url(), line + "\n");
+    EXPECT_EQ(log.lifetimeFreed(), expected);
+  }
+}
+
+TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
+  enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder, danglingLink };
+  struct Case {
+    const char* what;
+    Put put;
+  };
+  const Case cases[] = {
+      {"a link to a file elsewhere", Put::linkToFile}, {"a FIFO", Put::fifo},
+      {"a FIFO someone reads", Put::fifoWithReader}, {"a link to a FIFO", Put::linkToFifo},
+      {"a folder", Put::folder}, {"a link that leads nowhere", Put::danglingLink},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScratchHome h;
+    AuditLog log(h.paths());
+    const fs::path elsewhere = h.outside("dotfiles") / "audit.jsonl";
+    fs::create_directories(log.url().parent_path());
+    UniqueFd reader;
+    switch (c.put) {
+      case Put::linkToFile:
+        appendRaw(elsewhere, JsonText::compact(toJson(entry("trash", 5))) + "\n");
+        fs::create_symlink(elsewhere, log.url());
+        break;
+      case Put::fifo:
+      case Put::fifoWithReader:
+        ASSERT_EQ(::mkfifo(log.url().c_str(), 0600), 0);
+        if (c.put == Put::fifoWithReader)
+          reader.reset(::open(log.url().c_str(), O_RDONLY | O_NONBLOCK));
+        break;
+      case Put::linkToFifo:
+        ASSERT_EQ(::mkfifo(elsewhere.c_str(), 0600), 0);
+        fs::create_symlink(elsewhere, log.url());
+        break;
+      case Put::folder:
+        h.file("Library/Application Support/orvo Kestrel/audit.jsonl/inside", 3);
+        break;
+      case Put::danglingLink:
+        fs::create_symlink(elsewhere, log.url());
+        break;
+    }
+    // Each call returns at once: none of them may wait for a FIFO's other end.
+    log.append({entry("delete", 1)});
+    if (c.put == Put::linkToFile) {
+      EXPECT_TRUE(fs::is_symlink(log.url()));
+      EXPECT_EQ(lines(test::readText(elsewhere)).size(), 2u);
+      EXPECT_EQ(log.recent(10).size(), 2u);
+      EXPECT_EQ(log.lifetimeFreed(), 6);
+      continue;
+    }
+    EXPECT_TRUE(log.recent(10).empty());
+    EXPECT_EQ(log.lifetimeFreed(), 0);
+    if (reader) {
+      char b;
+      EXPECT_LE(::read(reader.get(), &b, 1), 0);  // nothing was written into the pipe
+    }
+    if (c.put == Put::folder) {
+      EXPECT_EQ(test::readText(log.url() / "inside"), "xxx");
+    }
+    EXPECT_EQ(test::lexists(elsewhere), c.put == Put::linkToFifo);  // never made through a link
+  }
+}
+
+TEST(AuditLog, NamesThatAreOnlyBytesAreCountedAndReadBack) {
+  ScratchHome h;
+  AuditLog log(h.paths());
+  AuditEntry escaped = entry("delete", 40);
+  escaped.target = "/Users/me/Library/Caches/bad\xff";
+  log.append({escaped});
+  EXPECT_NE(test::readText(log.url()).find(R"(Caches\/bad\udcff")"), std::string::npos);
+  // A record as earlier versions wrote it, with the raw byte.
+  AuditEntry raw = entry("trash", 2);
+  raw.target = "/Users/me/raw\xfe";
+  appendRaw(log.url(),
+            "{\"action\":\"trash\",\"date\":\"2026-03-01T09:30:00Z\",\"id\":\"" + raw.id +
+                "\",\"size\":2,\"success\":true,\"target\":\"/Users/me/raw\xfe\","
+                "\"trigger\":{\"manual\":{}}}\n");
+  EXPECT_EQ(log.lifetimeFreed(), 42);
+  const auto recent = log.recent(10);
+  ASSERT_EQ(recent.size(), 2u);
+  EXPECT_EQ(recent[0].target, raw.target);
+  EXPECT_EQ(recent[1].target, escaped.target);
+}
+
+TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
+  ScratchHome h;
+  constexpr int kProcesses = 8, kRecords = 1000;
+  const auto writer = [&](int p) {
+    AuditLog log(h.paths());
+    for (int i = 0; i < kRecords; ++i) {
+      AuditEntry e = entry("delete", 1);
+      e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
+                 std::string(static_cast<size_t>(i % 300), 'p');
+      log.append({e});
+    }
+  };
+  EXPECT_EQ(test::inChildProcesses(kProcesses, writer), kProcesses);
+  AuditLog log(h.paths());
+  // A writer that looks at the last byte while another's record is still landing starts its own
+  // with a spare line feed: blank lines are allowed (and skipped), torn or merged ones are not.
+  auto all = lines(test::readText(log.url()));
+  std::erase(all, std::string());
+  EXPECT_EQ(all.size(), static_cast<size_t>(kProcesses * kRecords));
+  size_t decodable = 0;
+  for (const auto& l : all) decodable += decodeAuditLine(l).has_value();
+  EXPECT_EQ(decodable, static_cast<size_t>(kProcesses * kRecords));
+  EXPECT_EQ(log.lifetimeFreed(), kProcesses * kRecords);
+  EXPECT_EQ(log.recent(100000).size(), static_cast<size_t>(kProcesses * kRecords));
+}
+
+}  // namespace
+}  // namespace kestrel
