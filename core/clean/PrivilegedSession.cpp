@@ -179,7 +179,7 @@ void PrivilegedSession::discardFolder() {
 bool PrivilegedSession::start() {
   discardFolder();
   try {
-    dir_ = paths_.supportDir() / ("priv-" + randomHexToken(16));
+    dir_ = paths_.privilegedSessionDir(randomHexToken(16));
     std::filesystem::create_directories(paths_.supportDir());
     if (::mkdir(dir_->c_str(), 0700) != 0) {
       dir_.reset();

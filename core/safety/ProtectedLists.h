@@ -16,13 +16,15 @@ using TopLevelFolders::kHomeTopLevel;
 
 
 // Protected personal data, relative to the home folder: the path and everything overlapping it.
-inline constexpr std::array<std::string_view, 25> kHomeBlocked = {
+// The system's own support folder and launch agent are protected the same way (SafetyPolicy adds
+// them from Paths).
+inline constexpr std::array<std::string_view, 23> kHomeBlocked = {
     "Library/Keychains", "Library/Messages", "Library/Mail", "Library/Calendars",
     "Library/Application Support/AddressBook", "Library/Application Support/CallHistoryDB",
     "Library/Application Support/MobileSync/Backup/.lock", "Library/Safari", "Library/Accounts",
     "Library/Cookies/Cookies.binarycookies", "Library/Group Containers/group.com.apple.notes",
     "Library/Containers/com.apple.Notes", "Library/Photos", "Library/Autosave Information",
-    "Library/Application Support/orvo Kestrel", "Library/LaunchAgents/com.orvo.kestrel.agent.plist", ".ssh",
+    ".ssh",
     ".gnupg", ".aws", ".kube", ".config/gcloud", ".docker/config.json", ".zshrc", ".bashrc", ".gitconfig"};
 
 // System locations: never touched, at or under any of these.

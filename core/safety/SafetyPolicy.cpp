@@ -200,6 +200,9 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
   for (auto rel : ProtectedLists::kHomeTopLevel) topLevel_.push_back(joinHome(home_, rel));
   for (auto abs : ProtectedLists::kAbsoluteTopLevel) topLevel_.emplace_back(abs);
   for (auto rel : ProtectedLists::kHomeBlocked) homeBlocked_.push_back(joinHome(home_, rel));
+  // The system's own data and launch agent.
+  homeBlocked_.push_back(paths_.supportDir().string());
+  homeBlocked_.push_back(paths_.launchAgentPlist().string());
 }
 
 bool SafetyPolicy::isUserWritable(const std::string& path) const {
