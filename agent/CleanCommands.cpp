@@ -2,7 +2,6 @@
 #include "agent/Commands.h"
 #include "core/clean/Cleaner.h"
 #include "core/scan/ScanEngine.h"
-#include "core/schedule/ScheduledRunner.h"
 #include "core/model/AppConfig.h"
 #include "core/store/ConfigStore.h"
 #include "core/base/ByteFormat.h"
@@ -45,17 +44,15 @@ int runClean(Context& context) {
     context.out << "Protected path " << entry
                 << " is not an absolute path or ~ path; it may not protect what you meant.\n";
   }
-  const ScanEngine engine(context.paths, config, context.now);
+  const ScanEngine engine(context.paths, config, context.services);
   std::vector<ScanItem> items;
   for (const auto& result : engine.scan({*category}))
     for (const auto& item : result.items)
       if (item.risk <= limit) items.push_back(item);
 
-  Cleaner::Services services;
-  services.now = context.now;
-  Cleaner cleaner(context.paths, config, services);
+  Cleaner cleaner(context.paths, config, context.services);
   const CleanReport report = cleaner.clean(items, TriggerSource::manual(), dryRun, std::nullopt);
-  context.out << ScheduledRunner::summarize(report, dryRun) << '\n';
+  context.out << report.summary(dryRun) << '\n';
   for (const auto& f : report.failures) context.out << "  failed: " << f.itemID << ": " << f.message << '\n';
   context.out.flush();
   return 0;
@@ -75,9 +72,7 @@ int runQuarantine(Context& context) {
         context.out << "usage: quarantine restore <id>\n";
         return 2;
       }
-      Cleaner::Services services;
-      services.now = context.now;
-      Cleaner cleaner(context.paths, ConfigStore(context.paths).load(), services);
+      Cleaner cleaner(context.paths, ConfigStore(context.paths).load(), context.services);
       const auto failures = cleaner.restore(context.args[1]);
       if (failures.empty()) {
         context.out << "Restored.\n";

@@ -35,10 +35,10 @@ std::string usageText() {
          "  shred-watch | shred-now | shred-history\n";
 }
 
-int runAgent(std::vector<std::string> args, const Paths& paths, std::ostream& out) {
+int runAgent(std::vector<std::string> args, const Paths& paths, std::ostream& out, const Services& services) {
   const std::string command = args.empty() ? "help" : args.front();
   if (!args.empty()) args.erase(args.begin());
-  Context ctx{std::move(args), paths, out};
+  Context ctx{std::move(args), paths, out, services.withDefaults()};
   for (const auto& c : commandTable()) {
     if (c.word == command) return c.handler(ctx);
   }

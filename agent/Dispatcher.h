@@ -3,6 +3,7 @@
 
 #include "core/base/Dates.h"
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 
 #include <functional>
 #include <optional>
@@ -19,7 +20,9 @@ struct Context {
   std::vector<std::string> args;
   Paths paths;
   std::ostream& out;
-  std::function<Date()> now = [] { return std::chrono::system_clock::now(); };
+  Services services = Services{}.withDefaults();
+
+  Date now() const { return services.now(); }
 
   // The argument right after the first one equal to `name`; nothing when absent or last.
   std::optional<std::string> option(std::string_view name) const;
@@ -44,6 +47,7 @@ const std::vector<Command>& commandTable();
 std::string usageText();
 
 // Runs one agent invocation. `args` excludes the program path. Returns the exit status.
-int runAgent(std::vector<std::string> args, const Paths& paths, std::ostream& out);
+// `services` (the real ones by default) reach every core object a command builds.
+int runAgent(std::vector<std::string> args, const Paths& paths, std::ostream& out, const Services& services = {});
 
 }  // namespace kestrel::agent

@@ -37,7 +37,7 @@ int runScan(Context& context) {
   std::set<CleanCategory> categories;
   for (CleanCategory c : allCategories())
     if (selectedByDefault(c)) categories.insert(c);
-  const ScanEngine engine(context.paths, config, context.now);
+  const ScanEngine engine(context.paths, config, context.services);
   const auto results = engine.scan(categories);
 
   if (context.flag("--json")) {

@@ -97,16 +97,15 @@ int main(int argc, char** argv) {
     items.push_back(std::move(item));
   }
   // Nothing here needs administrator rights; a prompt would be a fault, so it always declines.
-  PrivilegedSession session(paths, [](const std::string&, const std::string&, double) {
+  Services services;
+  services.adminPrompt = [](const std::string&, const std::string&, double) {
     return Shell::Result{1, "", "declined by the benchmark"};
-  });
+  };
+  PrivilegedSession session(paths, services);
   AdminQueue queue;
-  Cleaner::Services services;
-  services.session = &session;
-  services.queue = &queue;
 
   const auto start = Clock::now();
-  Cleaner cleaner(paths, AppConfig{}, services);
+  Cleaner cleaner(paths, AppConfig{}, services, &session, &queue);
   const CleanReport report = cleaner.clean(items, TriggerSource::manual(), false, Disposal::delete_);
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   std::printf("items=%zu processed=%lld failures=%zu skipped=%zu deferred=%lld seconds=%.3f\n", items.size(),

@@ -84,15 +84,14 @@ int main(int argc, char** argv) {
     for (const auto& result : ScanEngine(paths, config).scan({CleanCategory::logs}))
       for (const auto& item : result.items) items.push_back(item);
     // Nothing here needs administrator rights; a prompt would be a fault, so it always declines.
-    PrivilegedSession session(paths, [](const std::string&, const std::string&, double) {
+    Services services;
+    services.adminPrompt = [](const std::string&, const std::string&, double) {
       return Shell::Result{1, "", "declined by the benchmark"};
-    });
+    };
+    PrivilegedSession session(paths, services);
     AdminQueue queue;
-    Cleaner::Services services;
-    services.session = &session;
-    services.queue = &queue;
     const auto start = Clock::now();
-    Cleaner cleaner(paths, config, services);
+    Cleaner cleaner(paths, config, services, &session, &queue);
     const CleanReport report = cleaner.clean(items, TriggerSource::manual(), false, std::nullopt);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::printf(

@@ -37,24 +37,17 @@ bool Cleaner::isPermissionError(const std::error_code& ec) {
   return ec == std::errc::permission_denied || ec == std::errc::operation_not_permitted;
 }
 
-Cleaner::Cleaner(Paths paths, AppConfig config) : Cleaner(std::move(paths), std::move(config), Services{}) {}
-
-Cleaner::Cleaner(Paths paths, AppConfig config, Services services)
+Cleaner::Cleaner(Paths paths, AppConfig config, const Services& services, PrivilegedSession* session,
+                 AdminQueue* queue)
     : paths_(paths),
       config_(std::move(config)),
-      policy_(paths, config_.protectedPaths),
-      quarantine_(paths),
+      policy_(paths, config_.protectedPaths, services),
+      quarantine_(paths, services),
       audit_(paths),
       remover_(paths.home()),
-      services_(std::move(services)) {
-  if (!services_.runCommand) services_.runCommand = [](const std::string& e, const std::vector<std::string>& a, double t) {
-    return Shell::run(e, a, t);
-  };
-  if (!services_.evict) services_.evict = [p = paths_](const fs::path& url) { CloudEvictor::evict(url, p); };
-  if (!services_.session) services_.session = &PrivilegedSession::shared(paths_);
-  if (!services_.queue) services_.queue = &AdminQueue::shared();
-  if (!services_.now) services_.now = [] { return std::chrono::system_clock::now(); };
-}
+      services_(services.withDefaults()),
+      session_(session ? session : &PrivilegedSession::shared(paths_)),
+      queue_(queue ? queue : &AdminQueue::shared()) {}
 
 CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSource& trigger, bool dryRun,
                            std::optional<Disposal> disposalOverride, const Progress& progress) {
@@ -68,7 +61,7 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
           ++pass.report.itemsProcessed;
           if (dryRun) break;
           const auto& command = item.target.command;
-          const Shell::Result r = services_.runCommand(command.executable, command.arguments, 600);
+          const Shell::Result r = services_.run(command.executable, command.arguments, 600);
           const std::string message = r.stderr.empty() ? "exit " + std::to_string(r.status) : r.stderr;
           if (r.ok()) addChecked(pass.report.freedBytes, item.size);
           else pass.report.failures.push_back({item.id, message});
@@ -90,7 +83,7 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
           addChecked(pass.report.evictedBytes, item.size);
           ++pass.report.itemsProcessed;
           if (dryRun) break;
-          services_.evict(path);
+          CloudEvictor::evict(path, paths_, services_);
           pass.audit.push_back(AuditEntry::make(pass.now, "evict", path, item.size, item.category, trigger, true));
           break;
         }
@@ -207,7 +200,7 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
 
     if (CloudFiles::isDataless(real)) {
       // No local data: the cloud service's own removal, retried while it is busy.
-      CloudFiles::remove(real, 4);
+      CloudFiles::remove(real, 4, services_);
       addChecked(pass.report.freedBytes, item.size);
       ++pass.report.itemsProcessed;
       pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
@@ -278,7 +271,7 @@ void Cleaner::runAdminStep(Pass& pass) {
   if (allowed.empty()) return;
   if (config_.queueAdminRemovals) {
     for (const auto& item : allowed) {
-      services_.queue->enqueue(item);
+      queue_->enqueue(item);
       ++pass.report.deferredAdmin;
       pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size, item.category, pass.trigger,
                                             true, "needs admin — queued"));
@@ -287,7 +280,7 @@ void Cleaner::runAdminStep(Pass& pass) {
   }
   std::vector<std::string> paths;
   for (const auto& item : allowed) paths.push_back(*item.path());
-  const Shell::Result r = AdminRunner::remove(*services_.session, paths);
+  const Shell::Result r = AdminRunner::remove(*session_, paths);
   const std::string output = r.ok() ? "" : (r.stderr.empty() ? r.stdout : r.stderr);
   for (const auto& item : allowed) {
     const std::string path = *item.path();

@@ -12,6 +12,7 @@
 #include "core/model/AppConfig.h"
 #include "core/store/AuditLog.h"
 #include "core/system/SafeRemove.h"
+#include "core/system/Services.h"
 #include "core/system/Shell.h"
 
 #include <functional>
@@ -39,18 +40,12 @@ class CleanerError : public std::runtime_error {
 
 class Cleaner {
  public:
-  // Seams for tests; every default is the real thing.
-  struct Services {
-    std::function<Shell::Result(const std::string&, const std::vector<std::string>&, double)> runCommand;
-    std::function<void(const std::filesystem::path&)> evict;
-    PrivilegedSession* session = nullptr;  // default: the shared session of this home
-    AdminQueue* queue = nullptr;           // default: the shared queue
-    std::function<Date()> now;
-  };
   using Progress = std::function<void(size_t done, size_t total)>;
 
-  Cleaner(Paths paths, AppConfig config);
-  Cleaner(Paths paths, AppConfig config, Services services);
+  // `session` and `queue` default to the shared privileged session of this home and the shared
+  // admin queue of this process.
+  Cleaner(Paths paths, AppConfig config, const Services& services = {}, PrivilegedSession* session = nullptr,
+          AdminQueue* queue = nullptr);
 
   // Handles every item in order and never throws: each problem becomes a CleanFailure. A dry run
   // touches nothing, opens no quarantine session, writes no audit records, and reports what it
@@ -78,6 +73,8 @@ class Cleaner {
   AuditLog audit_;
   SafeRemover remover_;
   Services services_;
+  PrivilegedSession* session_;
+  AdminQueue* queue_;
 };
 
 }  // namespace kestrel

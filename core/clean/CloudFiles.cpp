@@ -17,9 +17,10 @@ namespace CloudFiles {
 
 bool isDataless(const fs::path& url) noexcept { return platform::isDataless(url); }
 
-void remove(const fs::path& url, int attempts, const RemoveHooks& hooks) {
-  const auto wait = hooks.wait ? hooks.wait : [](std::chrono::duration<double> d) { std::this_thread::sleep_for(d); };
-  const auto removeItem = hooks.removeItem ? hooks.removeItem : [](const fs::path& p) { platform::coordinatedRemove(p); };
+void remove(const fs::path& url, int attempts, const Services& given) {
+  const Services services = given.withDefaults();
+  const auto& wait = services.sleep;
+  const auto& removeItem = services.removeCloudItem;
   const fs::path placeholder = url.parent_path() / ("." + url.filename().string() + ".icloud");
   std::optional<fs::filesystem_error> lastError;
   for (int n = 0; n < attempts; ++n) {
@@ -61,7 +62,8 @@ std::string provider(const std::string& path, const Paths& paths) {
   return CloudRoots::providerName(path, paths.home());
 }
 
-void evict(const fs::path& url, const Paths& paths) {
+void evict(const fs::path& url, const Paths& paths, const Services& given) {
+  const Services services = given.withDefaults();
   const std::string path = url.string();
   const auto roots = cloudRoots(paths);
   const fs::path* holder = nullptr;
@@ -72,7 +74,7 @@ void evict(const fs::path& url, const Paths& paths) {
     }
   if (!holder) throw EvictError::notInCloudFolder();
   if (holder != &roots.front()) {
-    const auto r = Shell::run("fileproviderctl", {"evict", path}, 60);
+    const auto r = services.run("fileproviderctl", {"evict", path}, 60);
     if (r.ok()) return;
     std::string message = r.stderr;
     while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
@@ -80,7 +82,7 @@ void evict(const fs::path& url, const Paths& paths) {
   }
   const auto platformError = platform::evictUbiquitousItem(url);
   if (!platformError) return;
-  const auto r = Shell::run("brctl", {"evict", path}, 60);
+  const auto r = services.run("brctl", {"evict", path}, 60);
   if (r.ok()) return;
   throw EvictError::failed(*platformError);
 }

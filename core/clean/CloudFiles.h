@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 
 #include <chrono>
 #include <functional>
@@ -16,15 +17,10 @@ namespace CloudFiles {
 // True when the item's data is not on this machine (always false where there are no placeholders).
 bool isDataless(const fs::path& url) noexcept;
 
-// How `remove` waits between attempts and removes one item; tests replace both.
-struct RemoveHooks {
-  std::function<void(std::chrono::duration<double>)> wait;
-  std::function<void(const fs::path&)> removeItem;
-};
 // Removes the item and its ".<name>.icloud" placeholder, retrying up to `attempts` times with
 // waits of 0.25 s, 0.5 s, 1 s … before the second, third, fourth attempt. Throws the last removal
 // error, or a filesystem_error (directory_not_empty) when the item stayed without an error.
-void remove(const fs::path& url, int attempts, const RemoveHooks& hooks = {});
+void remove(const fs::path& url, int attempts, const Services& services = {});
 
 }  // namespace CloudFiles
 
@@ -48,7 +44,7 @@ std::string provider(const std::string& path, const Paths& paths);
 // Drops the local copy, keeping the cloud copy: "fileproviderctl evict <path>" for provider
 // folders, the platform's eviction and then "brctl evict <path>" for iCloud Drive (60 s each).
 // Throws EvictError; never deletes anything.
-void evict(const fs::path& url, const Paths& paths);
+void evict(const fs::path& url, const Paths& paths, const Services& services = {});
 
 }  // namespace CloudEvictor
 

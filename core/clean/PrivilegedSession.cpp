@@ -138,8 +138,8 @@ std::string randomHexToken(size_t length) {
   return out;
 }
 
-PrivilegedSession::PrivilegedSession(Paths paths, AdminPrompt prompt)
-    : paths_(std::move(paths)), prompt_(prompt ? std::move(prompt) : AdminPrompt(platform::runAsAdministrator)) {}
+PrivilegedSession::PrivilegedSession(Paths paths, const Services& services)
+    : paths_(std::move(paths)), prompt_(services.withDefaults().adminPrompt) {}
 
 PrivilegedSession::~PrivilegedSession() { end(); }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 #include "core/system/Shell.h"
 
 #include <cstdint>
@@ -40,10 +41,8 @@ class PrivilegedSession {
     double replyTimeout() const;
   };
 
-  // Runs one shell command as root after the user authorises it: (command, prompt, timeout).
-  using AdminPrompt = std::function<Shell::Result(const std::string&, const std::string&, double)>;
-
-  explicit PrivilegedSession(Paths paths, AdminPrompt prompt = nullptr);
+  // Prompts through `services.adminPrompt` (the system's administrator prompt by default).
+  explicit PrivilegedSession(Paths paths, const Services& services = {});
   ~PrivilegedSession();  // ends a running session
   PrivilegedSession(const PrivilegedSession&) = delete;
   PrivilegedSession& operator=(const PrivilegedSession&) = delete;
@@ -73,7 +72,7 @@ class PrivilegedSession {
   std::string scrub(std::string text) const;
 
   Paths paths_;
-  AdminPrompt prompt_;
+  std::function<Shell::Result(const std::string&, const std::string&, double)> prompt_;
   mutable std::mutex lock_;
   std::optional<std::filesystem::path> dir_;
   std::string token_;

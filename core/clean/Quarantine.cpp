@@ -440,8 +440,8 @@ std::unique_ptr<Lock> lockExisting(std::mutex& m, const Paths& paths, const std:
 
 // ---- The store ------------------------------------------------------------------------------
 
-Quarantine::Quarantine(Paths paths, VolumeOf volumeOf)
-    : paths_(std::move(paths)), volumeOf_(std::move(volumeOf)), remover_(paths_.home()) {}
+Quarantine::Quarantine(Paths paths, const Services& services)
+    : paths_(std::move(paths)), volumeOf_(services.volumeOf), remover_(paths_.home()) {}
 
 fs::path Quarantine::sessionDir(const std::string& id) const { return paths_.quarantineSessionDir(id); }
 

@@ -20,6 +20,7 @@
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 #include "core/system/SafeRemove.h"
 
 namespace kestrel {
@@ -118,10 +119,8 @@ class QuarantineError : public std::runtime_error {
 // that restores it. Listing only reads.
 class Quarantine {
  public:
-  // Answers a volume identifier for a path, or nothing when unknown (a seam for tests).
-  using VolumeOf = std::function<std::optional<std::string>(const fs::path&)>;
-
-  explicit Quarantine(Paths paths, VolumeOf volumeOf = nullptr);
+  // `services.volumeOf`, when set, stands in for comparing the opened folders' devices.
+  explicit Quarantine(Paths paths, const Services& services = {});
 
   // Recovers the store, then makes a new empty session with its "items" folder and manifest on
   // disk. Throws the file system's error.
@@ -191,7 +190,7 @@ class Quarantine {
   void purgeLocked(const std::string& id);
 
   Paths paths_;
-  VolumeOf volumeOf_;
+  std::function<std::optional<std::string>(const fs::path&)> volumeOf_;
   SafeRemover remover_;
   std::unique_ptr<std::mutex> lock_ = std::make_unique<std::mutex>();
   // Next free index per session this object adds to: indices are never reused within a session,

@@ -1,6 +1,8 @@
 // JSON form of clean reports.
 #include "core/model/CleanReport.h"
 
+#include "core/base/ByteFormat.h"
+
 namespace kestrel {
 
 Json toJson(const CleanFailure& f) { return Json{{"itemID", f.itemID}, {"message", f.message}}; }
@@ -35,6 +37,20 @@ CleanReport cleanReportFromJson(const Json& j) {
   r.skippedProtected = JsonDecode::stringArray(j, "skippedProtected");
   r.deferredAdmin = JsonDecode::int64(j, "deferredAdmin");
   return r;
+}
+
+std::string CleanReport::summary(bool dryRun) const {
+  const CleanReport& r = *this;
+  std::vector<std::string> parts;
+  if (r.freedBytes >= 1) parts.push_back((dryRun ? "Would free " : "Freed ") + ByteFormat::string(r.freedBytes));
+  if (r.quarantinedBytes >= 1) parts.push_back(ByteFormat::string(r.quarantinedBytes) + " to quarantine");
+  if (r.trashedBytes >= 1) parts.push_back(ByteFormat::string(r.trashedBytes) + " to Trash");
+  if (r.evictedBytes >= 1) parts.push_back(ByteFormat::string(r.evictedBytes) + " offloaded to cloud");
+  if (!r.failures.empty()) parts.push_back(std::to_string(r.failures.size()) + " failed");
+  if (parts.empty()) return "Nothing to clean";
+  std::string out;
+  for (size_t i = 0; i < parts.size(); ++i) out += (i ? ", " : "") + parts[i];
+  return out;
 }
 
 }  // namespace kestrel

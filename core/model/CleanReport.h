@@ -21,6 +21,11 @@ struct CleanReport {
   std::optional<std::string> quarantineSessionID;
   std::vector<std::string> skippedProtected;
   int64_t deferredAdmin = 0;
+
+  // The one-line summary logged by scheduled runs, kept as a rule's last result and printed by
+  // "clean": "Freed 1.2 MB, 3 MB to quarantine, 1 failed" ("Would free …" in a dry run); parts
+  // with amounts below 1 are left out; "Nothing to clean" when none is left.
+  std::string summary(bool dryRun) const;
   bool operator==(const CleanReport&) const = default;
 };
 

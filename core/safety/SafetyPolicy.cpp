@@ -94,10 +94,6 @@ std::string parentOf(const std::string& p) {
   return p.substr(0, slash);
 }
 
-bool accessWritable(const std::string& path) {
-  return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
-}
-
 }  // namespace
 
 bool isAtOrUnder(std::string_view a, std::string_view b) {
@@ -108,10 +104,6 @@ bool isAtOrUnder(std::string_view a, std::string_view b) {
 }
 
 bool overlaps(std::string_view a, std::string_view b) { return isAtOrUnder(a, b) || isAtOrUnder(b, a); }
-
-PolicyProbes defaultPolicyProbes() {
-  return PolicyProbes{accessWritable, platform::standardizationStripsPrivate()};
-}
 
 std::string SafetyPolicy::resolveLinks(const std::string& path) {
   if (path.empty() || path.front() != '/') return path;
@@ -176,9 +168,10 @@ std::string SafetyPolicy::normalize(const std::string& path, const fs::path& hom
   return p;
 }
 
-SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProtected, PolicyProbes probes)
-    : paths_(std::move(paths)), probes_(std::move(probes)) {
-  if (!probes_.isWritable) probes_.isWritable = accessWritable;
+SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProtected, const Services& services)
+    : paths_(std::move(paths)),
+      isWritable_(services.withDefaults().isWritable),
+      stripPrivate_(platform::standardizationStripsPrivate()) {
   home_ = removeDotSegments(paths_.home().string());
   for (const auto& e : userProtected) {
     if (!e.empty() && e.front() != '/' && e.front() != '~') {
@@ -193,7 +186,7 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
     }
     // An empty entry reads as "/" once the separator is appended: it protects everything, which is
     // also the safe reading of a typo.
-    const std::string n = e.empty() ? "/" : normalize(e, paths_.home(), probes_.stripPrivate);
+    const std::string n = e.empty() ? "/" : normalize(e, paths_.home(), stripPrivate_);
     userProtected_.push_back(n.empty() ? "/" : n);
     userProtectedResolved_.push_back(resolveLinks(userProtected_.back()));
   }
@@ -207,8 +200,8 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
 
 bool SafetyPolicy::isUserWritable(const std::string& path) const {
   const std::string parent = parentOf(path);
-  if (parent.empty() || !probes_.isWritable(parent)) return false;
-  return probes_.isWritable(path);
+  if (parent.empty() || !isWritable_(parent)) return false;
+  return isWritable_(path);
 }
 
 Verdict SafetyPolicy::check(const std::string& path) const { return check(path, nullptr); }
@@ -253,7 +246,7 @@ std::optional<std::string> SafetyPolicy::protectedReason(const std::string& real
 }
 
 SafetyPolicy::RootPlace SafetyPolicy::followRoot(const std::string& folder) const {
-  const std::string f = normalize(folder, paths_.home(), probes_.stripPrivate);
+  const std::string f = normalize(folder, paths_.home(), stripPrivate_);
   if (f == home_ || !isAtOrUnder(f, home_)) return {f, {}};
   const auto parts = splitComponents(std::string_view(f).substr(home_ == "/" ? 1 : home_.size()));
   std::string current = home_;
@@ -298,7 +291,7 @@ SafetyPolicy::RootPlace SafetyPolicy::followRootMemo(const std::string& folder, 
 }
 
 std::optional<std::string> SafetyPolicy::placeOf(const std::string& path) const {
-  const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
+  const std::string p = normalize(path, paths_.home(), stripPrivate_);
   if (p.empty() || p.front() != '/' || p == "/") return std::nullopt;
   const std::string parent = parentOf(p);
   const std::string name = p.substr(p.rfind('/') + 1);
@@ -313,7 +306,7 @@ std::optional<std::string> SafetyPolicy::placeOf(const std::string& path) const 
 }
 
 Verdict SafetyPolicy::check(const std::string& path, Memo* memo) const {
-  const std::string p = normalize(path, paths_.home(), probes_.stripPrivate);
+  const std::string p = normalize(path, paths_.home(), stripPrivate_);
   if (p.empty() || p.front() != '/') return Verdict::blocked("Not an absolute path");
   // Without a real home folder everything would count as "inside home".
   if (home_ == "/") return Verdict::blocked("No home folder");

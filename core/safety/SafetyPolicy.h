@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 
 #include <functional>
 #include <optional>
@@ -27,20 +28,12 @@ struct Verdict {
   bool operator==(const Verdict&) const = default;
 };
 
-// The policy's view of the platform. The defaults ask the real file system; tests replace them.
-struct PolicyProbes {
-  // True when the current user may write the item (false when it does not exist).
-  std::function<bool(const std::string&)> isWritable;
-  // Standardisation also drops a leading "/private" from paths that exist without it (macOS).
-  bool stripPrivate = false;
-};
-PolicyProbes defaultPolicyProbes();
 
 class SafetyPolicy {
  public:
   // Normalises every user-protected entry and keeps them in the given order.
   SafetyPolicy(Paths paths, const std::vector<std::string>& userProtected,
-               PolicyProbes probes = defaultPolicyProbes());
+               const Services& services = {});
 
   // The verdict for `path`; never fails (a path that does not exist is judged as the text it is).
   // Immutable: may run on any thread, concurrently.
@@ -97,7 +90,8 @@ class SafetyPolicy {
   std::vector<std::vector<std::string>> relativeComponents_;
   std::vector<std::string> topLevel_;
   std::vector<std::string> homeBlocked_;
-  PolicyProbes probes_;
+  std::function<bool(const std::string&)> isWritable_;
+  bool stripPrivate_;  // the platform's standardisation drops a leading "/private" (macOS)
 };
 
 // a equals b, or lies below it.

@@ -52,8 +52,8 @@ bool Throttle::allow() {
   return true;
 }
 
-ScanEngine::ScanEngine(Paths paths, AppConfig config, Clock clock)
-    : paths_(std::move(paths)), config_(std::move(config)), clock_(std::move(clock)) {}
+ScanEngine::ScanEngine(Paths paths, AppConfig config, const Services& services)
+    : paths_(std::move(paths)), config_(std::move(config)), services_(services.withDefaults()) {}
 
 std::vector<CategoryResult> ScanEngine::scan(const std::set<CleanCategory>& categories,
                                              const std::function<bool()>& isCancelled, const Progress& progress,
@@ -65,8 +65,8 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
                                             const std::function<bool()>& isCancelled, const Progress& progress,
                                             const Status& status) const {
   auto throttle = std::make_shared<Throttle>(0.09);
-  auto policy = std::make_shared<const SafetyPolicy>(paths_, config_.protectedPaths);
-  ScanContext context{paths_, config_, clock_(), [] { return false; }, [](CleanCategory, const std::string&) {},
+  auto policy = std::make_shared<const SafetyPolicy>(paths_, config_.protectedPaths, services_);
+  ScanContext context{paths_, config_, services_.now(), [] { return false; }, [](CleanCategory, const std::string&) {},
                       policy};
   if (isCancelled) context.isCancelled = isCancelled;
   if (progress)

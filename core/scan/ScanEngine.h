@@ -6,6 +6,7 @@
 #include "core/model/ScanModel.h"
 #include "core/model/AppConfig.h"
 #include "core/system/Paths.h"
+#include "core/system/Services.h"
 #include "core/base/UniqueFd.h"
 
 #include <chrono>
@@ -77,9 +78,8 @@ class ScanEngine {
  public:
   using Progress = std::function<void(CleanCategory, const std::string&)>;
   using Status = std::function<void(CleanCategory)>;
-  using Clock = std::function<Date()>;
-
-  ScanEngine(Paths paths, AppConfig config, Clock clock = [] { return std::chrono::system_clock::now(); });
+  // The scan's reference time is `services.now()`; the policy asks `services` too.
+  ScanEngine(Paths paths, AppConfig config, const Services& services = {});
 
   // Runs the scanners of `categories` in parallel threads, all joined before returning; then
   // de-duplicates through the safety policy. `progress` gets the scanners' reports, at most one
@@ -96,7 +96,7 @@ class ScanEngine {
  private:
   Paths paths_;
   AppConfig config_;
-  Clock clock_;
+  Services services_;
 };
 
 // Claim rank of a category: system junk 1, personal files 2, developer 3, clutter and cloud 4, later 5.

@@ -1,4 +1,4 @@
-// Scheduled runs: the one-line summary of a clean (shared with the "clean" command).
+// Scheduled runs: the run summary as the scheduler names it (the report's own summary).
 #pragma once
 
 #include "core/model/CleanReport.h"
@@ -9,9 +9,8 @@ namespace kestrel {
 
 class ScheduledRunner {
  public:
-  // "Freed 1.2 MB, 3 MB to quarantine, 1 failed" (or "Would free …" in a dry run); parts with
-  // amounts below 1 are left out; "Nothing to clean" when none is left.
-  static std::string summarize(const CleanReport& report, bool dryRun);
+  // CleanReport::summary under the name scheduled runs and notifications use.
+  static std::string summarize(const CleanReport& report, bool dryRun) { return report.summary(dryRun); }
 };
 
 }  // namespace kestrel

@@ -43,7 +43,7 @@ TEST(Dispatcher, OptionAndFlag) {
 TEST(Dispatcher, StampPrintsUtcTimeAndMessage) {
   std::ostringstream out;
   Context ctx{{}, Paths("/tmp"), out};
-  ctx.now = [] { return Dates::fromUnixSeconds(1795371789) + std::chrono::milliseconds(700); };
+  ctx.services.now = [] { return Dates::fromUnixSeconds(1795371789) + std::chrono::milliseconds(700); };
   ctx.stamp("Scheduled tick");
   ctx.stamp("");
   EXPECT_EQ(out.str(), "2026-11-22T18:23:09Z Scheduled tick\n2026-11-22T18:23:09Z \n");

@@ -91,8 +91,8 @@ std::string infoValue(const std::string& text, const std::string& key) {
 struct Harness {
   ScratchHome h;
   std::vector<std::tuple<std::string, std::vector<std::string>, double>> commands;
-  Shell::Result commandResult;
-  std::vector<std::string> evicted;
+  Shell::Result commandResult;  // what every tool answers, unless the tool is in `results`
+  std::map<std::string, Shell::Result> results;
   std::vector<std::string> prompts;  // the command of every administrator prompt
   std::function<Shell::Result(const std::string&)> answerPrompt = [](const std::string&) {
     Shell::Result r;
@@ -101,25 +101,27 @@ struct Harness {
     return r;
   };
   AdminQueue queue;
-  PrivilegedSession session{h.paths(), [this](const std::string& cmd, const std::string&, double) {
-                              prompts.push_back(cmd);
-                              return answerPrompt(cmd);
-                            }};
+  PrivilegedSession session{h.paths(), services()};
 
   ~Harness() { session.end(); }
 
-  Cleaner cleaner(AppConfig config = {}) {
-    Cleaner::Services s;
-    s.runCommand = [this](const std::string& exe, const std::vector<std::string>& args, double timeout) {
+  // Tools and prompts are recorded; the clock stands still.
+  Services services() {
+    Services s;
+    s.run = [this](const std::string& exe, const std::vector<std::string>& args, double timeout) {
       commands.emplace_back(exe, args, timeout);
-      return commandResult;
+      const auto own = results.find(exe);
+      return own != results.end() ? own->second : commandResult;
     };
-    s.evict = [this](const fs::path& p) { evicted.push_back(p.string()); };
-    s.session = &session;
-    s.queue = &queue;
+    s.adminPrompt = [this](const std::string& cmd, const std::string&, double) {
+      prompts.push_back(cmd);
+      return answerPrompt(cmd);
+    };
     s.now = [] { return kNow; };
-    return Cleaner(h.paths(), std::move(config), std::move(s));
+    return s;
   }
+
+  Cleaner cleaner(AppConfig config = {}) { return Cleaner(h.paths(), std::move(config), services(), &session, &queue); }
 
   std::vector<AuditEntry> audit() const { return AuditLog(h.paths()).recent(1000); }
   // The one record about `target` (newest first in the log; these tests write one per target).
@@ -314,7 +316,6 @@ TEST(Cleaner, DryRunTouchesNothingAndReportsByDisposal) {
   EXPECT_EQ(r.skippedProtected, std::vector<std::string>{key.string()});
   EXPECT_EQ(r.deferredAdmin, 0);
   EXPECT_TRUE(t.commands.empty());
-  EXPECT_TRUE(t.evicted.empty());
   EXPECT_TRUE(t.prompts.empty());
   EXPECT_EQ(t.queue.count(), 0u);
   ASSERT_EQ(progress.size(), items.size() + 1);
@@ -628,8 +629,10 @@ TEST(Cleaner, EveryActionIsAuditedOneDecodableRecordPerLine) {
       pathItem(key, 1),
       pathItem(t.h.path("Library/Caches/vanished"), 66),
   };
+  t.results["brctl"] = Shell::Result{};  // the local copy goes through the cloud tool
   const CleanReport r = t.cleaner(config).clean(items, trigger, false, std::nullopt);
-  EXPECT_EQ(t.evicted, std::vector<std::string>{cloud.string()});
+  const std::tuple<std::string, std::vector<std::string>, double> evicted{"brctl", {"evict", cloud.string()}, 60};
+  EXPECT_EQ(std::count(t.commands.begin(), t.commands.end(), evicted), 1);
   EXPECT_EQ(r.evictedBytes, 44);
 
   struct Case {
@@ -736,16 +739,14 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
   };
 
   AdminQueue queue;
-  PrivilegedSession session(h.paths(), [](const std::string&, const std::string&, double) {
+  Services services;
+  services.adminPrompt = [](const std::string&, const std::string&, double) {
     ADD_FAILURE() << "no clean in this race may prompt";
     return Shell::Result{1, "", "refused"};
-  });
-  Cleaner::Services services;
-  services.session = &session;
-  services.queue = &queue;
+  };
   services.now = [] { return kNow; };
-  services.runCommand = [](const std::string&, const std::vector<std::string>&, double) { return Shell::Result{}; };
-  services.evict = [](const fs::path&) {};
+  services.run = [](const std::string&, const std::vector<std::string>&, double) { return Shell::Result{}; };
+  PrivilegedSession session(h.paths(), services);
 
   std::mt19937 rng(4242);
   const int iterations = cleanRaceIterations();
@@ -781,7 +782,7 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
     // Start only once the attacker is swapping, so every round is a real race.
     while (cycles.load(std::memory_order_relaxed) == 0) std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::microseconds(rng() % 200));
-    Cleaner cleaner(h.paths(), AppConfig{}, services);
+    Cleaner cleaner(h.paths(), AppConfig{}, services, &session, &queue);
     const CleanReport r = cleaner.clean({pathItem(blob, 100)}, TriggerSource::manual(), false, disposals[i % 3]);
     stop = true;
     attacker.join();

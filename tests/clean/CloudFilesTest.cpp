@@ -62,13 +62,13 @@ TEST(CloudFiles, RemovalRetriesWithGrowingWaits) {
     const fs::path placeholder = h.file("Library/Mobile Documents/com~apple~CloudDocs/.doc.txt.icloud", 10);
     std::vector<double> waits;
     int calls = 0;
-    CloudFiles::RemoveHooks hooks{
-        [&](std::chrono::duration<double> d) { waits.push_back(d.count()); },
-        [&](const fs::path& p) {
-          if (++calls <= c.failures)
-            throw fs::filesystem_error("busy", p, std::make_error_code(std::errc::device_or_resource_busy));
-          fs::remove(p);
-        }};
+    Services hooks;
+    hooks.sleep = [&](std::chrono::duration<double> d) { waits.push_back(d.count()); };
+    hooks.removeCloudItem = [&](const fs::path& p) {
+      if (++calls <= c.failures)
+        throw fs::filesystem_error("busy", p, std::make_error_code(std::errc::device_or_resource_busy));
+      fs::remove(p);
+    };
     if (c.succeeds) {
       EXPECT_NO_THROW(CloudFiles::remove(item, c.attempts, hooks));
       EXPECT_FALSE(fs::exists(item));
@@ -103,7 +103,9 @@ TEST(CloudFiles, RealRemovalTakesTheItemAndItsPlaceholder) {
 TEST(CloudFiles, RemovalWithoutErrorButItemStaysFails) {
   ScratchHome h;
   const fs::path item = h.file("Library/CloudStorage/Box-Box/f", 10);
-  CloudFiles::RemoveHooks hooks{[](std::chrono::duration<double>) {}, [](const fs::path&) {}};
+  Services hooks;
+  hooks.sleep = [](std::chrono::duration<double>) {};
+  hooks.removeCloudItem = [](const fs::path&) {};
   EXPECT_THROW(CloudFiles::remove(item, 2, hooks), fs::filesystem_error);
 }
 

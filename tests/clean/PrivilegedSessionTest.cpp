@@ -20,6 +20,13 @@
 namespace kestrel {
 namespace {
 
+// Services whose administrator prompt is the test's own.
+Services prompting(std::function<Shell::Result(const std::string&, const std::string&, double)> prompt) {
+  Services s;
+  s.adminPrompt = std::move(prompt);
+  return s;
+}
+
 using test::FakeTools;
 using test::ScratchHome;
 using test::waitFor;
@@ -67,13 +74,13 @@ TEST(PrivilegedSession, OnePromptPerSessionAndRestartAfterSilence) {
 TEST(PrivilegedSession, FallsBackToOneShotCommandsPerOperation) {
   ScratchHome h;
   std::vector<std::pair<std::string, std::string>> calls;
-  PrivilegedSession session(h.paths(), [&](const std::string& cmd, const std::string& prompt, double) {
+  PrivilegedSession session(h.paths(), prompting([&](const std::string& cmd, const std::string& prompt, double) {
     calls.emplace_back(cmd, prompt);
     Shell::Result r;
     r.status = cmd.find("nohup") != std::string::npos ? 1 : 0;  // the session prompt is cancelled
     r.stderr = r.status ? "User canceled. (-128)" : "";
     return r;
-  });
+  }));
   struct Case {
     Op op;
     std::string command;
@@ -111,7 +118,7 @@ TEST(PrivilegedSession, HelperDyingMidOperationEndsTheWait) {
   // not wait out the operation's ten minutes.
   ScratchHome h;
   int prompts = 0;
-  PrivilegedSession session(h.paths(), [&](const std::string&, const std::string&, double) {
+  PrivilegedSession session(h.paths(), prompting([&](const std::string&, const std::string&, double) {
     ++prompts;
     for (auto& e : fs::directory_iterator(h.paths().supportDir())) {
       if (e.path().filename().string().rfind("priv-", 0) != 0) continue;
@@ -125,7 +132,7 @@ TEST(PrivilegedSession, HelperDyingMidOperationEndsTheWait) {
       return Shell::run("/bin/sh", {"-c", launch}, 5);
     }
     return Shell::Result{1, "", "no session folder"};
-  });
+  }));
   const auto r = session.run(Op::maintenance(Op::Script::periodicDaily));
   EXPECT_FALSE(r.ok());
   EXPECT_EQ(r.stderr, "The privileged helper did not answer");
@@ -150,10 +157,10 @@ TEST(PrivilegedSession, MissingPromptToolIsTheFallbacksFailure) {
 TEST(PrivilegedSession, RemoveFallbackKeepsTheHelpersPathRules) {
   ScratchHome h;
   h.file("victim", 5);
-  PrivilegedSession session(h.paths(), [&](const std::string& cmd, const std::string&, double) {
+  PrivilegedSession session(h.paths(), prompting([&](const std::string& cmd, const std::string&, double) {
     if (cmd.find("nohup") != std::string::npos) return Shell::Result{1, "", "cancelled"};
     return Shell::run("/bin/sh", {"-c", cmd}, 30);  // the one-shot command, run as the test user
-  });
+  }));
   auto r = session.run(Op::remove({h.path("victim").string()}));
   EXPECT_FALSE(r.ok());
   EXPECT_EQ(r.stdout, "ERR refused " + h.path("victim").string());

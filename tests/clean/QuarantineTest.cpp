@@ -218,9 +218,11 @@ TEST(Quarantine, ItemOnAnotherVolumeIsRefusedAndStays) {
       "this Mac";
   {
     // Injected volumes.
-    Quarantine q(h.paths(), [&](const fs::path& p) -> std::optional<std::string> {
+    Services volumes;
+    volumes.volumeOf = [&](const fs::path& p) -> std::optional<std::string> {
       return p.string().find("Quarantine") != std::string::npos ? "internal" : "external";
-    });
+    };
+    Quarantine q(h.paths(), volumes);
     QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
     try {
       q.add(local, 10, CleanCategory::userCaches, s);
@@ -232,7 +234,9 @@ TEST(Quarantine, ItemOnAnotherVolumeIsRefusedAndStays) {
     EXPECT_TRUE(lexists(local));
     EXPECT_TRUE(s.entries.empty());
     // Unknown volumes do not stop the move.
-    Quarantine unknown(h.paths(), [](const fs::path&) { return std::nullopt; });
+    Services noVolumes;
+    noVolumes.volumeOf = [](const fs::path&) { return std::nullopt; };
+    Quarantine unknown(h.paths(), noVolumes);
     unknown.add(local, 10, CleanCategory::userCaches, s);
     EXPECT_FALSE(lexists(local));
   }

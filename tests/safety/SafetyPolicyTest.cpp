@@ -13,8 +13,10 @@ namespace {
 using test::ScratchHome;
 
 // Writable paths are named by the test: the process runs as root, which may write anything.
-PolicyProbes writableOnly(std::set<std::string> writable) {
-  return PolicyProbes{[writable](const std::string& p) { return writable.count(p) > 0; }, false};
+Services writableOnly(std::set<std::string> writable) {
+  Services s;
+  s.isWritable = [writable](const std::string& p) { return writable.count(p) > 0; };
+  return s;
 }
 
 TEST(SafetyPolicy, DecidesEveryKindOfPath) {
@@ -274,11 +276,11 @@ TEST(SafetyPolicy, ResolvesLinksComponentByComponent) {
 TEST(SafetyPolicy, UserWritableTestsTheParentFirst) {
   ScratchHome h;
   std::vector<std::string> asked;
-  PolicyProbes probes{[&](const std::string& p) {
-                        asked.push_back(p);
-                        return p != "/Applications/Locked";
-                      },
-                      false};
+  Services probes;
+  probes.isWritable = [&](const std::string& p) {
+    asked.push_back(p);
+    return p != "/Applications/Locked";
+  };
   const SafetyPolicy policy(h.paths(), {}, probes);
   EXPECT_TRUE(policy.isUserWritable("/Applications/Mine.app"));
   EXPECT_EQ(asked, (std::vector<std::string>{"/Applications", "/Applications/Mine.app"}));

@@ -1,7 +1,5 @@
-// Run summaries and notification texts.
-#include "core/system/Notifier.h"
-#include "core/schedule/ScheduledRunner.h"
-#include "tests/support/FakeTools.h"
+// Clean reports: the one-line summary and the JSON form.
+#include "core/model/CleanReport.h"
 
 #include <gtest/gtest.h>
 
@@ -36,7 +34,7 @@ TEST(RunSummary, PartsInOrderAndNothingToClean) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.summary);
-    EXPECT_EQ(ScheduledRunner::summarize(c.report, c.dryRun), c.summary);
+    EXPECT_EQ(c.report.summary(c.dryRun), c.summary);
   }
 }
 
@@ -50,20 +48,6 @@ TEST(RunSummary, ReportJsonRoundTrip) {
   EXPECT_EQ(toJson(CleanReport{}).count("quarantineSessionID"), 0u);
 }
 
-TEST(Notifier, EscapesScriptTextAndPostsWhenATOolExists) {
-  EXPECT_EQ(platform::notificationScript("Ti\"tle\\", "Bo\\dy \"x\""),
-            "display notification \"Bo\\\\dy \\\"x\\\"\" with title \"Ti\\\"tle\\\\\"");
-  test::ScratchHome h;
-  test::FakeTools tools(h.root());
-  {
-    test::ScopedEnv path("PATH", tools.bin().string());
-    Notifier::post("t", "b");  // no tool at all: quietly nothing
-  }
-  tools.tool("notify-send");
-  Notifier::post("Kestrel", "Freed 2 KB");
-  ASSERT_EQ(tools.calls("notify-send").size(), 1u);
-  EXPECT_EQ(tools.calls("notify-send")[0], (std::vector<std::string>{"--app-name=orvo Kestrel", "--", "Kestrel", "Freed 2 KB"}));
-}
 
 }  // namespace
 }  // namespace kestrel
