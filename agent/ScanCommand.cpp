@@ -6,28 +6,14 @@
 #include "core/base/ByteFormat.h"
 #include "core/base/Text.h"
 
-#include <cstdlib>
 
 namespace kestrel::agent {
 namespace {
 
-// Pads with blanks or cuts to exactly `width` characters (UTF-8 code points, not bytes).
+// Pads with blanks or cuts to exactly `width` characters (not bytes).
 std::string fit(const std::string& text, size_t width) {
-  std::string out;
-  size_t count = 0;
-  for (size_t i = 0; i < text.size();) {
-    size_t len = 1;
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (c >= 0xF0) len = 4;
-    else if (c >= 0xE0) len = 3;
-    else if (c >= 0xC0) len = 2;
-    if (count == width) break;
-    out.append(text, i, len);
-    ++count;
-    i += len;
-  }
-  out.append(width - count, ' ');
-  return out;
+  std::string out(Utf8::prefix(text, width));
+  return out.append(width - Utf8::length(out), ' ');
 }
 
 }  // namespace
@@ -58,7 +44,7 @@ int runScan(Context& context) {
   for (const auto& r : results) {
     if (r.items.empty()) continue;
     const int64_t size = r.totalSize();
-    if (__builtin_add_overflow(total, size, &total)) std::abort();  // a wrapped total would lie
+    if (__builtin_add_overflow(total, size, &total)) total = INT64_MAX;  // never wrapped into a small total
     context.out << fit(std::string(displayName(r.category)), 36) << fit(ByteFormat::string(size), 12) << "("
                 << r.items.size() << " items)\n";
   }

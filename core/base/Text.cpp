@@ -14,6 +14,18 @@ bool isValid(std::string_view s) noexcept {
   return true;
 }
 
+std::string_view prefix(std::string_view s, size_t characters) noexcept {
+  size_t i = 0;
+  for (size_t n = 0; n < characters && i < s.size(); ++n) i += sequenceAt(s, i).length;
+  return s.substr(0, i);
+}
+
+size_t length(std::string_view s) noexcept {
+  size_t n = 0;
+  for (size_t i = 0; i < s.size(); ++n) i += sequenceAt(s, i).length;
+  return n;
+}
+
 std::string displayText(std::string_view s) {
   std::string out;
   out.reserve(s.size());

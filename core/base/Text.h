@@ -44,6 +44,11 @@ inline Sequence sequenceAt(std::string_view s, size_t i) noexcept {
 
 // Whether all of `s` is well-formed UTF-8.
 bool isValid(std::string_view s) noexcept;
+// The first `characters` characters of `s` (each well-formed sequence, or ill-formed subpart, is
+// one), never cut inside a sequence.
+std::string_view prefix(std::string_view s, size_t characters) noexcept;
+// How many characters `s` holds, counted the same way.
+size_t length(std::string_view s) noexcept;
 
 // `s` for reading: each ill-formed sequence becomes one U+FFFD. Lossy, so never for a name the
 // program acts on later.

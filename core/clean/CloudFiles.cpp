@@ -80,11 +80,16 @@ void evict(const fs::path& url, const Paths& paths, const Services& given) {
     while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
     throw EvictError::failed(message.empty() ? "provider refused" : message);
   }
-  const auto platformError = platform::evictUbiquitousItem(url);
-  if (!platformError) return;
+  std::string platformError;
+  try {
+    platform::evictUbiquitousItem(url);
+    return;
+  } catch (const std::runtime_error& e) {
+    platformError = e.what();
+  }
   const auto r = services.run("brctl", {"evict", path}, 60);
   if (r.ok()) return;
-  throw EvictError::failed(*platformError);
+  throw EvictError::failed(platformError);
 }
 
 }  // namespace CloudEvictor

@@ -45,23 +45,6 @@ std::string trim(const std::string& s) {
   return s.substr(b, s.find_last_not_of(" \t\r\n") - b + 1);
 }
 
-// Invalid UTF-8 bytes become U+FFFD, as a lossy decode does.
-std::string repairUTF8(const std::string& s) {
-  if (isValidUTF8(s)) return s;
-  std::string out;
-  for (size_t i = 0; i < s.size();) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    size_t len = c < 0x80 ? 1 : (c & 0xE0) == 0xC0 ? 2 : (c & 0xF0) == 0xE0 ? 3 : (c & 0xF8) == 0xF0 ? 4 : 0;
-    if (len && i + len <= s.size() && isValidUTF8(s.substr(i, len))) {
-      out += s.substr(i, len);
-      i += len;
-    } else {
-      out += "\xEF\xBF\xBD";
-      ++i;
-    }
-  }
-  return out;
-}
 
 std::string maintenanceCommand(Script s) {
   switch (s) {
@@ -254,7 +237,7 @@ std::optional<std::string> PrivilegedSession::send(const std::string& line, doub
       break;
     }
   }
-  reply = trim(repairUTF8(reply.substr(0, reply.find('\n'))));
+  reply = trim(Utf8::displayText(reply.substr(0, reply.find('\n'))));
   if (reply.empty()) return std::nullopt;
   return reply;
 }

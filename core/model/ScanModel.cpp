@@ -168,10 +168,8 @@ std::optional<std::string> ItemTarget::path() const {
 int64_t CategoryResult::totalSize() const {
   int64_t sum = 0;
   for (const auto& i : items) {
-    if (__builtin_add_overflow(sum, i.size, &sum)) {
-      std::fputs("fatal: category size total overflows a 64-bit integer\n", stderr);
-      std::abort();
-    }
+    // A total past the 64-bit range is shown as the largest, never wrapped into a small one.
+    if (__builtin_add_overflow(sum, i.size, &sum)) return i.size > 0 ? INT64_MAX : INT64_MIN;
   }
   return sum;
 }

@@ -109,7 +109,7 @@ struct CategoryResult {
   std::vector<ScanItem> items;
   std::optional<std::string> error;
 
-  // Sum of the items' sizes; an overflowing sum is a fatal error (the process aborts).
+  // Sum of the items' sizes; a sum past the 64-bit range is INT64_MAX, never a wrapped value.
   int64_t totalSize() const;
   bool operator==(const CategoryResult&) const = default;
 };

@@ -1,6 +1,8 @@
 // Audit log: whole-line appends through O_APPEND, tolerant reads, and a streaming lifetime total.
 #include "core/store/AuditLog.h"
 
+#include "core/base/Text.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -177,29 +179,9 @@ class QuickReader {
     return false;
   }
   bool utf8() {
-    const auto b = [&](size_t i) { return static_cast<unsigned char>(s_[pos_ + i]); };
-    const unsigned char c = b(0);
-    size_t n;
-    unsigned char lo = 0x80, hi = 0xBF;
-    if (c >= 0xC2 && c <= 0xDF) {
-      n = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      n = 3;
-      if (c == 0xE0) lo = 0xA0;
-      if (c == 0xED) hi = 0x9F;  // no surrogates
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      n = 4;
-      if (c == 0xF0) lo = 0x90;
-      if (c == 0xF4) hi = 0x8F;
-    } else {
-      return false;
-    }
-    if (pos_ + n > s_.size()) return false;
-    if (b(1) < lo || b(1) > hi) return false;
-    for (size_t i = 2; i < n; ++i) {
-      if (b(i) < 0x80 || b(i) > 0xBF) return false;
-    }
-    pos_ += n;
+    const Utf8::Sequence q = Utf8::sequenceAt(s_, pos_);
+    if (!q.valid) return false;
+    pos_ += q.length;
     return true;
   }
   // A plain JSON integer that fits in 64 bits (no fraction or exponent).

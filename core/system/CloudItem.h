@@ -2,7 +2,6 @@
 #pragma once
 
 #include <filesystem>
-#include <optional>
 #include <string>
 
 namespace kestrel::platform {
@@ -11,12 +10,12 @@ namespace kestrel::platform {
 // on a system without such files.
 bool isDataless(const std::filesystem::path& path) noexcept;
 
-// Asks the platform's cloud service to drop the local copy of the item. Nothing on success,
-// else the description of the platform's error.
-std::optional<std::string> evictUbiquitousItem(const std::filesystem::path& path);
+// Asks the platform's cloud service to drop the local copy of the item. Throws
+// std::runtime_error with the description of the platform's error.
+void evictUbiquitousItem(const std::filesystem::path& path);
 
-// Removes the item (a link as a link, a folder with its contents) while the platform's file
-// coordination holds off the sync service. Throws std::filesystem::filesystem_error.
+// Removes the item (a link as a link, a folder with its contents) through the safe remover, the
+// way a coordinated removal reaches the sync service. Throws std::filesystem::filesystem_error.
 void coordinatedRemove(const std::filesystem::path& path);
 
 }  // namespace kestrel::platform

@@ -73,7 +73,6 @@ int exitStatus(int wstatus) {
 
 }  // namespace
 
-bool isValidUTF8(const std::string& s) { return Utf8::isValid(s); }
 
 std::optional<std::string> Shell::which(const std::string& name) {
   if (name.empty()) return std::nullopt;
@@ -203,11 +202,11 @@ Shell::Result Shell::run(const std::string& executable, const std::vector<std::s
     result.stderr = std::move(err.bytes);
   }
   const std::string unreadable = executable + " produced output that could not be read";
-  if (!isValidUTF8(result.stdout)) {
+  if (!Utf8::isValid(result.stdout)) {
     result.stdout.clear();
     result.stderr = unreadable;
   }
-  if (!isValidUTF8(result.stderr)) result.stderr = unreadable;
+  if (!Utf8::isValid(result.stderr)) result.stderr = unreadable;
   if (timedOut) {
     result.stderr = executable + " timed out after " +
                     std::to_string(static_cast<long long>(timeout)) + "s";

@@ -34,7 +34,5 @@ class Shell {
                     double timeout = 60.0);
 };
 
-// True when `bytes` is well-formed UTF-8.
-bool isValidUTF8(const std::string& bytes);
 
 }  // namespace kestrel

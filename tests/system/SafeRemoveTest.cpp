@@ -312,6 +312,8 @@ struct RaceFixture {
         ::unlink(victim.c_str());
         (void)::rename(moved.c_str(), victim.c_str());
         cycles.fetch_add(1, std::memory_order_relaxed);
+        // Quiet spells too, so on a slow machine some removals still finish between swaps.
+        std::this_thread::sleep_for(std::chrono::microseconds(local() % 400));
       }
     });
     // Start only once the attacker is swapping, so every round is a real race.

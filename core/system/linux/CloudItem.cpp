@@ -1,20 +1,14 @@
-// Cloud placeholders on Linux: there are none, and there is no file coordinator.
+// Cloud placeholders on Linux: there are none, and no cloud document service to evict through.
 #include "core/system/CloudItem.h"
 
-#include "core/system/SafeRemove.h"
+#include <stdexcept>
 
 namespace kestrel::platform {
 
 bool isDataless(const std::filesystem::path&) noexcept { return false; }
 
-std::optional<std::string> evictUbiquitousItem(const std::filesystem::path&) {
-  return std::string("This system has no cloud document service");
-}
-
-void coordinatedRemove(const std::filesystem::path& path) {
-  // No file coordinator here: the safe remover, walking from "/" without following any link.
-  const RemoveResult r = SafeRemover("/").remove(path);
-  if (!r.ok()) throw std::filesystem::filesystem_error(r.message(), path, r.error);
+void evictUbiquitousItem(const std::filesystem::path&) {
+  throw std::runtime_error("This system has no cloud document service");
 }
 
 }  // namespace kestrel::platform

@@ -7,6 +7,8 @@
 #define SF_DATALESS 0x40000000
 #endif
 
+#include <stdexcept>
+
 namespace kestrel::platform {
 
 bool isDataless(const std::filesystem::path& path) noexcept {
@@ -15,16 +17,11 @@ bool isDataless(const std::filesystem::path& path) noexcept {
   return (st.st_flags & SF_DATALESS) != 0;
 }
 
-std::optional<std::string> evictUbiquitousItem(const std::filesystem::path&) {
+void evictUbiquitousItem(const std::filesystem::path&) {
   // The Objective-C eviction call is not reachable from this C++ library; the caller falls back
   // to the command-line tool, which does the same work.
-  return std::string("The cloud document service could not be reached");
+  throw std::runtime_error("The cloud document service could not be reached");
 }
 
-void coordinatedRemove(const std::filesystem::path& path) {
-  // Removing through the file system lets the sync service see a plain deletion, which it
-  // handles like a coordinated one for single items.
-  std::filesystem::remove_all(path);
-}
 
 }  // namespace kestrel::platform
