@@ -1,8 +1,6 @@
 // The command table: each command joins it together with its handler, in dispatch order.
 #include "agent/Commands.h"
 
-#include "agent/InsightCommands.h"
-
 namespace kestrel::agent {
 
 std::vector<Command> commandHandlers() {
@@ -11,8 +9,8 @@ std::vector<Command> commandHandlers() {
   return {
       {"scan", runScan},
       {"clean", runClean},
-      {"forecast", forecastCommand},
-      {"growth", growthCommand},
+      {"forecast", runForecast},
+      {"growth", runGrowth},
       {"quarantine", runQuarantine},
   };
 }

@@ -3,11 +3,14 @@
 
 #include "agent/Dispatcher.h"
 
+#include <cstdint>
+#include <optional>
+#include <string_view>
 #include <vector>
 
 namespace kestrel::agent {
 
-// The command table in dispatch order, built from the handlers that exist.
+// The command table in dispatch order: a new command is its handler plus one row there.
 std::vector<Command> commandHandlers();
 
 // "scan [--json]": the default categories as a table, or every item as JSON (ScanCommand.cpp).
@@ -16,5 +19,14 @@ int runScan(Context& context);
 int runClean(Context& context);
 // "quarantine list|restore <id>|purge <id>" (CleanCommands.cpp).
 int runQuarantine(Context& context);
+// "forecast": free space, the trend of the space history and the day the disk is full
+// (InsightCommands.cpp).
+int runForecast(Context& context);
+// "growth [days] [--snapshot]": the folders that grew or shrank most over about `days` days
+// (InsightCommands.cpp).
+int runGrowth(Context& context);
+
+// The positional day count of "growth": a decimal integer with an optional sign, or nothing.
+std::optional<int64_t> parseDayCount(std::string_view text);
 
 }  // namespace kestrel::agent

@@ -1,5 +1,5 @@
 // The space insight commands: "forecast" prints the disk-full forecast, "growth" the folder growth.
-#include "agent/InsightCommands.h"
+#include "agent/Commands.h"
 
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"
@@ -63,7 +63,7 @@ std::optional<int64_t> parseDayCount(std::string_view text) {
   return -value;
 }
 
-int forecastCommand(Context& ctx) {
+int runForecast(Context& ctx) {
   const auto& home = ctx.paths.home();
   if (auto space = FS::volumeSpace(home)) {
     ctx.out << "Free: " << ByteFormat::string(space->free) << " of "
@@ -86,7 +86,7 @@ int forecastCommand(Context& ctx) {
   return 0;
 }
 
-int growthCommand(Context& ctx) {
+int runGrowth(Context& ctx) {
   // Positional on purpose: "growth --snapshot" has no day count and uses the default.
   const int64_t days = ctx.args.empty() ? kDefaultGrowthDays
                                         : parseDayCount(ctx.args[0]).value_or(kDefaultGrowthDays);

@@ -48,16 +48,16 @@ AdminQueue::FlushResult AdminQueue::flush(const Paths& paths, const AppConfig& c
   for (auto& item : items) {
     const auto p = item.path();
     if (!p) {
-      result.failed.emplace_back(item, "admin batch failed");
+      result.failed.push_back({item.id, "admin batch failed"});
       continue;
     }
     const Verdict v = policy.check(*p);
     if (v.isBlocked()) {
-      result.failed.emplace_back(item, v.text);
+      result.failed.push_back({item.id, v.text});
       continue;
     }
     if (v.kind == Verdict::Kind::syncedCloud) {
-      result.failed.emplace_back(item, "In " + v.text + "; only its local copy can be removed");
+      result.failed.push_back({item.id, "In " + v.text + "; only its local copy can be removed"});
       continue;
     }
     allowed.push_back(item);
@@ -78,7 +78,7 @@ AdminQueue::FlushResult AdminQueue::flush(const Paths& paths, const AppConfig& c
     } else {
       // A reply of success says nothing about why this path stayed.
       const std::string reason = Explain::removalFailure(p, run.ok() ? "" : output);
-      result.failed.emplace_back(item, reason);
+      result.failed.push_back({item.id, reason});
       audit.push_back(AuditEntry::make(now, "delete", p, item.size, item.category,
                                        TriggerSource::schedule("admin batch"), false, reason));
     }

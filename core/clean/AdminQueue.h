@@ -5,6 +5,7 @@
 #include "core/clean/PrivilegedSession.h"
 #include "core/model/ScanModel.h"
 #include "core/model/AppConfig.h"
+#include "core/model/CleanFailure.h"
 #include "core/system/Paths.h"
 
 #include <mutex>
@@ -17,7 +18,7 @@ class AdminQueue {
  public:
   struct FlushResult {
     std::vector<ScanItem> removed;
-    std::vector<std::pair<ScanItem, std::string>> failed;  // item and the reason shown to the user
+    std::vector<CleanFailure> failed;  // the item's id and the reason shown to the user
     int64_t freed = 0;
   };
 

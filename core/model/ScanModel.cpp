@@ -7,49 +7,44 @@
 namespace kestrel {
 namespace {
 
+// One row per category, every attribute in it. Regenerable: the owning software rebuilds it.
 struct CategoryInfo {
   std::string_view raw, displayName, systemImage;
   CategoryGroup group;
+  bool regenerable, selected;
+  Disposal disposal;
 };
 
+constexpr bool regen = true, kept = false, on = true, off = false;
+constexpr Disposal del = Disposal::delete_, quar = Disposal::quarantine;
+
+// clang-format off
 constexpr CategoryInfo kCategories[kCategoryCount] = {
-    {"userCaches", "User Caches", "archivebox", CategoryGroup::system},
-    {"logs", "Logs", "doc.text", CategoryGroup::system},
-    {"crashReports", "Crash & Diagnostic Reports", "exclamationmark.triangle", CategoryGroup::system},
-    {"trash", "Trash", "trash", CategoryGroup::system},
-    {"savedAppState", "Saved Window State", "macwindow", CategoryGroup::system},
-    {"mailDownloads", "Mail Attachments Cache", "envelope", CategoryGroup::system},
-    {"iosBackups", "iPhone/iPad Backups", "iphone", CategoryGroup::personal},
-    {"iosUpdates", "iOS Firmware Files", "arrow.down.app", CategoryGroup::personal},
-    {"oldDownloads", "Old Downloads", "arrow.down.circle", CategoryGroup::personal},
-    {"installers", "Leftover Installers (.dmg/.pkg)", "shippingbox", CategoryGroup::personal},
-    {"largeOldFiles", "Large & Forgotten Files", "externaldrive", CategoryGroup::personal},
-    {"xcode", "Xcode Build Data", "hammer", CategoryGroup::developer},
-    {"simulators", "Simulators & Device Support", "ipad.and.iphone", CategoryGroup::developer},
-    {"projectArtifacts", "Stale Project Dependencies", "folder.badge.gearshape", CategoryGroup::developer},
-    {"packageCaches", "Package Manager Caches", "cube.box", CategoryGroup::developer},
-    {"docker", "Docker", "server.rack", CategoryGroup::developer},
-    {"duplicates", "Duplicate Files", "doc.on.doc", CategoryGroup::clutter},
-    {"similarPhotos", "Similar Photos", "photo.on.rectangle.angled", CategoryGroup::clutter},
-    {"cloudLocalCopies", "Cloud Files Stored Locally", "icloud.and.arrow.up", CategoryGroup::cloud},
-    {"securityThreats", "Suspicious Background Items", "shield.lefthalf.filled", CategoryGroup::security},
-    {"appBundle", "Applications", "app", CategoryGroup::apps},
-    {"appLeftovers", "App Leftovers", "app.badge", CategoryGroup::apps},
-    {"orphanedLeftovers", "Orphaned Files (deleted apps)", "questionmark.folder", CategoryGroup::apps},
+    {"userCaches", "User Caches", "archivebox", CategoryGroup::system,                                     regen, on , del},
+    {"logs", "Logs", "doc.text", CategoryGroup::system,                                                    regen, on , del},
+    {"crashReports", "Crash & Diagnostic Reports", "exclamationmark.triangle", CategoryGroup::system,      regen, on , del},
+    {"trash", "Trash", "trash", CategoryGroup::system,                                                     kept , on , del},
+    {"savedAppState", "Saved Window State", "macwindow", CategoryGroup::system,                            regen, on , del},
+    {"mailDownloads", "Mail Attachments Cache", "envelope", CategoryGroup::system,                         regen, on , del},
+    {"iosBackups", "iPhone/iPad Backups", "iphone", CategoryGroup::personal,                               kept , off, quar},
+    {"iosUpdates", "iOS Firmware Files", "arrow.down.app", CategoryGroup::personal,                        kept , off, quar},
+    {"oldDownloads", "Old Downloads", "arrow.down.circle", CategoryGroup::personal,                        kept , off, quar},
+    {"installers", "Leftover Installers (.dmg/.pkg)", "shippingbox", CategoryGroup::personal,              kept , off, quar},
+    {"largeOldFiles", "Large & Forgotten Files", "externaldrive", CategoryGroup::personal,                 kept , off, quar},
+    {"xcode", "Xcode Build Data", "hammer", CategoryGroup::developer,                                      regen, on , del},
+    {"simulators", "Simulators & Device Support", "ipad.and.iphone", CategoryGroup::developer,             regen, on , del},
+    {"projectArtifacts", "Stale Project Dependencies", "folder.badge.gearshape", CategoryGroup::developer, regen, on , del},
+    {"packageCaches", "Package Manager Caches", "cube.box", CategoryGroup::developer,                      regen, on , del},
+    {"docker", "Docker", "server.rack", CategoryGroup::developer,                                          regen, on , del},
+    {"duplicates", "Duplicate Files", "doc.on.doc", CategoryGroup::clutter,                                kept , off, quar},
+    {"similarPhotos", "Similar Photos", "photo.on.rectangle.angled", CategoryGroup::clutter,               kept , off, quar},
+    {"cloudLocalCopies", "Cloud Files Stored Locally", "icloud.and.arrow.up", CategoryGroup::cloud,        kept , off, del},
+    {"securityThreats", "Suspicious Background Items", "shield.lefthalf.filled", CategoryGroup::security,  kept , off, quar},
+    {"appBundle", "Applications", "app", CategoryGroup::apps,                                              kept , off, quar},
+    {"appLeftovers", "App Leftovers", "app.badge", CategoryGroup::apps,                                    kept , off, quar},
+    {"orphanedLeftovers", "Orphaned Files (deleted apps)", "questionmark.folder", CategoryGroup::apps,     kept , off, quar},
 };
-
-// Bit sets over positions 0 to 15; any later position answers false.
-constexpr uint32_t kRegenerableBits = 0b1111100000110111;  // 0,1,2,4,5,11..15
-constexpr uint32_t kSelectedBits = kRegenerableBits | (1u << 3);
-
-// Built-in disposal over positions 0 to 18; every later position is quarantine.
-constexpr Disposal kDefaultDisposal[19] = {
-    Disposal::delete_, Disposal::delete_, Disposal::delete_, Disposal::delete_, Disposal::delete_,
-    Disposal::delete_, Disposal::quarantine, Disposal::quarantine, Disposal::quarantine,
-    Disposal::quarantine, Disposal::quarantine, Disposal::delete_, Disposal::delete_,
-    Disposal::delete_, Disposal::delete_, Disposal::delete_, Disposal::quarantine,
-    Disposal::quarantine, Disposal::delete_,
-};
+// clang-format on
 
 constexpr std::string_view kGroupTitles[] = {"System Junk", "Developer", "Personal Files", "Clutter",
                                              "Cloud", "Security", "Apps"};
@@ -69,11 +64,9 @@ std::string_view rawValue(CleanCategory c) { return kCategories[position(c)].raw
 std::string_view displayName(CleanCategory c) { return kCategories[position(c)].displayName; }
 std::string_view systemImage(CleanCategory c) { return kCategories[position(c)].systemImage; }
 CategoryGroup group(CleanCategory c) { return kCategories[position(c)].group; }
-bool isRegenerable(CleanCategory c) { return position(c) < 16 && (kRegenerableBits >> position(c)) & 1u; }
-bool selectedByDefault(CleanCategory c) { return position(c) < 16 && (kSelectedBits >> position(c)) & 1u; }
-Disposal defaultDisposal(CleanCategory c) {
-  return position(c) <= 18 ? kDefaultDisposal[position(c)] : Disposal::quarantine;
-}
+bool isRegenerable(CleanCategory c) { return kCategories[position(c)].regenerable; }
+bool selectedByDefault(CleanCategory c) { return kCategories[position(c)].selected; }
+Disposal defaultDisposal(CleanCategory c) { return kCategories[position(c)].disposal; }
 
 std::optional<CleanCategory> categoryFromRaw(std::string_view raw) {
   for (int i = 0; i < kCategoryCount; ++i)

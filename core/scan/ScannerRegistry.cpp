@@ -5,33 +5,12 @@
 namespace kestrel::ScannerRegistry {
 namespace {
 
+// A category without a row has no scanner in this build: it yields no result at all.
 std::unique_ptr<JunkScanner> make(CleanCategory c) {
-  switch (c) {
-    case CleanCategory::userCaches: return std::make_unique<UserCachesScanner>();
-    case CleanCategory::logs: return std::make_unique<LogsScanner>();
-    case CleanCategory::crashReports: return std::make_unique<CrashReportsScanner>();
-    case CleanCategory::trash: return std::make_unique<TrashScanner>();
-    case CleanCategory::savedAppState: return std::make_unique<SavedStateScanner>();
-    case CleanCategory::mailDownloads: return std::make_unique<MailDownloadsScanner>();
-    case CleanCategory::iosBackups: return std::make_unique<IOSBackupsScanner>();
-    case CleanCategory::iosUpdates: return std::make_unique<IOSUpdatesScanner>();
-    case CleanCategory::oldDownloads: return std::make_unique<OldDownloadsScanner>();
-    case CleanCategory::installers: return std::make_unique<InstallersScanner>();
-    case CleanCategory::packageCaches: return std::make_unique<PackageCachesScanner>();
-    // The remaining categories have no scanner in this build: they yield no result at all.
-    case CleanCategory::largeOldFiles:
-    case CleanCategory::xcode:
-    case CleanCategory::simulators:
-    case CleanCategory::projectArtifacts:
-    case CleanCategory::docker:
-    case CleanCategory::duplicates:
-    case CleanCategory::similarPhotos:
-    case CleanCategory::cloudLocalCopies:
-    case CleanCategory::securityThreats:
-    case CleanCategory::appBundle:
-    case CleanCategory::appLeftovers:
-    case CleanCategory::orphanedLeftovers: return nullptr;
-  }
+#define KESTREL_MAKE_SCANNER(cat, Class) \
+  if (c == CleanCategory::cat) return std::make_unique<Class>();
+  KESTREL_SCANNERS(KESTREL_MAKE_SCANNER)
+#undef KESTREL_MAKE_SCANNER
   return nullptr;
 }
 

@@ -1,25 +1,16 @@
-// Audit log: whole-line appends through O_APPEND, tolerant reads, and a streaming lifetime total.
+// Audit log: records as JSON lines, a fast reader for the plain ones and a streaming lifetime total.
 #include "core/store/AuditLog.h"
 
 #include "core/base/Text.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstring>
-
-#include "core/system/Durability.h"
-#include "core/base/UniqueFd.h"
+#include "core/store/JsonLines.h"
 #include "core/system/Uuid.h"
+
+#include <array>
+#include <cstring>
 
 namespace kestrel {
 namespace {
-
-constexpr size_t kBlock = 1 << 20;
 
 bool isCountedAction(std::string_view a) {
   return a == "delete" || a == "trash" || a == "command" || a == "purge";
@@ -221,44 +212,26 @@ class QuickReader {
   size_t pos_ = 0;
 };
 
-// Opens the log as every reader and the writer do: a final symbolic link is followed (users keep
-// store files as links), the open never blocks (a FIFO in its place answers at once) and only a
-// regular file is kept; anything else gives no descriptor.
-// A new log is created only where nothing stands: never through a link that leads nowhere, which
-// would make a file wherever that link points.
-UniqueFd openLog(const std::filesystem::path& url, int flags, struct stat& st) {
-  constexpr int kAlways = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-  UniqueFd fd(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
-  if (!fd && errno == ENOENT && (flags & O_CREAT)) {
-    fd.reset(::open(url.c_str(), flags | O_EXCL | O_NOFOLLOW | kAlways, 0600));
-    // Another appender made it first: use theirs.
-    if (!fd && errno == EEXIST) fd.reset(::open(url.c_str(), (flags & ~O_CREAT) | kAlways));
-  }
-  if (fd && (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))) fd.reset();
-  return fd;
-}
 
-bool isBlank(std::string_view line) {
-  return std::all_of(line.begin(), line.end(),
-                     [](char c) { return c == ' ' || c == '\t' || c == '\r'; });
-}
 
-// Adds a line's bytes to `total` when it is a counted, successful record.
-void countLine(std::string_view line, int64_t& total) {
-  if (line.empty() || line.size() > AuditLog::kMaxLine) return;
+// Adds a line's bytes to `total` when it is a counted, successful record; false when the line
+// is no record at all.
+bool countLine(std::string_view line, int64_t& total) {
   int64_t size = 0;
   if (auto quick = quickReadAuditLine(line)) {
-    if (!quick->success || !isCountedAction(quick->action)) return;
+    if (!quick->success || !isCountedAction(quick->action)) return true;
     size = quick->size;
   } else {
     auto e = decodeAuditLine(line);
-    if (!e || !e->success || !isCountedAction(e->action)) return;
+    if (!e) return false;
+    if (!e->success || !isCountedAction(e->action)) return true;
     size = e->size;
   }
   // One hostile or damaged record must not overflow the sum (undefined behaviour) and so poison
   // every later total: a record that would overflow it is skipped.
   int64_t sum;
   if (!__builtin_add_overflow(total, size, &sum)) total = sum;
+  return true;
 }
 
 }  // namespace
@@ -307,7 +280,10 @@ std::optional<QuickAuditRecord> quickReadAuditLine(std::string_view line) {
 }
 
 std::optional<AuditEntry> decodeAuditLine(std::string_view line) {
-  if (line.size() > AuditLog::kMaxLine || isBlank(line)) return std::nullopt;
+  if (line.size() > AuditLog::kMaxLine ||
+      line.find_first_not_of(" \t\r") == std::string_view::npos) {
+    return std::nullopt;
+  }
   auto j = JsonText::parse(line);
   if (!j) return std::nullopt;
   try {
@@ -321,37 +297,15 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
   if (entries.empty()) return;
   try {
     std::lock_guard guard(*lock_);
-    std::string buffer;
+    std::vector<std::string> lines;
     bool durable = false;
     for (const auto& e : entries) {
-      buffer += JsonText::compact(toJson(e));
-      buffer += '\n';
+      lines.push_back(JsonText::compact(toJson(e)));
+      // Removals for good are worth a flush: their record is all that is left of the files.
       durable = durable || e.action == "delete" || e.action == "purge";
     }
-    std::error_code ec;
-    std::filesystem::create_directories(url_.parent_path(), ec);  // a failure shows in open below
-    struct stat st;
-    UniqueFd fd = openLog(url_, O_WRONLY | O_APPEND | O_CREAT, st);
-    if (!fd) return;  // the records are lost; logging never stops the work it records
-    if (st.st_size > 0) {
-      // A writer killed mid-line leaves a torn record; never glue ours onto it. The write
-      // descriptor cannot read, so a second one looks, after checking it is the same file.
-      struct stat rs;
-      UniqueFd reader = openLog(url_, O_RDONLY, rs);
-      char last = '\n';
-      if (reader && rs.st_dev == st.st_dev && rs.st_ino == st.st_ino &&
-          ::pread(reader.get(), &last, 1, rs.st_size - 1) == 1 && last != '\n') {
-        buffer.insert(buffer.begin(), '\n');
-      }
-    }
-    // One write per batch, so concurrent appenders never interleave inside a line. A short write
-    // (a full disk) leaves a torn tail that readers skip and the next append steps over.
-    ssize_t n;
-    do {
-      n = ::write(fd.get(), buffer.data(), buffer.size());
-    } while (n < 0 && errno == EINTR);
-    // Removals for good are worth a flush: their record is all that is left of the files.
-    if (n > 0 && durable) platform::fullSync(fd.get());
+    // A log that cannot be written loses the records: logging never stops the work it records.
+    (void)JsonLines(url_).append(lines, durable);
   } catch (const std::exception&) {
     // Out of memory while encoding: the records are lost, as with any other write failure.
   }
@@ -359,88 +313,17 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
 
 std::vector<AuditEntry> AuditLog::recent(size_t limit) const {
   std::vector<AuditEntry> out;
-  if (limit == 0) return out;
-  struct stat st;
-  UniqueFd fd = openLog(url_, O_RDONLY, st);
-  if (!fd) return out;
-  // Walk backwards block by block; `carry` holds the start of a line whose beginning is further
-  // back.
-  off_t pos = st.st_size;
-  std::string carry;
-  bool carryTooLong = false;
-  std::string block;
-  auto take = [&](std::string_view line) {
-    if (auto e = decodeAuditLine(line)) out.push_back(std::move(*e));
-  };
-  while (pos > 0 && out.size() < limit) {
-    const size_t n = static_cast<size_t>(std::min<off_t>(pos, static_cast<off_t>(kBlock)));
-    pos -= static_cast<off_t>(n);
-    block.resize(n);
-    size_t got = 0;
-    while (got < n) {
-      const ssize_t r =
-          ::pread(fd.get(), block.data() + got, n - got, pos + static_cast<off_t>(got));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) return out;
-      got += static_cast<size_t>(r);
-    }
-    std::string data = block + carry;
-    size_t end = data.size();
-    for (;;) {
-      const size_t nl = end == 0 ? std::string::npos : data.rfind('\n', end - 1);
-      if (nl == std::string::npos) break;
-      const bool skip = carryTooLong && end == data.size();
-      if (!skip) take(std::string_view(data).substr(nl + 1, end - nl - 1));
-      if (end == data.size()) carryTooLong = false;
-      end = nl;
-      if (out.size() >= limit) return out;
-    }
-    carry.assign(data, 0, end);
-    if (carry.size() > kMaxLine) {
-      carry.clear();
-      carryTooLong = true;
-    }
-  }
-  if (pos == 0 && !carryTooLong && out.size() < limit) take(carry);
+  JsonLines(url_).readNewestFirst(limit, [&](std::string_view line) {
+    auto e = decodeAuditLine(line);
+    if (e) out.push_back(std::move(*e));
+    return e.has_value();
+  });
   return out;
 }
 
 int64_t AuditLog::lifetimeFreed() const {
-  struct stat st;
-  UniqueFd fd = openLog(url_, O_RDONLY, st);
-  if (!fd) return 0;
   int64_t total = 0;
-  std::string buf(kBlock, '\0');
-  std::string carry;
-  bool skipping = false;  // inside a line longer than kMaxLine
-  for (;;) {
-    const ssize_t r = ::read(fd.get(), buf.data(), buf.size());
-    if (r < 0 && errno == EINTR) continue;
-    if (r <= 0) break;
-    std::string_view chunk(buf.data(), static_cast<size_t>(r));
-    size_t start = 0;
-    for (;;) {
-      const size_t nl = chunk.find('\n', start);
-      if (nl == std::string_view::npos) break;
-      std::string_view piece = chunk.substr(start, nl - start);
-      if (skipping) {
-        skipping = false;
-      } else if (!carry.empty()) {
-        carry.append(piece);
-        countLine(carry, total);
-        carry.clear();
-      } else {
-        countLine(piece, total);
-      }
-      start = nl + 1;
-    }
-    if (!skipping) carry.append(chunk.substr(start));
-    if (carry.size() > kMaxLine) {
-      carry.clear();
-      skipping = true;
-    }
-  }
-  if (!skipping) countLine(carry, total);
+  JsonLines(url_).readAll([&](std::string_view line) { return countLine(line, total); });
   return total;
 }
 

@@ -15,6 +15,7 @@
 #include "core/model/TriggerSource.h"
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
+#include "core/store/JsonLines.h"
 #include "core/system/Paths.h"
 
 namespace kestrel {
@@ -62,7 +63,7 @@ std::optional<QuickAuditRecord> quickReadAuditLine(std::string_view line);
 class AuditLog {
  public:
   // Longer lines are skipped without being decoded.
-  static constexpr size_t kMaxLine = 1 << 20;
+  static constexpr size_t kMaxLine = JsonLines::kMaxLine;
 
   explicit AuditLog(const Paths& paths) : url_(paths.auditFile()) {}
 

@@ -34,8 +34,6 @@ FileRead read(const fs::path& url, size_t maxBytes = kMaxStoreBytes) noexcept;
 
 // The same read as bytes; nothing unless the status is ok.
 std::optional<std::string> readFile(const fs::path& url) noexcept;
-// The same read as bytes; nothing unless the status is ok.
-std::optional<std::string> readFile(const fs::path& url) noexcept;
 
 // Writes `bytes` as the whole file: creates the parent folder, writes a uniquely named temporary
 // file beside the target (O_EXCL), fsyncs it, renames it over the target and fsyncs the folder.

@@ -1,5 +1,5 @@
 // "forecast" and "growth" in process: exact lines from crafted histories, day parsing, snapshots.
-#include "agent/InsightCommands.h"
+#include "agent/Commands.h"
 
 #include "core/insights/GrowthTracker.h"
 #include "core/insights/SpaceHistory.h"

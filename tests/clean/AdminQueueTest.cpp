@@ -67,9 +67,9 @@ TEST(AdminQueue, FlushRemovesWithOnePromptAndAuditsEachItem) {
   ASSERT_EQ(result.removed.size(), 2u);
   EXPECT_EQ(result.freed, 150);
   ASSERT_EQ(result.failed.size(), 3u);
-  EXPECT_EQ(result.failed[0].second, "System location");
-  EXPECT_EQ(result.failed[1].second, "admin batch failed");
-  EXPECT_EQ(result.failed[2].second, "ERR refused " + h.path("Library/Caches/mine").string());
+  EXPECT_EQ(result.failed[0].message, "System location");
+  EXPECT_EQ(result.failed[1].message, "admin batch failed");
+  EXPECT_EQ(result.failed[2].message, "ERR refused " + h.path("Library/Caches/mine").string());
   EXPECT_TRUE(fs::exists(h.path("Library/Caches/mine")));
   EXPECT_FALSE(fs::exists(root / "one"));
   EXPECT_EQ(std::count(std::istreambuf_iterator<char>(std::ifstream(tools.bin() / "pkexec.calls").rdbuf()), {}, '\n'), 1);

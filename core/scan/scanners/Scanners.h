@@ -1,4 +1,4 @@
-// The scanners of the everyday categories and of the package-manager caches, one class each.
+// The scanners, one row each, and the tables some of them share.
 #pragma once
 
 #include "core/scan/ScanEngine.h"
@@ -8,71 +8,29 @@
 
 namespace kestrel {
 
-class UserCachesScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::userCaches; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
+// Every scanner, one row each: its category and its class, whose `scan` its own file defines
+// (<Class>.cpp). The registry offers exactly these, in category order.
+#define KESTREL_SCANNERS(ROW)                    \
+  ROW(userCaches, UserCachesScanner)             \
+  ROW(logs, LogsScanner)                         \
+  ROW(crashReports, CrashReportsScanner)         \
+  ROW(trash, TrashScanner)                       \
+  ROW(savedAppState, SavedStateScanner)          \
+  ROW(mailDownloads, MailDownloadsScanner)       \
+  ROW(iosBackups, IOSBackupsScanner)             \
+  ROW(iosUpdates, IOSUpdatesScanner)             \
+  ROW(oldDownloads, OldDownloadsScanner)         \
+  ROW(installers, InstallersScanner)             \
+  ROW(packageCaches, PackageCachesScanner)
 
-class LogsScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::logs; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class CrashReportsScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::crashReports; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class TrashScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::trash; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class SavedStateScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::savedAppState; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class MailDownloadsScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::mailDownloads; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class IOSBackupsScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::iosBackups; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class IOSUpdatesScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::iosUpdates; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class InstallersScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::installers; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class OldDownloadsScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::oldDownloads; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
-
-class PackageCachesScanner final : public JunkScanner {
- public:
-  CleanCategory category() const override { return CleanCategory::packageCaches; }
-  std::vector<ScanItem> scan(const ScanContext& context) const override;
-};
+#define KESTREL_DECLARE_SCANNER(cat, Class)                                             \
+  class Class final : public JunkScanner {                                             \
+   public:                                                                             \
+    CleanCategory category() const override { return CleanCategory::cat; }             \
+    std::vector<ScanItem> scan(const ScanContext& context) const override;             \
+  };
+KESTREL_SCANNERS(KESTREL_DECLARE_SCANNER)
+#undef KESTREL_DECLARE_SCANNER
 
 // Folder names in the user's cache folder that are never offered: the system's own, system
 // services' caches that must not be touched, and the caches the package-cache scanner reports.
