@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 namespace kestrel {
@@ -44,18 +46,98 @@ fs::path realFolderPath(const fs::path& p) {
   return out;
 }
 
-Paths::Paths(const fs::path& home) : home_(realFolderPath(home)) {}
+Layout hostLayout() {
+#ifdef __APPLE__
+  return Layout::macos;
+#else
+  return Layout::linux;
+#endif
+}
+
+std::optional<fs::path> userDirFromText(std::string_view text, std::string_view key, const fs::path& home) {
+  size_t pos = 0;
+  std::optional<fs::path> found;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view line = text.substr(pos, end - pos);
+    pos = end + 1;
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t')) line.remove_prefix(1);
+    if (line.substr(0, key.size()) != key || line.substr(key.size(), 1) != "=") continue;
+    std::string_view value = line.substr(key.size() + 1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t' || value.back() == '\r'))
+      value.remove_suffix(1);
+    // The file's form: "$HOME/<relative>" or "/<absolute>", double-quoted, backslash escapes.
+    if (value.size() < 2 || value.front() != '"' || value.back() != '"') continue;
+    value = value.substr(1, value.size() - 2);
+    std::string out;
+    if (value.substr(0, 5) == "$HOME") {
+      value.remove_prefix(5);
+      out = home.string();
+    } else if (value.empty() || value.front() != '/') {
+      continue;
+    }
+    for (size_t i = 0; i < value.size(); ++i) {
+      if (value[i] == '\\' && i + 1 < value.size()) ++i;
+      out += value[i];
+    }
+    const fs::path folder = standardizedPath(out);
+    found = folder == standardizedPath(home) ? std::nullopt : std::optional<fs::path>(folder);
+  }
+  return found;  // the last assignment wins, as when the shell sources the file
+}
+
+namespace {
+
+fs::path xdgOr(const fs::path& value, const fs::path& fallback) {
+  return value.is_absolute() ? standardizedPath(value) : fallback;
+}
+
+fs::path userDir(const fs::path& configHome, std::string_view key, const fs::path& home,
+                 std::string_view fallback) {
+  std::ifstream in(configHome / "user-dirs.dirs", std::ios::binary);
+  std::string text;
+  if (in) text.assign(std::istreambuf_iterator<char>(in), {});
+  if (auto dir = userDirFromText(text, key, home)) return *dir;
+  return home / fallback;
+}
+
+}  // namespace
+
+Paths::Paths(const fs::path& home, Layout layout, const XdgDirs& xdg)
+    : home_(realFolderPath(home)), layout_(layout) {
+  xdg_.config = xdgOr(xdg.config, home_ / ".config");
+  xdg_.cache = xdgOr(xdg.cache, home_ / ".cache");
+  xdg_.data = xdgOr(xdg.data, home_ / ".local/share");
+  xdg_.state = xdgOr(xdg.state, home_ / ".local/state");
+  if (layout_ == Layout::linux) {
+    downloads_ = userDir(xdg_.config, "XDG_DOWNLOAD_DIR", home_, "Downloads");
+    desktop_ = userDir(xdg_.config, "XDG_DESKTOP_DIR", home_, "Desktop");
+  } else {
+    downloads_ = home_ / "Downloads";
+    desktop_ = home_ / "Desktop";
+  }
+}
 
 Paths Paths::fromEnvironment() {
-  const char* env = std::getenv("HOME");
-  if (env && env[0] == '/') return Paths(env);
+  XdgDirs xdg;
+  auto env = [](const char* name) {
+    const char* v = std::getenv(name);
+    return v ? fs::path(v) : fs::path();
+  };
+  xdg.config = env("XDG_CONFIG_HOME");
+  xdg.cache = env("XDG_CACHE_HOME");
+  xdg.data = env("XDG_DATA_HOME");
+  xdg.state = env("XDG_STATE_HOME");
+  const char* home = std::getenv("HOME");
+  if (home && home[0] == '/') return Paths(home, hostLayout(), xdg);
   // No usable HOME: ask the password database, as login shells do.
   std::vector<char> buf(16384);
   struct passwd pw {};
   struct passwd* result = nullptr;
   if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return Paths(result->pw_dir);
-  return Paths("/");
+    return Paths(result->pw_dir, hostLayout(), xdg);
+  return Paths("/", hostLayout(), xdg);
 }
 
 void Paths::migrateLegacySupportDir() const noexcept {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,16 +23,42 @@ fs::path standardizedPath(const fs::path& p);
 // The standardised path with every symbolic link resolved, when it exists; else as standardised.
 fs::path realFolderPath(const fs::path& p);
 
+// Which system's folder conventions a home follows. Both tables are compiled everywhere; the host's
+// is the default, so tests on one system can exercise the other's against a scratch home.
+enum class Layout { macos, linux };
+Layout hostLayout();
+
+// The base folders of a Linux home (`XDG_*_HOME`). An empty or relative value means the default
+// under the home folder.
+struct XdgDirs {
+  fs::path config, cache, data, state;
+  bool operator==(const XdgDirs&) const = default;
+};
+
 class Paths {
  public:
   // The home folder is resolved once to its real path (when it exists): that real folder is the
   // trusted anchor every walk and removal starts from, however HOME reaches it.
-  explicit Paths(const fs::path& home);
+  explicit Paths(const fs::path& home, Layout layout = hostLayout(), const XdgDirs& xdg = {});
 
-  // HOME when set and absolute, else the password database's entry for the current user.
+  // HOME when set and absolute, else the password database's entry for the current user; on
+  // Linux the `XDG_*_HOME` variables that hold absolute paths.
   static Paths fromEnvironment();
 
   const fs::path& home() const { return home_; }
+  Layout layout() const { return layout_; }
+  // The XDG base folders (on macOS too, where nothing of the system's own lives there).
+  const fs::path& configHome() const { return xdg_.config; }
+  const fs::path& cacheHome() const { return xdg_.cache; }
+  const fs::path& dataHome() const { return xdg_.data; }
+  const fs::path& stateHome() const { return xdg_.state; }
+  // The user's Download and Desktop folders: on Linux as named in `user-dirs.dirs` (names are
+  // localised), else "~/Downloads" and "~/Desktop".
+  const fs::path& downloadsDir() const { return downloads_; }
+  const fs::path& desktopDir() const { return desktop_; }
+  // The Trash of the home volume: "~/.Trash" on macOS, "$XDG_DATA_HOME/Trash" (holding `files/`
+  // and `info/`) on Linux.
+  fs::path homeTrashDir() const { return layout_ == Layout::macos ? home_ / ".Trash" : xdg_.data / "Trash"; }
   fs::path library() const { return home_ / "Library"; }
   fs::path lib(std::string_view component) const { return library() / fs::path(component); }
   fs::path supportDir() const { return lib("Application Support") / AppInfo::name; }
@@ -89,6 +116,14 @@ class Paths {
   fs::path supportFile(std::string_view name) const { return supportDir() / name; }
 
   fs::path home_;
+  Layout layout_ = Layout::linux;
+  XdgDirs xdg_;
+  fs::path downloads_, desktop_;
 };
+
+// One user folder from the text of `user-dirs.dirs` (`key` such as "XDG_DOWNLOAD_DIR"): the
+// shell-quoted value with "$HOME" expanded; nothing when absent, malformed or set to the home
+// itself (which means the folder is disabled).
+std::optional<fs::path> userDirFromText(std::string_view text, std::string_view key, const fs::path& home);
 
 }  // namespace kestrel

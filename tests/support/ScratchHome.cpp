@@ -11,6 +11,18 @@
 #include <stdexcept>
 
 namespace kestrel::test {
+namespace {
+
+// The developer's own XDG folders must never reach a test, nor the binaries tests start: every
+// test process forgets them before the first test runs.
+const bool kXdgForgotten = [] {
+  for (const char* name : {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME",
+                           "XDG_RUNTIME_DIR", "XDG_CONFIG_DIRS", "XDG_DATA_DIRS"})
+    ::unsetenv(name);
+  return true;
+}();
+
+}  // namespace
 
 ScratchHome::ScratchHome() {
   std::string tmpl = (fs::temp_directory_path() / "kestrel test é-XXXXXX").string();

@@ -51,6 +51,49 @@ TEST(Paths, FromEnvironmentUsesHomeThenPasswordDatabase) {
   EXPECT_TRUE(Paths::fromEnvironment().home().is_absolute());
 }
 
+TEST(Paths, UserDirsFileNamesTheLocalisedDownloadFolder) {
+  const fs::path home = "/home/me";
+  struct Case {
+    const char* text;
+    std::optional<const char*> expected;
+  };
+  const Case cases[] = {
+      {"XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements\"\n", "/home/me/Téléchargements"},
+      {"# comment\n  XDG_DOWNLOAD_DIR=\"/srv/dl\"  \r\n", "/srv/dl"},
+      {"XDG_DOWNLOAD_DIR=\"$HOME/a \\\"b\\\"\"", "/home/me/a \"b\""},
+      {"XDG_DOWNLOAD_DIR=\"$HOME/one\"\nXDG_DOWNLOAD_DIR=\"$HOME/two\"\n", "/home/me/two"},
+      {"XDG_DOWNLOAD_DIR=\"$HOME/\"\n", std::nullopt},  // disabled
+      {"XDG_DOWNLOAD_DIR=relative\n", std::nullopt},
+      {"XDG_DOWNLOAD_DIR=\"relative\"\n", std::nullopt},
+      {"XDG_DOWNLOAD_DIRX=\"$HOME/x\"\nXDG_DESKTOP_DIR=\"$HOME/d\"\n", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    const auto got = userDirFromText(c.text, "XDG_DOWNLOAD_DIR", home);
+    ASSERT_EQ(got.has_value(), c.expected.has_value());
+    if (got) {
+      EXPECT_EQ(got->string(), *c.expected);
+    }
+  }
+}
+
+TEST(Paths, LinuxHomeTakesAbsoluteXdgFoldersAndItsUserDirs) {
+  ScratchHome h;
+  h.text("cfg/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/Dl\"\n");
+  const Paths linux(h.home(), Layout::linux, {h.path("cfg"), "relative/cache", "", h.path("st/")});
+  EXPECT_EQ(linux.configHome(), h.path("cfg"));
+  EXPECT_EQ(linux.cacheHome(), h.path(".cache"));
+  EXPECT_EQ(linux.dataHome(), h.path(".local/share"));
+  EXPECT_EQ(linux.stateHome(), h.path("st"));
+  EXPECT_EQ(linux.downloadsDir(), h.path("Dl"));
+  EXPECT_EQ(linux.desktopDir(), h.path("Desktop"));
+  EXPECT_EQ(linux.homeTrashDir(), h.path(".local/share/Trash"));
+  const Paths mac(h.home(), Layout::macos, {h.path("cfg"), {}, {}, {}});
+  EXPECT_EQ(mac.downloadsDir(), h.path("Downloads"));
+  EXPECT_EQ(mac.homeTrashDir(), h.path(".Trash"));
+}
+
 TEST(Paths, SupportFoldersMigrateTheLegacyFolderOnlyWhenAloneAndReportErrors) {
   {
     ScratchHome h;
