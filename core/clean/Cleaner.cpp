@@ -232,6 +232,8 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     if (identityAt(parent.fd.get(), parent.name.c_str())) {
       throw CleanerError::stillThere(parent.name);
     }
+    // An entry that left a freedesktop Trash takes its info file and size line with it.
+    if (item.category == CleanCategory::trash) platform::forgetTrashEntry(path);
   } catch (const QuarantineAddError& e) {
     pass.report.failures.push_back({item.id, e.what()});
     pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,

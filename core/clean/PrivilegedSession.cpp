@@ -163,7 +163,7 @@ bool PrivilegedSession::start() {
   discardFolder();
   try {
     dir_ = paths_.privilegedSessionDir(randomHexToken(16));
-    std::filesystem::create_directories(paths_.supportDir());
+    std::filesystem::create_directories(dir_->parent_path());
     if (::mkdir(dir_->c_str(), 0700) != 0) {
       dir_.reset();
       return false;

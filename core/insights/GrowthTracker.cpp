@@ -64,6 +64,10 @@ GrowthTracker::GrowthTracker(const Paths& paths, fs::path url)
 
 std::vector<fs::path> GrowthTracker::watchedParents() const {
   const fs::path& home = paths_.home();
+  if (paths_.layout() == Layout::linux) {
+    return {home,           paths_.cacheHome(), paths_.dataHome(), paths_.configHome(), paths_.stateHome(),
+            home / ".var/app", home / "snap",    paths_.downloadsDir()};
+  }
   return {home,
           paths_.library(),
           paths_.lib("Application Support"),

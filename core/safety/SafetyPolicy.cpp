@@ -195,6 +195,10 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
   for (auto rel : ProtectedLists::kHomeBlocked) homeBlocked_.push_back(joinHome(home_, rel));
   // The system's own data and launch agent.
   homeBlocked_.push_back(paths_.supportDir().string());
+  if (paths_.layout() == Layout::linux) {
+    for (const auto& own : {paths_.configDir(), paths_.stateDir(), paths_.dataDir()})
+      homeBlocked_.push_back(own.string());
+  }
   homeBlocked_.push_back(paths_.launchAgentPlist().string());
 }
 

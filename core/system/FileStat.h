@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <vector>
 #include <functional>
 #include <optional>
 
@@ -51,5 +52,7 @@ Date accessedTime(const struct stat& st) noexcept;
 std::optional<Date> addedToFolderDate(const std::filesystem::path& path) noexcept;
 // True when the item lives on a network file system.
 bool isRemoteVolume(const std::filesystem::path& path) noexcept;
+// The mount points of the mounted volumes (each once, in mount order).
+std::vector<std::filesystem::path> mountPoints();
 
 }  // namespace kestrel::platform

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <vector>
 
@@ -119,7 +120,16 @@ Paths::Paths(const fs::path& home, Layout layout, const XdgDirs& xdg)
   }
 }
 
+Layout layoutFromEnvironment() {
+  // The other system's table, on request: for tests, and to try a copied home.
+  const char* chosen = std::getenv("KESTREL_LAYOUT");
+  if (chosen && std::string_view(chosen) == "macos") return Layout::macos;
+  if (chosen && std::string_view(chosen) == "linux") return Layout::linux;
+  return hostLayout();
+}
+
 Paths Paths::fromEnvironment() {
+  const Layout layout = layoutFromEnvironment();
   XdgDirs xdg;
   auto env = [](const char* name) {
     const char* v = std::getenv(name);
@@ -130,18 +140,54 @@ Paths Paths::fromEnvironment() {
   xdg.data = env("XDG_DATA_HOME");
   xdg.state = env("XDG_STATE_HOME");
   const char* home = std::getenv("HOME");
-  if (home && home[0] == '/') return Paths(home, hostLayout(), xdg);
+  if (home && home[0] == '/') return Paths(home, layout, xdg);
   // No usable HOME: ask the password database, as login shells do.
   std::vector<char> buf(16384);
   struct passwd pw {};
   struct passwd* result = nullptr;
   if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return Paths(result->pw_dir, hostLayout(), xdg);
-  return Paths("/", hostLayout(), xdg);
+    return Paths(result->pw_dir, layout, xdg);
+  return Paths("/", layout, xdg);
 }
+
+Paths Paths::withSystemRoot(const fs::path& root) const {
+  Paths copy = *this;
+  copy.systemRoot_ = standardizedPath(root);
+  return copy;
+}
+
+namespace {
+
+// Moves `names` from `from` into `to`, which is made only for them: an existing `to` is never
+// merged into. Returns false when `to` existed.
+void moveInto(const fs::path& from, const fs::path& to, std::initializer_list<std::string_view> names) {
+  std::error_code ec;
+  if (fs::exists(fs::symlink_status(to, ec))) return;
+  bool any = false;
+  for (auto name : names) any = any || fs::exists(fs::symlink_status(from / name, ec));
+  if (!any) return;
+  fs::create_directories(to, ec);
+  if (ec) return;
+  // Each rename either happens whole or not at all (another file system: the file stays).
+  for (auto name : names) fs::rename(from / name, to / name, ec);
+}
+
+}  // namespace
 
 void Paths::migrateLegacySupportDir() const noexcept {
   std::error_code ec;
+  if (!isMac()) {
+    const fs::path old = supportDir();
+    // Once: the config folder existing means this ran (or a new build started afresh).
+    if (!fs::is_directory(fs::symlink_status(old, ec)) || fs::exists(fs::symlink_status(configDir(), ec))) return;
+    moveInto(old, configDir(), {"config.json", "rules.json", "shredder.json"});
+    moveInto(old, stateDir(),
+             {"audit.jsonl", "agent-state.json", "space-history.json", "growth-snapshots.json",
+              "persistence-baseline.json", "shredder-review.json", "shredder-history.jsonl",
+              "shredder-index.json"});
+    moveInto(old, dataDir(), {"Quarantine"});
+    return;
+  }
   const fs::path legacy = legacySupportDir();
   if (!fs::exists(fs::symlink_status(legacy, ec))) return;
   if (fs::exists(fs::symlink_status(supportDir(), ec))) return;

@@ -27,6 +27,8 @@ fs::path realFolderPath(const fs::path& p);
 // is the default, so tests on one system can exercise the other's against a scratch home.
 enum class Layout { macos, linux };
 Layout hostLayout();
+// KESTREL_LAYOUT ("macos" or "linux") when set to one of those, else the host's.
+Layout layoutFromEnvironment();
 
 // The base folders of a Linux home (`XDG_*_HOME`). An empty or relative value means the default
 // under the home folder.
@@ -41,8 +43,8 @@ class Paths {
   // trusted anchor every walk and removal starts from, however HOME reaches it.
   explicit Paths(const fs::path& home, Layout layout = hostLayout(), const XdgDirs& xdg = {});
 
-  // HOME when set and absolute, else the password database's entry for the current user; on
-  // Linux the `XDG_*_HOME` variables that hold absolute paths.
+  // HOME when set and absolute, else the password database's entry for the current user; the
+  // `XDG_*_HOME` variables that hold absolute paths; the layout of layoutFromEnvironment.
   static Paths fromEnvironment();
 
   const fs::path& home() const { return home_; }
@@ -61,33 +63,44 @@ class Paths {
   fs::path homeTrashDir() const { return layout_ == Layout::macos ? home_ / ".Trash" : xdg_.data / "Trash"; }
   fs::path library() const { return home_ / "Library"; }
   fs::path lib(std::string_view component) const { return library() / fs::path(component); }
+  // Where files outside the home live ("/" except in tests, which point it into a scratch folder).
+  const fs::path& systemRoot() const { return systemRoot_; }
+  Paths withSystemRoot(const fs::path& root) const;
+
+  // The system's own folders. macOS keeps everything in one support folder; Linux follows the
+  // platform's conventions: what the user edits in the config folder, history, logs and locks in
+  // the state folder, the quarantine in the data folder.
   fs::path supportDir() const { return lib("Application Support") / AppInfo::name; }
   fs::path legacySupportDir() const { return lib("Application Support") / AppInfo::legacyName; }
+  fs::path configDir() const { return isMac() ? supportDir() : xdg_.config / kLinuxFolderName; }
+  fs::path stateDir() const { return isMac() ? supportDir() : xdg_.state / kLinuxFolderName; }
+  fs::path dataDir() const { return isMac() ? supportDir() : xdg_.data / kLinuxFolderName; }
+  static constexpr std::string_view kLinuxFolderName = "orvo-kestrel";
 
-  // Every file the system keeps in its support folder.
-  fs::path configFile() const { return supportFile("config.json"); }
-  fs::path rulesFile() const { return supportFile("rules.json"); }
-  fs::path lockFile() const { return supportFile("agent.lock"); }
-  fs::path auditFile() const { return supportFile("audit.jsonl"); }
-  fs::path agentStateFile() const { return supportFile("agent-state.json"); }
-  fs::path spaceHistoryFile() const { return supportFile("space-history.json"); }
-  fs::path growthSnapshotsFile() const { return supportFile("growth-snapshots.json"); }
-  fs::path persistenceBaselineFile() const { return supportFile("persistence-baseline.json"); }
-  fs::path shredderSettingsFile() const { return supportFile("shredder.json"); }
-  fs::path shredderReviewFile() const { return supportFile("shredder-review.json"); }
-  fs::path shredderHistoryFile() const { return supportFile("shredder-history.jsonl"); }
-  fs::path shredderIndexFile() const { return supportFile("shredder-index.json"); }
+  // Every file the system keeps.
+  fs::path configFile() const { return configDir() / "config.json"; }
+  fs::path rulesFile() const { return configDir() / "rules.json"; }
+  fs::path shredderSettingsFile() const { return configDir() / "shredder.json"; }
+  fs::path lockFile() const { return stateDir() / "agent.lock"; }
+  fs::path auditFile() const { return stateDir() / "audit.jsonl"; }
+  fs::path agentStateFile() const { return stateDir() / "agent-state.json"; }
+  fs::path spaceHistoryFile() const { return stateDir() / "space-history.json"; }
+  fs::path growthSnapshotsFile() const { return stateDir() / "growth-snapshots.json"; }
+  fs::path persistenceBaselineFile() const { return stateDir() / "persistence-baseline.json"; }
+  fs::path shredderReviewFile() const { return stateDir() / "shredder-review.json"; }
+  fs::path shredderHistoryFile() const { return stateDir() / "shredder-history.jsonl"; }
+  fs::path shredderIndexFile() const { return stateDir() / "shredder-index.json"; }
   // The lock file held around one read-modify-write of `store` ("<store>.lock" beside it; never
   // removed, so two writers always lock the same file).
   static fs::path lockFileFor(const fs::path& store) { return fs::path(store) += ".lock"; }
   // A privileged session's own folder ("priv-<token>").
   fs::path privilegedSessionDir(std::string_view token) const {
-    return supportDir() / ("priv-" + std::string(token));
+    return stateDir() / ("priv-" + std::string(token));
   }
 
   // The quarantine: one folder per session holding the moved items, the manifest and, while the
   // session changes, its journal; one lock file for the whole store.
-  fs::path quarantineDir() const { return supportDir() / "Quarantine"; }
+  fs::path quarantineDir() const { return dataDir() / "Quarantine"; }
   fs::path quarantineLockFile() const { return quarantineDir() / kQuarantineLockName; }
   fs::path quarantineSessionDir(std::string_view id) const { return quarantineDir() / id; }
   static constexpr std::string_view kQuarantineItemsName = "items";
@@ -97,15 +110,16 @@ class Paths {
   // Where items the quarantine found without a record are restored to.
   fs::path recoveredItemsDir(std::string_view sessionID) const { return home_ / "Recovered Items" / sessionID; }
 
-  fs::path logDir() const { return lib("Logs") / AppInfo::name; }
+  fs::path logDir() const { return isMac() ? lib("Logs") / AppInfo::name : stateDir() / "logs"; }
   fs::path agentLogFile() const { return logDir() / "agent.log"; }
   fs::path shredderLogFile() const { return logDir() / "shredder.log"; }
   fs::path launchAgentPlist() const {
     return lib("LaunchAgents") / (std::string(AppInfo::agentLabel) + ".plist");
   }
 
-  // Moves the earlier product's folder into place when only it exists. Never fails: a failed
-  // move leaves both folders as they were.
+  // macOS: moves the earlier product's folder into place when only it exists. Linux: moves the
+  // files of a support folder left by earlier builds to their Linux folders, each folder only
+  // when it does not exist yet. Never fails: a failed move leaves the files where they were.
   void migrateLegacySupportDir() const noexcept;
   // Runs the migration, then creates the quarantine and log folders. Throws fs::filesystem_error.
   void ensureSupportDirs() const;
@@ -113,9 +127,10 @@ class Paths {
   bool operator==(const Paths&) const = default;
 
  private:
-  fs::path supportFile(std::string_view name) const { return supportDir() / name; }
+  bool isMac() const { return layout_ == Layout::macos; }
 
   fs::path home_;
+  fs::path systemRoot_ = "/";
   Layout layout_ = Layout::linux;
   XdgDirs xdg_;
   fs::path downloads_, desktop_;

@@ -233,8 +233,7 @@ TEST(Cleaner, QuarantineSessionIsOpenedOnceAndOnlyWhenNeeded) {
 
 TEST(Cleaner, TrashKeepsTheOriginalPathAndNeverOverwrites) {
   Harness t;
-  test::ScopedEnv xdg("XDG_DATA_HOME", (t.h.home() / ".local/share").string());
-  const fs::path files = platform::trashFilesDir(t.h.paths());
+  const fs::path files = platform::trashFilesDir(t.h.linuxPaths());
   const fs::path info = files.parent_path() / "info";
   // Two items of the same name, and a stray file in the Trash without an info file.
   const fs::path first = t.h.text("Library/Caches/one/100% é #1.txt", "first");
@@ -243,7 +242,8 @@ TEST(Cleaner, TrashKeepsTheOriginalPathAndNeverOverwrites) {
   fs::create_directories(files);
   std::ofstream(files / "stray.log") << "already in the Trash";
 
-  const CleanReport r = t.cleaner().clean({pathItem(first, 5), pathItem(second, 6), pathItem(stray, 4)},
+  Cleaner freedesktop(t.h.linuxPaths(), AppConfig{}, t.services(), &t.session, &t.queue);
+  const CleanReport r = freedesktop.clean({pathItem(first, 5), pathItem(second, 6), pathItem(stray, 4)},
                                           TriggerSource::manual(), false, Disposal::trash);
   ASSERT_TRUE(r.failures.empty()) << r.failures[0].message;
   EXPECT_EQ(r.trashedBytes, 15);

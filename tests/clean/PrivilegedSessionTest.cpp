@@ -178,7 +178,7 @@ TEST(PrivilegedSession, HostileHomePathsAreQuotedIntact) {
   EXPECT_EQ(r.stdout.rfind("OK", 0), 0u) << r.stderr;
   const auto dir = session.folder();
   ASSERT_TRUE(dir);
-  EXPECT_EQ(dir->parent_path(), Paths(home).supportDir());
+  EXPECT_EQ(dir->parent_path(), Paths(home).stateDir());
   session.end();
   EXPECT_FALSE(fs::exists(h.path("pwned")));
   EXPECT_FALSE(fs::exists("pwned"));

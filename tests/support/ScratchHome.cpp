@@ -14,11 +14,13 @@ namespace kestrel::test {
 namespace {
 
 // The developer's own XDG folders must never reach a test, nor the binaries tests start: every
-// test process forgets them before the first test runs.
-const bool kXdgForgotten = [] {
+// test process forgets them before the first test runs. The binaries follow the macOS table, as
+// ScratchHome::paths does, unless a test asks for the Linux one (KESTREL_LAYOUT=linux).
+const bool kEnvironmentSet = [] {
   for (const char* name : {"XDG_CONFIG_HOME", "XDG_CACHE_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME",
                            "XDG_RUNTIME_DIR", "XDG_CONFIG_DIRS", "XDG_DATA_DIRS"})
     ::unsetenv(name);
+  ::setenv("KESTREL_LAYOUT", "macos", 1);
   return true;
 }();
 

@@ -10,25 +10,52 @@ namespace {
 
 using test::ScratchHome;
 
-TEST(Paths, DerivesEveryLocationFromHome) {
-  Paths p("/Users/me");
+TEST(Paths, DerivesEveryLocationFromHomeOnBothLayouts) {
+  const Paths mac("/Users/me", Layout::macos);
+  const Paths linux("/home/me", Layout::linux, {"/home/me/cfg", {}, {}, {}});
   struct Case {
     fs::path actual;
     const char* expected;
   };
   const Case cases[] = {
-      {p.library(), "/Users/me/Library"},
-      {p.lib("Logs/DiagnosticReports"), "/Users/me/Library/Logs/DiagnosticReports"},
-      {p.supportDir(), "/Users/me/Library/Application Support/orvo Kestrel"},
-      {p.quarantineDir(), "/Users/me/Library/Application Support/orvo Kestrel/Quarantine"},
-      {p.configFile(), "/Users/me/Library/Application Support/orvo Kestrel/config.json"},
-      {p.rulesFile(), "/Users/me/Library/Application Support/orvo Kestrel/rules.json"},
-      {p.lockFile(), "/Users/me/Library/Application Support/orvo Kestrel/agent.lock"},
-      {p.auditFile(), "/Users/me/Library/Application Support/orvo Kestrel/audit.jsonl"},
-      {p.agentLogFile(), "/Users/me/Library/Logs/orvo Kestrel/agent.log"},
-      {p.launchAgentPlist(), "/Users/me/Library/LaunchAgents/com.orvo.kestrel.agent.plist"},
+      {mac.lib("Logs/DiagnosticReports"), "/Users/me/Library/Logs/DiagnosticReports"},
+      {mac.quarantineDir(), "/Users/me/Library/Application Support/orvo Kestrel/Quarantine"},
+      {mac.configFile(), "/Users/me/Library/Application Support/orvo Kestrel/config.json"},
+      {mac.rulesFile(), "/Users/me/Library/Application Support/orvo Kestrel/rules.json"},
+      {mac.lockFile(), "/Users/me/Library/Application Support/orvo Kestrel/agent.lock"},
+      {mac.auditFile(), "/Users/me/Library/Application Support/orvo Kestrel/audit.jsonl"},
+      {mac.agentLogFile(), "/Users/me/Library/Logs/orvo Kestrel/agent.log"},
+      {mac.launchAgentPlist(), "/Users/me/Library/LaunchAgents/com.orvo.kestrel.agent.plist"},
+      {linux.configFile(), "/home/me/cfg/orvo-kestrel/config.json"},
+      {linux.rulesFile(), "/home/me/cfg/orvo-kestrel/rules.json"},
+      {linux.shredderSettingsFile(), "/home/me/cfg/orvo-kestrel/shredder.json"},
+      {linux.auditFile(), "/home/me/.local/state/orvo-kestrel/audit.jsonl"},
+      {linux.lockFile(), "/home/me/.local/state/orvo-kestrel/agent.lock"},
+      {linux.shredderIndexFile(), "/home/me/.local/state/orvo-kestrel/shredder-index.json"},
+      {linux.privilegedSessionDir("ab"), "/home/me/.local/state/orvo-kestrel/priv-ab"},
+      {linux.agentLogFile(), "/home/me/.local/state/orvo-kestrel/logs/agent.log"},
+      {linux.quarantineDir(), "/home/me/.local/share/orvo-kestrel/Quarantine"},
   };
   for (const auto& c : cases) EXPECT_EQ(c.actual.string(), c.expected);
+}
+
+TEST(Paths, LinuxMovesAnEarlierBuildsSupportFolderOnceAndNeverMerges) {
+  ScratchHome h;
+  const Paths p = h.linuxPaths();
+  const std::string old = "Library/Application Support/orvo Kestrel/";
+  h.text(old + "config.json", "{\"a\":1}");
+  h.text(old + "audit.jsonl", "line\n");
+  h.text(old + "Quarantine/s1/manifest.json", "{}");
+  h.text(".local/state/orvo-kestrel/space-history.json", "[]");  // the state folder exists: no merge
+  p.ensureSupportDirs();
+  EXPECT_EQ(test::readText(p.configFile()), "{\"a\":1}");
+  EXPECT_FALSE(fs::exists(p.auditFile()));
+  EXPECT_TRUE(fs::exists(h.path(old + "audit.jsonl")));
+  EXPECT_TRUE(fs::exists(p.quarantineSessionDir("s1") / "manifest.json"));
+  // Once: a later config file in the old folder stays there.
+  h.text(old + "rules.json", "[]");
+  p.ensureSupportDirs();
+  EXPECT_FALSE(fs::exists(p.rulesFile()));
 }
 
 TEST(Paths, StandardisesHome) {

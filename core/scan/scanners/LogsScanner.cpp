@@ -1,6 +1,6 @@
-// Logs: log folders and files in the user's log folder untouched for logAgeDays.
+// Logs: log folders and files in the user's log folders untouched for logAgeDays.
 #include "core/system/FileStat.h"
-#include "core/scan/scanners/ChildScan.h"
+#include "core/scan/scanners/Locations.h"
 #include "core/scan/scanners/Scanners.h"
 
 #include <cerrno>
@@ -77,15 +77,47 @@ LogTree walkLogFolder(const scanners::Child& child, const FS::CancelTest& cancel
   return tree;
 }
 
+bool isMacLogEntry(const scanners::Child& child) {
+  // Crash reports are their own category; the system's own log folder is never offered.
+  return child.name != "DiagnosticReports" && child.name != AppInfo::name;
+}
+
+bool endsWith(std::string_view s, std::string_view tail) {
+  return s.size() >= tail.size() && s.substr(s.size() - tail.size()) == tail;
+}
+
+// A log in an app's state folder: a "log"/"logs" folder, or a "*.log", "*.log.N" or "*.log.old"
+// file; never anything else there (editor history and the like are the user's state).
+bool isStateLog(const scanners::Child& child) {
+  if (child.isDirectory()) return child.name == "log" || child.name == "logs";
+  const std::string_view n = child.name;
+  if (endsWith(n, ".log") || endsWith(n, ".log.old")) return n.size() > 4;
+  const auto dot = n.rfind('.');
+  if (dot == std::string_view::npos || dot + 1 == n.size()) return false;
+  const auto digits = n.substr(dot + 1);
+  return digits.find_first_not_of("0123456789") == std::string_view::npos && endsWith(n.substr(0, dot), ".log");
+}
+
+bool isOldLog(const scanners::Child& child) { return endsWith(child.name, ".log.old"); }
+
+using scanners::Base, scanners::On, scanners::Shape;
+
+constexpr scanners::Location kLocations[] = {
+    {On::macos, Base::library, "Logs", Shape::children, {}, isMacLogEntry},
+    {On::linux, Base::state, "*", Shape::children, {}, isStateLog},
+    {On::linux, Base::home, ".xsession-errors.old", Shape::self},
+    {On::linux, Base::data, "xorg", Shape::children, {}, isOldLog},
+};
+
 }  // namespace
 
 std::vector<ScanItem> LogsScanner::scan(const ScanContext& context) const {
   std::vector<ScanItem> items;
   const Date cutoff = context.daysAgo(context.config.logAgeDays);
   const std::string reason = "Log files untouched for " + std::to_string(context.config.logAgeDays) + "+ days";
-  scanners::forEachChild(context, category(), context.lib("Logs"), [&](const scanners::Child& child) {
-    // Crash reports are their own category; the system's own log folder is never offered.
-    if (child.name == "DiagnosticReports" || child.name == "orvo Kestrel") return;
+  scanners::forEachLocation(context, category(), kLocations, [&](const scanners::Found& found) {
+    const auto& child = found.child;
+    if (found.match == Paths::kLinuxFolderName) return;  // the system's own logs
     if (!child.hasStatus) return;  // gone since the listing
     if (!context.oldEnough(child.modified())) return;
     if (*child.modified() >= cutoff) return;

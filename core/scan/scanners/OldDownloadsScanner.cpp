@@ -1,19 +1,25 @@
-// Old downloads: files in Downloads not opened for oldDownloadsDays (installers excluded).
-#include "core/scan/scanners/ChildScan.h"
+// Old downloads: files in the Download folder not opened for oldDownloadsDays (installers excluded).
+#include "core/scan/scanners/Locations.h"
 #include "core/scan/scanners/Scanners.h"
 
-#include <algorithm>
-
 namespace kestrel {
+namespace {
+
+using scanners::Base, scanners::On, scanners::Shape;
+
+constexpr scanners::Location kLocations[] = {
+    {On::both, Base::downloads, "", Shape::children},
+};
+
+}  // namespace
 
 std::vector<ScanItem> OldDownloadsScanner::scan(const ScanContext& context) const {
   const Date cutoff = context.daysAgo(context.config.oldDownloadsDays);
   const std::string reason = "Not opened in " + std::to_string(context.config.oldDownloadsDays) + "+ days";
   std::vector<ScanItem> items;
-  scanners::forEachChild(context, category(), context.home() / "Downloads", [&](const scanners::Child& child) {
-    const std::string ext = child.lowerExtension();
-    if (std::find(kInstallerExtensions.begin(), kInstallerExtensions.end(), ext) != kInstallerExtensions.end())
-      return;
+  scanners::forEachLocation(context, category(), kLocations, [&](const scanners::Found& found) {
+    const auto& child = found.child;
+    if (isInstaller(context.paths.layout(), child.lowerExtension())) return;
     const auto lastUsed = child.lastUsed();
     if (!lastUsed || *lastUsed >= cutoff) return;  // an unknown date never counts as old
     if (!context.oldEnough(child.modified())) return;

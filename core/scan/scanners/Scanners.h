@@ -40,8 +40,20 @@ inline constexpr std::array<std::string_view, 20> kCacheExclusions = {
     "com.apple.ap.adprivacyd", "Homebrew", "Yarn", "pip", "pypoetry", "CocoaPods", "org.swift.swiftpm",
     "pnpm", "go-build", "ms-playwright", "JetBrains"};
 
-// Installer extensions (lower case): the installers scanner's, never old downloads'.
+// Folder names in a Linux cache folder that the user-caches scanner never offers: the document
+// portal's mount, the system's own, and the caches the package-cache scanner reports.
+inline constexpr std::array<std::string_view, 16> kLinuxCacheExclusions = {
+    "doc", "orvo-kestrel", "yarn", "pnpm", "pip", "pypoetry", "uv", "Homebrew", "org.swift.swiftpm",
+    "go-build", "ms-playwright", "huggingface", "JetBrains", "composer", "bazel", "node-gyp"};
+
+// Installer extensions (lower case): the installers scanner's, never old downloads'. Linux adds
+// its package formats.
 inline constexpr std::array<std::string_view, 3> kInstallerExtensions = {"dmg", "pkg", "mpkg"};
+inline constexpr std::array<std::string_view, 6> kLinuxInstallerExtensions = {"deb", "rpm", "appimage",
+                                                                              "flatpakref", "snap", "run"};
+bool isInstaller(Layout layout, std::string_view lowerExtension);
+// The package-cache scanner's folders in a Linux cache folder (each in kLinuxCacheExclusions).
+std::vector<std::string_view> linuxPackageCacheFolders();
 
 // What an iOS backup's "Info.plist" says about it.
 struct BackupInfo {

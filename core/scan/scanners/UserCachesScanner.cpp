@@ -1,21 +1,52 @@
-// User caches: the app caches in the user's cache folder of at least 64 KiB.
-#include "core/scan/scanners/ChildScan.h"
+// User caches: the app caches of the user's cache folders of at least 64 KiB.
+#include "core/scan/scanners/Locations.h"
 #include "core/scan/scanners/Scanners.h"
 
 #include <algorithm>
 
 namespace kestrel {
+namespace {
+
+using scanners::Base, scanners::On, scanners::Shape;
+
+bool notExcluded(const scanners::Child& child) {
+  return std::find(kCacheExclusions.begin(), kCacheExclusions.end(), child.name) == kCacheExclusions.end();
+}
+bool notExcludedOnLinux(const scanners::Child& child) {
+  return std::find(kLinuxCacheExclusions.begin(), kLinuxCacheExclusions.end(), child.name) ==
+         kLinuxCacheExclusions.end();
+}
+
+constexpr scanners::Location kLocations[] = {
+    {On::macos, Base::library, "Caches", Shape::children, {}, notExcluded},
+    {On::linux, Base::cache, "", Shape::children, {}, notExcludedOnLinux},
+    // Sandboxed apps: one item per app.
+    {On::linux, Base::home, ".var/app/*/cache", Shape::self},
+    {On::linux, Base::home, "snap/*/common/.cache", Shape::self},
+    // Chromium-based apps keep their caches beside their settings.
+    {On::linux, Base::config, "*/Cache", Shape::self, "Cache"},
+    {On::linux, Base::config, "*/Code Cache", Shape::self, "Code Cache"},
+    {On::linux, Base::config, "*/GPUCache", Shape::self, "GPUCache"},
+    {On::linux, Base::config, "*/Service Worker/CacheStorage", Shape::self, "Service Worker cache"},
+    // Folders their owners tagged as caches, in the home's top two levels.
+    {On::linux, Base::home, "", Shape::taggedChildren},
+    {On::linux, Base::home, "*", Shape::taggedChildren},
+};
+
+}  // namespace
 
 std::vector<ScanItem> UserCachesScanner::scan(const ScanContext& context) const {
   constexpr int64_t kMinimumSize = 65536;  // smaller caches are not worth listing
   std::vector<ScanItem> items;
-  scanners::forEachChild(context, category(), context.lib("Caches"), [&](const scanners::Child& child) {
-    if (std::find(kCacheExclusions.begin(), kCacheExclusions.end(), child.name) != kCacheExclusions.end()) return;
+  scanners::forEachLocation(context, category(), kLocations, [&](const scanners::Found& found) {
+    const auto& child = found.child;
     if (!context.oldEnough(child.modified())) return;
     const int64_t size = scanners::measure(child, context.isCancelled);
     if (size < kMinimumSize) return;
-    items.push_back(scanners::makeItem(child, size, category(), Risk::safe,
-                                       "App cache; rebuilt automatically when needed", child.lastUsed()));
+    ScanItem item = scanners::makeItem(child, size, category(), Risk::safe,
+                                       "App cache; rebuilt automatically when needed", child.lastUsed());
+    item.title = found.title();
+    items.push_back(std::move(item));
   });
   return items;
 }

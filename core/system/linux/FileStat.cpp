@@ -10,8 +10,11 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 
 namespace kestrel::platform {
 namespace {
@@ -140,6 +143,28 @@ bool isRemoteVolume(const std::filesystem::path& path) noexcept {
     default:
       return false;
   }
+}
+
+std::vector<std::filesystem::path> mountPoints() {
+  // Field 5 of each mountinfo line, with the kernel's octal escapes (\040 for a blank) undone.
+  std::vector<std::filesystem::path> out;
+  std::ifstream in("/proc/self/mountinfo");
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    std::string id, parent, devno, root, point;
+    if (!(fields >> id >> parent >> devno >> root >> point)) continue;
+    std::string decoded;
+    for (size_t i = 0; i < point.size(); ++i) {
+      if (point[i] == '\\' && i + 3 < point.size()) {
+        decoded += static_cast<char>(std::stoi(point.substr(i + 1, 3), nullptr, 8));
+        i += 3;
+      } else {
+        decoded += point[i];
+      }
+    }
+    if (std::find(out.begin(), out.end(), decoded) == out.end()) out.emplace_back(decoded);
+  }
+  return out;
 }
 
 }  // namespace kestrel::platform

@@ -104,4 +104,12 @@ bool isRemoteVolume(const std::filesystem::path& path) noexcept {
   return !(sf.f_flags & MNT_LOCAL);
 }
 
+std::vector<std::filesystem::path> mountPoints() {
+  std::vector<std::filesystem::path> out;
+  struct statfs* mounts = nullptr;
+  const int n = ::getmntinfo(&mounts, MNT_NOWAIT);
+  for (int i = 0; i < n; ++i) out.emplace_back(mounts[i].f_mntonname);
+  return out;
+}
+
 }  // namespace kestrel::platform

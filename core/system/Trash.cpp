@@ -1,0 +1,309 @@
+// The Trash of both layouts: macOS "~/.Trash" with time-stamped names, and the freedesktop.org
+// Trash (info file first with O_EXCL, then a no-replace rename into "files") of every volume.
+#include "core/system/Trash.h"
+
+#include "core/system/Durability.h"
+#include "core/system/FileStat.h"
+#include "core/system/SafeFiles.h"
+#include "core/system/StoreFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cctype>
+#include <ctime>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+#include <system_error>
+
+namespace kestrel::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(int err, const std::string& what) {
+  throw std::system_error(err, std::generic_category(), what);
+}
+
+fs::path homeTrashRoot(const Paths& paths) {
+  // Only a Trash inside this home is used, so a scratch home never reaches another's Trash.
+  const std::string home = paths.home().string() + "/";
+  const fs::path root = paths.homeTrashDir();
+  if (root.string().rfind(home, 0) == 0) return root;
+  return paths.home() / ".local/share/Trash";
+}
+
+// Percent-encodes a path for the info file's "Path=" key (unreserved and "/" kept).
+std::string encodePath(const std::string& p) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned char c : p) {
+    if (std::isalnum(c) || std::string_view("-_.~!$&'()*+,;=:@/").find(static_cast<char>(c)) != std::string_view::npos) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
+
+std::string candidateName(const std::string& name, int n) {
+  if (n == 1) return name;
+  const auto dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return name + "." + std::to_string(n);
+  return name.substr(0, dot) + "." + std::to_string(n) + name.substr(dot);
+}
+
+// Opens (making it, owner-only, when missing) a folder inside `parent` without following a link;
+// the folder must be the user's own.
+UniqueFd ownFolderAt(int parent, const char* name) {
+  if (::mkdirat(parent, name, 0700) != 0 && errno != EEXIST) fail(errno, std::string("make ") + name);
+  UniqueFd fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat st;
+  if (!fd || ::fstat(fd.get(), &st) != 0) fail(errno ? errno : EIO, std::string("open ") + name);
+  if (st.st_uid != ::getuid()) fail(EPERM, std::string(name) + " is not yours");
+  return fd;
+}
+
+// The highest folder above `path` on the same device: the volume's top folder.
+fs::path volumeTop(const fs::path& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) fail(errno, "stat " + path.string());
+  fs::path top = path;
+  for (fs::path up = path.parent_path(); !up.empty(); up = up.parent_path()) {
+    struct stat ust;
+    if (::stat(up.c_str(), &ust) != 0 || ust.st_dev != st.st_dev) break;
+    top = up;
+    if (up == up.root_path()) break;
+  }
+  return top;
+}
+
+// The Trash folder of a volume other than the home's, opened: "$topdir/.Trash/$uid" only when
+// "$topdir/.Trash" is a real folder with the sticky bit, else "$topdir/.Trash-$uid".
+UniqueFd volumeTrash(const fs::path& top, fs::path& where) {
+  const Anchor root = Anchor::open("/");
+  UniqueFd topFd = top == "/" ? UniqueFd(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+                              : SafeFS::openFolder(root, top);
+  const std::string uid = std::to_string(::getuid());
+  struct stat shared;
+  if (::fstatat(topFd.get(), ".Trash", &shared, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(shared.st_mode) &&
+      (shared.st_mode & S_ISVTX)) {
+    UniqueFd sharedFd(::openat(topFd.get(), ".Trash", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (sharedFd) {
+      where = top / ".Trash" / uid;
+      return ownFolderAt(sharedFd.get(), uid.c_str());
+    }
+  }
+  const std::string own = ".Trash-" + uid;
+  where = top / own;
+  return ownFolderAt(topFd.get(), own.c_str());
+}
+
+// Allocated bytes of a folder tree, as `du -B1` counts them (the "directorysizes" figure).
+int64_t treeBytes(const fs::path& folder) {
+  int64_t total = 0;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(folder, fs::directory_options::skip_permission_denied, ec);
+       !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    struct stat st;
+    if (::lstat(it->path().c_str(), &st) == 0) total += static_cast<int64_t>(st.st_blocks) * 512;
+  }
+  return total;
+}
+
+// Rewrites "directorysizes" in `trash` through a temporary file and a rename: the lines other
+// than `name`'s, plus `added` when given.
+void rewriteDirectorySizes(const fs::path& trash, const std::string& encodedName, const std::string& added) {
+  const fs::path file = trash / "directorysizes";
+  std::ifstream in(file, std::ios::binary);
+  std::string out;
+  bool changed = !added.empty();
+  for (std::string line; std::getline(in, line);) {
+    // "<size> <mtime> <percent-encoded name>"
+    const auto second = line.find(' ', line.find(' ') + 1);
+    if (second != std::string::npos && line.substr(second + 1) == encodedName) {
+      changed = true;
+      continue;
+    }
+    out += line + "\n";
+  }
+  if (!changed) return;
+  out += added;
+  try {
+    StoreFile::writeAtomically(out, file);
+  } catch (const std::exception&) {
+    // The cache is optional: a stale one only costs a file manager a recount.
+  }
+}
+
+fs::path freedesktopMove(const fs::path& root, int rootFd, const ParentDir& item, Date now) {
+  UniqueFd files = ownFolderAt(rootFd, "files");
+  UniqueFd info = ownFolderAt(rootFd, "info");
+  const auto id = identityAt(item.fd.get(), item.name.c_str());
+  if (!id) fail(errno, "trash " + item.itemPath().string());
+  struct stat filesStat;
+  if (::fstat(files.get(), &filesStat) != 0) fail(errno, "trash " + root.string());
+  if (filesStat.st_dev != id->dev) fail(EXDEV, "The Trash is on another volume than " + item.itemPath().string());
+  struct stat itemStat;
+  const bool isFolder = ::fstatat(item.fd.get(), item.name.c_str(), &itemStat, AT_SYMLINK_NOFOLLOW) == 0 &&
+                        S_ISDIR(itemStat.st_mode);
+
+  const std::string content = "[Trash Info]\nPath=" + encodePath(item.itemPath().string()) +
+                              "\nDeletionDate=" + Dates::local(now, "yyyy-MM-ddTHH:mm:ss") + "\n";
+  for (int n = 1; n < 10000; ++n) {
+    const std::string name = candidateName(item.name, n);
+    const std::string infoName = name + ".trashinfo";
+    // The info file is made first and exclusively: its name reserves the name in "files".
+    UniqueFd infoFd(::openat(info.get(), infoName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!infoFd) {
+      if (errno == EEXIST) continue;
+      fail(errno, "trash info for " + item.itemPath().string());
+    }
+    const ssize_t w = ::write(infoFd.get(), content.data(), content.size());
+    const int syncErr = w == static_cast<ssize_t>(content.size()) ? fullSync(infoFd.get()) : EIO;
+    infoFd.reset();
+    if (syncErr != 0) {
+      ::unlinkat(info.get(), infoName.c_str(), 0);
+      fail(syncErr, "trash info for " + item.itemPath().string());
+    }
+    const int err = renameNoReplace(item.fd.get(), item.name.c_str(), files.get(), name.c_str());
+    if (err == EEXIST) {
+      ::unlinkat(info.get(), infoName.c_str(), 0);  // a stray file without info holds the name
+      continue;
+    }
+    if (err != 0) {
+      ::unlinkat(info.get(), infoName.c_str(), 0);
+      fail(err, "move " + item.itemPath().string() + " to the Trash");
+    }
+    fullSync(files.get());
+    fullSync(item.fd.get());
+    if (isFolder) {
+      struct stat infoStat;
+      const int64_t mtime = ::fstatat(info.get(), infoName.c_str(), &infoStat, 0) == 0 ? infoStat.st_mtime : 0;
+      rewriteDirectorySizes(root, encodePath(name),
+                            std::to_string(treeBytes(root / "files" / name)) + " " + std::to_string(mtime) + " " +
+                                encodePath(name) + "\n");
+    }
+    return root / "files" / name;
+  }
+  fail(EEXIST, "No free name in the Trash for " + item.itemPath().string());
+}
+
+fs::path macMove(const Paths& paths, const ParentDir& item, Date now) {
+  const fs::path root = paths.home() / ".Trash";
+  const Anchor home = Anchor::open(paths.home());
+  UniqueFd trash = SafeFS::openFolder(home, root, /*createMissing=*/true);
+  const auto id = identityAt(item.fd.get(), item.name.c_str());
+  struct stat st;
+  if (!id || ::fstat(trash.get(), &st) != 0) fail(errno, "trash");
+  if (st.st_dev != id->dev) fail(EXDEV, "The Trash is on another volume");
+  const auto dot = item.name.rfind('.');
+  const bool hasExt = dot != std::string::npos && dot > 0;
+  const std::string stem = hasExt ? item.name.substr(0, dot) : item.name;
+  const std::string ext = hasExt ? item.name.substr(dot) : "";
+  const std::string stamped = stem + " " + Dates::local(now, "h.mm.ss a");
+  for (int n = 0; n < 10000; ++n) {
+    const std::string name = n == 0 ? item.name : (n == 1 ? stamped + ext : stamped + " " + std::to_string(n) + ext);
+    const int err = renameNoReplace(item.fd.get(), item.name.c_str(), trash.get(), name.c_str());
+    if (err == 0) return root / name;
+    if (err != EEXIST) fail(err, "move to the Trash");
+  }
+  fail(EEXIST, "No free name in the Trash");
+}
+
+// "<trash>/files/<name>" → "<trash>", when the path has that shape.
+std::optional<fs::path> trashOfEntry(const fs::path& entry) {
+  if (entry.parent_path().filename() != "files") return std::nullopt;
+  return entry.parent_path().parent_path();
+}
+
+}  // namespace
+
+fs::path trashFilesDir(const Paths& paths) {
+  return paths.layout() == Layout::macos ? paths.home() / ".Trash" : homeTrashRoot(paths) / "files";
+}
+
+fs::path moveToTrash(const Paths& paths, const ParentDir& item, Date now) {
+  if (paths.layout() == Layout::macos) return macMove(paths, item, now);
+  const fs::path homeRoot = homeTrashRoot(paths);
+  const Anchor home = Anchor::open(paths.home());
+  UniqueFd homeTrash = SafeFS::openFolder(home, homeRoot, /*createMissing=*/true);
+  ::fchmod(homeTrash.get(), 0700);
+  struct stat trashStat, itemStat;
+  if (::fstat(homeTrash.get(), &trashStat) != 0) fail(errno, "trash " + homeRoot.string());
+  if (::fstatat(item.fd.get(), item.name.c_str(), &itemStat, AT_SYMLINK_NOFOLLOW) != 0)
+    fail(errno, "trash " + item.itemPath().string());
+  if (itemStat.st_dev == trashStat.st_dev) return freedesktopMove(homeRoot, homeTrash.get(), item, now);
+  // Another volume: its own Trash, so nothing is ever copied across volumes.
+  fs::path where;
+  UniqueFd volume = volumeTrash(volumeTop(item.path), where);
+  return freedesktopMove(where, volume.get(), item, now);
+}
+
+fs::path trashInfoFile(const fs::path& entry) {
+  return entry.parent_path().parent_path() / "info" / (entry.filename().string() + ".trashinfo");
+}
+
+std::optional<Date> trashDeletionDate(const fs::path& entry) noexcept {
+  try {
+    const auto text = StoreFile::readFile(trashInfoFile(entry));
+    if (!text) return std::nullopt;
+    std::istringstream in(*text);
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("DeletionDate=", 0) != 0) continue;
+      std::tm tm{};
+      std::istringstream value(line.substr(13));
+      value >> std::get_time(&tm, "%Y-%m-%dT%H:%M:%S");
+      if (value.fail()) return std::nullopt;
+      tm.tm_isdst = -1;  // local time, as the file holds it
+      const time_t t = std::mktime(&tm);
+      if (t == static_cast<time_t>(-1)) return std::nullopt;
+      return Dates::fromUnixSeconds(static_cast<int64_t>(t));
+    }
+  } catch (const std::exception&) {
+  }
+  return std::nullopt;
+}
+
+void forgetTrashEntry(const fs::path& entry) noexcept {
+  try {
+    const auto trash = trashOfEntry(entry);
+    if (!trash) return;
+    std::error_code ec;
+    if (fs::exists(fs::symlink_status(entry, ec))) return;
+    const fs::path info = trashInfoFile(entry);
+    if (fs::is_regular_file(fs::symlink_status(info, ec))) fs::remove(info, ec);
+    rewriteDirectorySizes(*trash, encodePath(entry.filename().string()), "");
+  } catch (const std::exception&) {
+    // Leftovers are orphans a later emptying or file manager removes.
+  }
+}
+
+std::vector<fs::path> otherVolumeTrashes(const Paths& paths) {
+  std::vector<fs::path> out;
+  const std::string uid = std::to_string(::getuid());
+  struct stat homeStat;
+  const bool haveHome = ::stat(paths.home().c_str(), &homeStat) == 0;
+  for (const auto& top : mountPoints()) {
+    struct stat st;
+    if (::stat(top.c_str(), &st) != 0 || (haveHome && st.st_dev == homeStat.st_dev)) continue;
+    if (::access(top.c_str(), W_OK) != 0) continue;  // a volume the user cannot write holds no Trash of theirs
+    struct stat shared;
+    const fs::path sharedTrash = top / ".Trash";
+    if (::lstat(sharedTrash.c_str(), &shared) == 0 && S_ISDIR(shared.st_mode) && (shared.st_mode & S_ISVTX)) {
+      const fs::path files = sharedTrash / uid / "files";
+      if (::lstat(files.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) out.push_back(files);
+    }
+    const fs::path files = top / (".Trash-" + uid) / "files";
+    if (::lstat(files.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) out.push_back(files);
+  }
+  return out;
+}
+
+}  // namespace kestrel::platform
