@@ -3,6 +3,7 @@
 
 #include "core/safety/CloudRoots.h"
 #include "core/system/PathRules.h"
+#include "core/system/Trash.h"
 #include "core/safety/ProtectedLists.h"
 
 #include <fcntl.h>
@@ -198,6 +199,7 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
   if (paths_.layout() == Layout::linux) {
     for (const auto& own : {paths_.configDir(), paths_.stateDir(), paths_.dataDir()})
       homeBlocked_.push_back(own.string());
+    for (const auto& files : platform::otherVolumeTrashes(paths_)) otherVolumeTrashes_.push_back(files.string());
   }
   homeBlocked_.push_back(paths_.launchAgentPlist().string());
 }
@@ -342,6 +344,9 @@ Verdict SafetyPolicy::check(const std::string& path, Memo* memo) const {
     for (auto root : ProtectedLists::kSystemLocations)
       if (isAtOrUnder(*candidate, root)) return Verdict::blocked("System location");
   }
+  // What the user trashed on another volume is theirs to remove, like their home Trash.
+  for (const auto& files : otherVolumeTrashes_)
+    if (p != files && isAtOrUnder(p, files) && resolvedItem == p) return Verdict::allowed();
   bool allowedPlace = false;
   for (auto root : ProtectedLists::kAllowedOutsideHome)
     if (p != root && isAtOrUnder(p, root)) allowedPlace = true;

@@ -90,6 +90,7 @@ class SafetyPolicy {
   std::vector<std::vector<std::string>> relativeComponents_;
   std::vector<std::string> topLevel_;
   std::vector<std::string> homeBlocked_;
+  std::vector<std::string> otherVolumeTrashes_;  // Linux: the user's Trash folders on other volumes
   std::function<bool(const std::string&)> isWritable_;
   bool stripPrivate_;  // the platform's standardisation drops a leading "/private" (macOS)
 };

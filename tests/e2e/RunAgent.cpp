@@ -27,4 +27,14 @@ AgentRun runAgentAt(const std::string& home, const std::vector<std::string>& arg
   return {r.status, r.stdout, r.stderr};
 }
 
+AgentRun runAgentLinux(const ScratchHome& home, const std::vector<std::string>& args,
+                       const std::vector<std::string>& env, double timeout) {
+  std::vector<std::string> argv{"HOME=" + home.home().string(), "KESTREL_LAYOUT=linux"};
+  argv.insert(argv.end(), env.begin(), env.end());
+  argv.push_back(KESTREL_AGENT_BINARY);
+  argv.insert(argv.end(), args.begin(), args.end());
+  auto r = Shell::run("/usr/bin/env", argv, timeout);
+  return {r.status, r.stdout, r.stderr};
+}
+
 }  // namespace kestrel::test

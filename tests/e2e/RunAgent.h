@@ -23,4 +23,9 @@ AgentRun runAgentBinary(const ScratchHome& home, const std::vector<std::string>&
 AgentRun runAgentAt(const std::string& home, const std::vector<std::string>& args, double timeout = 120,
                     const std::string& wrapper = "");
 
+// Runs the agent on the Linux table with HOME set to the scratch home and `env` ("NAME=value")
+// added to its environment.
+AgentRun runAgentLinux(const ScratchHome& home, const std::vector<std::string>& args,
+                       const std::vector<std::string>& env = {}, double timeout = 120);
+
 }  // namespace kestrel::test

@@ -59,6 +59,7 @@ std::optional<BackupInfo> parseBackupInfo(const std::vector<char>& bytes) {
 }
 
 std::vector<ScanItem> IOSBackupsScanner::scan(const ScanContext& context) const {
+  if (context.paths.layout() != Layout::macos) return {};  // a macOS home's folder only
   std::vector<ScanItem> items;
   scanners::forEachChild(context, category(), context.lib("Application Support/MobileSync/Backup"),
                          [&](const scanners::Child& child) {

@@ -5,6 +5,7 @@
 namespace kestrel {
 
 std::vector<ScanItem> IOSUpdatesScanner::scan(const ScanContext& context) const {
+  if (context.paths.layout() != Layout::macos) return {};  // a macOS home's folder only
   struct Folder {
     const char* sub;
     const char* reason;

@@ -5,6 +5,7 @@
 namespace kestrel {
 
 std::vector<ScanItem> MailDownloadsScanner::scan(const ScanContext& context) const {
+  if (context.paths.layout() != Layout::macos) return {};  // a macOS home's folder only
   const Date cutoff = context.now - std::chrono::seconds(604800);
   std::vector<ScanItem> items;
   scanners::forEachChild(context, category(), context.lib("Containers/com.apple.mail/Data/Library/Mail Downloads"),

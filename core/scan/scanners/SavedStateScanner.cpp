@@ -5,6 +5,7 @@
 namespace kestrel {
 
 std::vector<ScanItem> SavedStateScanner::scan(const ScanContext& context) const {
+  if (context.paths.layout() != Layout::macos) return {};  // a macOS home's folder only
   const Date cutoff = context.now - std::chrono::seconds(1209600);
   std::vector<ScanItem> items;
   scanners::forEachChild(context, category(), context.lib("Saved Application State"), [&](const scanners::Child& child) {
