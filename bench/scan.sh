@@ -1,18 +1,33 @@
 #!/usr/bin/env bash
 # Compares `KestrelAgent scan` with `du -s` over the folders the scanners visit, side by side on a
 # warm cache, and reports the agent's peak memory. Usage: bench/scan.sh HOME [RUNS] [AGENT]
+# LAYOUT=linux for a Linux-shaped home (make-home --profile linux); macOS-shaped by default.
 set -euo pipefail
 home=${1:?usage: bench/scan.sh HOME [RUNS] [AGENT]}
 runs=${2:-5}
 agent=${3:-"$(dirname "$0")/../build/KestrelAgent"}
+export KESTREL_LAYOUT=${LAYOUT:-macos}
 
 # Every folder a default-scan scanner lists or measures (the package caches that exist).
 folders=()
-for rel in "Library/Caches" "Library/Logs" ".Trash" "Library/Saved Application State" \
-  "Library/Containers/com.apple.mail/Data/Library/Mail Downloads" \
-  ".npm/_cacache" ".yarn/berry/cache" "Library/pnpm/store" ".pnpm-store" ".bun/install/cache" \
-  ".cache/pip" ".cache/uv" ".cargo/registry/cache" ".cargo/git/checkouts" "go/pkg/mod/cache/download" \
-  ".gradle/caches" ".gradle/wrapper/dists" ".m2/repository" ".cache/huggingface" ".android/cache" ".expo"; do
+if [ "$KESTREL_LAYOUT" = linux ]; then
+  rels=(".cache" ".var/app" "snap" ".local/state" ".local/share/Trash" ".local/share/xorg" "Downloads" "Desktop"
+    ".local/share/pnpm/store" ".npm/_cacache" ".yarn/berry/cache" ".pnpm-store" ".bun/install/cache"
+    ".cargo/registry/cache" ".cargo/git/checkouts" "go/pkg/mod/cache/download" ".gradle/caches"
+    ".gradle/wrapper/dists" ".m2/repository" ".android/cache" ".expo" ".conda/pkgs" ".nuget/packages")
+  for app in "$home"/.config/*/; do
+    for sub in "Cache" "Code Cache" "GPUCache" "Service Worker/CacheStorage" "Crashpad/completed"; do
+      [ -d "$app$sub" ] && rels+=("${app#"$home"/}$sub")
+    done
+  done
+else
+  rels=("Library/Caches" "Library/Logs" ".Trash" "Library/Saved Application State"
+    "Library/Containers/com.apple.mail/Data/Library/Mail Downloads"
+    ".npm/_cacache" ".yarn/berry/cache" "Library/pnpm/store" ".pnpm-store" ".bun/install/cache"
+    ".cache/pip" ".cache/uv" ".cargo/registry/cache" ".cargo/git/checkouts" "go/pkg/mod/cache/download"
+    ".gradle/caches" ".gradle/wrapper/dists" ".m2/repository" ".cache/huggingface" ".android/cache" ".expo")
+fi
+for rel in "${rels[@]}"; do
   [ -d "$home/$rel" ] && [ ! -L "$home/$rel" ] && folders+=("$home/$rel")
 done
 
