@@ -44,6 +44,7 @@ constexpr Marker kMarkers[] = {
 constexpr std::string_view kDependencies = "Installed dependencies; installing them again needs the network";
 constexpr std::string_view kCompiled = "Build output; rebuilt by the next build, which may take minutes";
 constexpr std::string_view kCache = "Build cache; rebuilt automatically when needed";
+constexpr std::string_view kOutput = "Build output; rebuilt by the next build";
 
 struct BuildFolder {
   std::string_view name;
@@ -57,7 +58,7 @@ struct BuildFolder {
 constexpr BuildFolder kBuildFolders[] = {
     {"node_modules", kNode, false, Risk::review, kDependencies},
     {"target", kCargo | kMaven, false, Risk::review, kCompiled},
-    {"build", kGradle, false, Risk::safe, kCache},
+    {"build", kGradle, false, Risk::safe, kOutput},
     {".gradle", kGradle, false, Risk::safe, kCache},
     {".venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
     {"venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
@@ -69,12 +70,12 @@ constexpr BuildFolder kBuildFolders[] = {
     {".nuxt", kNode, false, Risk::safe, kCache},
     {".dart_tool", kDart, false, Risk::safe, kCache},
     {"Pods", kPods | kXcode, false, Risk::review, kDependencies},
-    {"_build", kElixir, false, Risk::safe, kCache},
+    {"_build", kElixir, false, Risk::safe, kOutput},
     {".stack-work", kHaskell, false, Risk::safe, kCache},
     {"zig-cache", kZig, false, Risk::safe, kCache},
     {".zig-cache", kZig, false, Risk::safe, kCache},
 };
-constexpr BuildFolder kCMakeBuild{"", kCMake, false, Risk::safe, kCache};
+constexpr BuildFolder kCMakeBuild{"", kCMake, false, Risk::safe, kOutput};
 
 constexpr int64_t kMinimumSize = 1048576;
 // Levels below a root searched for projects; inside a project the walk goes as deep as the tree,
