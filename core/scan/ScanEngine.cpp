@@ -41,6 +41,11 @@ UniqueFd ScanContext::openFolder(const fs::path& folder, fs::path* realOut) cons
   return current;
 }
 
+Shell::Result ScanContext::runTool(const std::string& tool, const std::vector<std::string>& arguments,
+                                   double timeout) const {
+  return services.run ? services.run(tool, arguments, timeout) : Shell::run(tool, arguments, timeout);
+}
+
 Throttle::Throttle(double intervalSeconds, std::function<Clock::time_point()> clock)
     : interval_(intervalSeconds), clock_(std::move(clock)) {}
 
@@ -68,6 +73,7 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
   auto policy = std::make_shared<const SafetyPolicy>(paths_, config_.protectedPaths, services_);
   ScanContext context{paths_, config_, services_.now(), [] { return false; }, [](CleanCategory, const std::string&) {},
                       policy};
+  context.services = services_;
   if (isCancelled) context.isCancelled = isCancelled;
   if (progress)
     context.report = [throttle, progress](CleanCategory c, const std::string& text) {

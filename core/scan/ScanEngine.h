@@ -29,6 +29,8 @@ struct ScanContext {
   std::function<void(CleanCategory, const std::string&)> report = [](CleanCategory, const std::string&) {};
   // The policy of this scan (built from paths and config when absent).
   std::shared_ptr<const SafetyPolicy> policy = nullptr;
+  // The outside world of this scan; an empty tool runner means Shell::run.
+  Services services = {};
 
   const fs::path& home() const { return paths.home(); }
   fs::path lib(std::string_view sub) const { return paths.lib(sub); }
@@ -43,6 +45,8 @@ struct ScanContext {
   // is followed only as the policy's followRoot allows. Invalid when missing or refused.
   // `real` (when given) receives the folder's real path.
   UniqueFd openFolder(const fs::path& folder, fs::path* real = nullptr) const;
+  // Runs an outside tool through the services' tool runner (Shell::run when none is set).
+  Shell::Result runTool(const std::string& tool, const std::vector<std::string>& arguments, double timeout) const;
 };
 
 // One scanner per category. A scanner does not fail: a problem yields fewer or no items.

@@ -55,6 +55,14 @@ Layout hostLayout() {
 #endif
 }
 
+std::vector<fs::path> Paths::defaultDeveloperRoots() const {
+  std::vector<fs::path> out;
+  for (const char* rel : {"Developer", "Projects", "projects", "src", "code", "Code", "git", "repos", "work",
+                          "workspace", "Documents/GitHub"})
+    out.push_back(home_ / rel);
+  return out;
+}
+
 std::optional<fs::path> userDirFromText(std::string_view text, std::string_view key, const fs::path& home) {
   size_t pos = 0;
   std::optional<fs::path> found;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -61,6 +62,18 @@ class Paths {
   // The Trash of the home volume: "~/.Trash" on macOS, "$XDG_DATA_HOME/Trash" (holding `files/`
   // and `info/`) on Linux.
   fs::path homeTrashDir() const { return layout_ == Layout::macos ? home_ / ".Trash" : xdg_.data / "Trash"; }
+  // The usual code folders, searched for projects when the developerRoots setting is empty.
+  std::vector<fs::path> defaultDeveloperRoots() const;
+  // Xcode's and the simulators' folders (macOS layout): build data, archives, device symbols
+  // ("iOS" or "watchOS"), Xcode's cache, the simulator devices and their shared caches.
+  fs::path xcodeDerivedDataDir() const { return lib("Developer/Xcode/DerivedData"); }
+  fs::path xcodeArchivesDir() const { return lib("Developer/Xcode/Archives"); }
+  fs::path xcodeDeviceSupportDir(std::string_view platform) const {
+    return lib("Developer/Xcode") / (std::string(platform) + " DeviceSupport");
+  }
+  fs::path xcodeCacheDir() const { return lib("Caches/com.apple.dt.Xcode"); }
+  fs::path simulatorDevicesDir() const { return lib("Developer/CoreSimulator/Devices"); }
+  fs::path simulatorCachesDir() const { return lib("Developer/CoreSimulator/Caches"); }
   fs::path library() const { return home_ / "Library"; }
   fs::path lib(std::string_view component) const { return library() / fs::path(component); }
   // Where files outside the home live ("/" except in tests, which point it into a scratch folder).

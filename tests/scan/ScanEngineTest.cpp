@@ -195,14 +195,14 @@ TEST(ScanEngine, RealScannersOnAnEmptyHome) {
   const auto results = engine.scan(all);
   // One result per category that has a scanner, none for the others, all empty here.
   ASSERT_EQ(results.size(), ScannerRegistry::scannable().size());
-  EXPECT_EQ(results.size(), 11u);
+  EXPECT_EQ(results.size(), 15u);
   for (size_t i = 0; i < results.size(); ++i) {
     EXPECT_TRUE(results[i].items.empty());
     if (i > 0) {
       EXPECT_LT(position(results[i - 1].category), position(results[i].category));
     }
   }
-  EXPECT_EQ(ScannerRegistry::scanners({CleanCategory::xcode, CleanCategory::docker}).size(), 0u);
+  EXPECT_EQ(ScannerRegistry::scanners({CleanCategory::largeOldFiles, CleanCategory::duplicates}).size(), 0u);
 }
 
 TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {

@@ -24,6 +24,39 @@ const bool kEnvironmentSet = [] {
   return true;
 }();
 
+// Container and simulator tools installed on the developer's machine must never run from a test
+// (a scan runs them): every test process, and every binary it starts, finds these stand-ins first
+// on PATH, which answer like an engine that is not running. Tests that need a tool put their own
+// fake before them.
+class ToolStandIns {
+ public:
+  ToolStandIns() {
+    std::string tmpl = (fs::temp_directory_path() / "kestrel-tool-stand-ins-XXXXXX").string();
+    if (!::mkdtemp(tmpl.data())) return;
+    folder_ = tmpl;
+    owner_ = ::getpid();
+    for (const char* tool : {"docker", "podman", "xcrun"}) {
+      const fs::path p = folder_ / tool;
+      std::ofstream f(p);
+      f << "#!/bin/sh\necho \"" << tool << ": the test stand-in does not run\" >&2\nexit 1\n";
+      f.close();
+      ::chmod(p.c_str(), 0755);
+    }
+    const char* old = std::getenv("PATH");
+    ::setenv("PATH", (folder_.string() + ":" + (old ? old : "/usr/bin:/bin")).c_str(), 1);
+  }
+  ~ToolStandIns() {
+    std::error_code ec;
+    // Only the process that made it: a forked test child leaving must not take it away.
+    if (!folder_.empty() && ::getpid() == owner_) fs::remove_all(folder_, ec);
+  }
+
+ private:
+  fs::path folder_;
+  pid_t owner_ = 0;
+};
+const ToolStandIns kToolStandIns;
+
 }  // namespace
 
 ScratchHome::ScratchHome() {

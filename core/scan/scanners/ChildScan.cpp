@@ -53,6 +53,22 @@ void forEachChild(const ScanContext& context, CleanCategory category, const fs::
   }
 }
 
+void forFolder(const ScanContext& context, CleanCategory category, const fs::path& path,
+               const std::function<void(const Child&)>& visit) {
+  if (context.isCancelled()) return;
+  fs::path real;
+  UniqueFd parent = context.openFolder(path.parent_path(), &real);
+  if (!parent) return;
+  Child child;
+  child.name = path.filename().string();
+  child.path = path;
+  child.realPath = real / child.name;
+  child.parentFd = parent.get();
+  context.report(category, child.path.string());
+  child.hasStatus = ::fstatat(parent.get(), child.name.c_str(), &child.status, AT_SYMLINK_NOFOLLOW) == 0;
+  if (child.hasStatus) visit(child);
+}
+
 int64_t measure(const Child& child, const FS::CancelTest& cancel) {
   if (!child.hasStatus) return 0;
   if (S_ISREG(child.status.st_mode)) return FS::fileSize(child.status);

@@ -36,6 +36,11 @@ struct Child {
 void forEachChild(const ScanContext& context, CleanCategory category, const fs::path& folder,
                   const std::function<void(const Child&)>& visit);
 
+// Visits one named item, reached through its parent folder as `forEachChild` reaches children
+// (the cancellation test and the report as there); nothing happens when it is missing.
+void forFolder(const ScanContext& context, CleanCategory category, const fs::path& path,
+               const std::function<void(const Child&)>& visit);
+
 // Allocated bytes of the child: a file's own blocks, a folder's walk; links and others count 0.
 int64_t measure(const Child& child, const FS::CancelTest& cancel);
 

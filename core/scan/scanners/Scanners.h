@@ -4,7 +4,11 @@
 #include "core/scan/ScanEngine.h"
 
 #include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace kestrel {
 
@@ -21,7 +25,11 @@ namespace kestrel {
   ROW(iosUpdates, IOSUpdatesScanner)             \
   ROW(oldDownloads, OldDownloadsScanner)         \
   ROW(installers, InstallersScanner)             \
-  ROW(packageCaches, PackageCachesScanner)
+  ROW(xcode, XcodeScanner)                       \
+  ROW(simulators, SimulatorsScanner)             \
+  ROW(projectArtifacts, ProjectArtifactsScanner) \
+  ROW(packageCaches, PackageCachesScanner)       \
+  ROW(docker, DockerScanner)
 
 #define KESTREL_DECLARE_SCANNER(cat, Class)                                             \
   class Class final : public JunkScanner {                                             \
@@ -62,5 +70,13 @@ struct BackupInfo {
 };
 // Reads an XML or binary property list; nothing when it is neither or holds no dictionary.
 std::optional<BackupInfo> parseBackupInfo(const std::vector<char>& bytes);
+
+// A size as container tools print it ("1.2GB", "512.5 MB", "0B", "3.1kB (45%)": decimal units,
+// binary ones with "i"); nothing when the text does not start with one.
+std::optional<int64_t> parseToolSize(std::string_view text);
+
+// The unavailable simulators `simctl list devices unavailable --json` names: their device ids
+// (only well-formed ones). Nothing when the text is not that listing.
+std::optional<std::vector<std::string>> parseUnavailableSimulators(std::string_view json);
 
 }  // namespace kestrel
