@@ -40,11 +40,12 @@ now() { date +%s.%N; }
 du -s "${folders[@]}" >/dev/null 2>&1 || true
 find "${roots[@]}" -name node_modules -prune >/dev/null 2>&1 || true
 
-scan=() du=() projects=() finds=()
+scan=() du=() projects=() finds=() stale=()
 for ((i = 0; i < runs; i++)); do
   read -r s items bytes < <("$bin" "$home" all); scan+=("$s")
   t0=$(now); du -s "${folders[@]}" >/dev/null 2>&1 || true; t1=$(now); du+=("$(echo "$t1 - $t0" | bc -l)")
   read -r p _ _ < <("$bin" "$home" projects); projects+=("$p")
+  read -r w staleItems staleBytes < <("$bin" "$home" all-stale); stale+=("$w")
   t0=$(now); find "${roots[@]}" -name node_modules -prune >/dev/null 2>&1 || true; t1=$(now)
   finds+=("$(echo "$t1 - $t0" | bc -l)")
 done
@@ -53,6 +54,9 @@ c=$(printf '%s\n' "${projects[@]}" | median); d=$(printf '%s\n' "${finds[@]}" | 
 printf 'developer scan  median %.3f s (%s items, %s bytes; runs: %s)\n' "$a" "$items" "$bytes" "${scan[*]}"
 printf 'du -s           median %.3f s (runs: %s)\n' "$b" "${du[*]}"
 printf 'ratio           %.2f\n' "$(echo "$a / $b" | bc -l)"
+e=$(printf '%s\n' "${stale[@]}" | median)
+printf 'every project stale: median %.3f s (%s items, %s bytes; ratio to du -s %.2f)\n' "$e" "$staleItems" "$staleBytes" \
+  "$(echo "$e / $b" | bc -l)"
 printf 'project search  median %.3f s (runs: %s)\n' "$c" "${projects[*]}"
 printf 'find -prune     median %.3f s (runs: %s)\n' "$d" "${finds[*]}"
 printf 'ratio           %.2f\n' "$(echo "$c / $d" | bc -l)"
