@@ -114,9 +114,8 @@ void systemdUnits(const fs::path& folder, PersistenceKind kind, std::vector<Pers
 
 void autostartEntries(const fs::path& userFolder, const fs::path& systemFolder, std::vector<PersistenceItem>& out) {
   std::set<std::string> userNames;
-  for (const auto& folder : {userFolder, systemFolder}) {
-    const bool isUser = &folder == &userFolder;
-    for (const auto& file : filesIn(folder, ".desktop")) {
+  for (const bool isUser : {true, false}) {
+    for (const auto& file : filesIn(isUser ? userFolder : systemFolder, ".desktop")) {
       const std::string name = file.filename().string();
       // The user's entry of the same name replaces the system's (and "Hidden=true" deletes it).
       if (isUser) userNames.insert(name);
@@ -217,7 +216,7 @@ void firefoxExtensions(const fs::path& profilesFolder, std::vector<PersistenceIt
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
 
-void addFindings(PersistenceItem& item, bool checkSignatures, const Services& services) {
+void addFindings(PersistenceItem& item, bool checkSignatures, const Services& services, const fs::path& systemRoot) {
   if (item.program.empty() || item.kind == PersistenceKind::browserExtension) return;
   std::string program = item.program;
   if (program.find('/') == std::string::npos) {
@@ -233,8 +232,8 @@ void addFindings(PersistenceItem& item, bool checkSignatures, const Services& se
   if (::stat(standard.c_str(), &st) != 0) {
     item.findings.push_back("Program is missing");
   }
-  for (const auto* temp : {"/tmp/", "/var/tmp/", "/private/tmp/", "/private/var/tmp/", "/dev/shm/"}) {
-    if (startsWith(standard, temp)) {
+  for (const auto* temp : {"tmp", "var/tmp", "private/tmp", "private/var/tmp", "dev/shm"}) {
+    if (startsWith(standard, (systemRoot / temp).string() + "/")) {
       item.findings.push_back("Runs from a temporary folder");
       break;
     }
@@ -406,7 +405,7 @@ std::vector<PersistenceItem> scan(const Paths& paths, bool checkSignatures, cons
       text.remove_prefix(nl + 1);
     }
   }
-  for (auto& item : items) addFindings(item, checkSignatures, services);
+  for (auto& item : items) addFindings(item, checkSignatures, services, standardizedPath(systemRoot));
   std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.id < b.id; });
   items.erase(std::unique(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.id == b.id; }),
               items.end());

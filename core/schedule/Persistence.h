@@ -49,8 +49,8 @@ PersistenceItem persistenceItemFromJson(const Json& j);
 
 namespace PersistenceInspector {
 
-// Every background item of this home, sorted by id. System folders (/etc, /Library) are read
-// below `systemRoot`; the crontab comes from "crontab -l" through `services.run`. With
+// Every background item of this home, sorted by id. System folders (/etc, /Library, and the
+// temporary folders /tmp, /var/tmp, /dev/shm a program should never run from) are below `systemRoot`; the crontab comes from "crontab -l" through `services.run`. With
 // `checkSignatures` each existing program is verified with "codesign" (macOS; a missing tool
 // adds nothing). Unreadable folders and files yield fewer items, never an error.
 std::vector<PersistenceItem> scan(const Paths& paths, bool checkSignatures, const Services& services = {},
