@@ -221,6 +221,15 @@ std::optional<double> parseLogindIdle(std::string_view text, int64_t nowUnixMicr
   return std::max(0.0, static_cast<double>(nowUnixMicroseconds - *since) / 1e6);
 }
 
+std::optional<std::string> logindDisplaySession(const std::filesystem::path& userStateFile) {
+  const auto text = readSmall(userStateFile, 64 * 1024);
+  if (!text) return std::nullopt;
+  for (auto line : lines(*text)) {
+    if (line.substr(0, 8) == "DISPLAY=") return std::string(trim(line.substr(8)));
+  }
+  return std::string();
+}
+
 std::optional<std::string> appIDFromCgroup(std::string_view text) {
   for (auto line : lines(text)) {
     // "<id>:<controllers>:<path>"; the path's innermost unit names the process's scope.

@@ -76,6 +76,10 @@ std::optional<double> parseMutterIdle(std::string_view text);
 // logind's "IdleHint=yes|no" and "IdleSinceHint=<µs since 1970>": idle since then when the hint
 // is set; 0 when the session is active and has reported before; unknown when it never reported.
 std::optional<double> parseLogindIdle(std::string_view text, int64_t nowUnixMicroseconds);
+// logind's state file of a user (/run/systemd/users/<uid>): the display session's id from its
+// "DISPLAY=" line (empty when the user has sessions but none with a display); nothing when the
+// file cannot be read, which means the user has no session.
+std::optional<std::string> logindDisplaySession(const std::filesystem::path& userStateFile);
 // The desktop application id of a process from its /proc/<pid>/cgroup text: the systemd scope or
 // service "app[-<launcher>]-<AppID>-<random>.scope" / "app[-<launcher>]-<AppID>@<random>.service"
 // with "\x2d" unescaped; nothing for processes outside such a unit (a shell in a terminal).

@@ -71,6 +71,14 @@ TEST(SystemProbeTest, LinuxIdleAnswers) {
   EXPECT_FALSE(SystemProbe::parseLogindIdle("", now));
 }
 
+TEST(SystemProbeTest, LogindUserState) {
+  ScratchHome h;
+  const auto file = h.text("run/1000", "# This is private data. Do not parse.\nNAME=me\nSTATE=active\nDISPLAY=2\nSESSIONS=2 5\n");
+  EXPECT_EQ(SystemProbe::logindDisplaySession(file), "2");
+  EXPECT_EQ(SystemProbe::logindDisplaySession(h.text("run/1001", "NAME=ssh-only\nSESSIONS=7\n")), "");
+  EXPECT_FALSE(SystemProbe::logindDisplaySession(h.path("run/1002")));
+}
+
 TEST(SystemProbeTest, AppIDsFromCgroups) {
   struct Case {
     const char* what;
