@@ -7,11 +7,14 @@ std::vector<Command> commandHandlers() {
   // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
   // forecast, growth, quarantine, rules.
   return {
+      {"run-scheduled", runScheduled},
+      {"run-rule", runRule},
       {"scan", runScan},
       {"clean", runClean},
       {"forecast", runForecast},
       {"growth", runGrowth},
       {"quarantine", runQuarantine},
+      {"rules", runRules},
   };
 }
 

@@ -13,6 +13,13 @@ namespace kestrel::agent {
 // The command table in dispatch order: a new command is its handler plus one row there.
 std::vector<Command> commandHandlers();
 
+// "run-scheduled": one scheduled tick; always 0 (ScheduleCommands.cpp).
+int runScheduled(Context& context);
+// "run-rule <name|uuid>": one tick with that rule forced; 2 without an argument, 1 when no rule
+// has that id or (ignoring case) name (ScheduleCommands.cpp).
+int runRule(Context& context);
+// "rules": every rule with its trigger, last run and decision now (ScheduleCommands.cpp).
+int runRules(Context& context);
 // "scan [--json]": the default categories as a table, or every item as JSON (ScanCommand.cpp).
 int runScan(Context& context);
 // "clean --category <c> [--max-risk r] [--dry-run]": scan one category and clean it (CleanCommands.cpp).

@@ -54,6 +54,10 @@ size_t length(std::string_view s) noexcept;
 // program acts on later.
 std::string displayText(std::string_view s);
 
+// Whether `a` and `b` are the same text ignoring letter case ("Weekly" and "WEEKLY", "Ärger" and
+// "ärger"): each character compared by its lower-case form, ill-formed bytes as themselves.
+bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
+
 }  // namespace kestrel::Utf8
 
 namespace kestrel::Text {

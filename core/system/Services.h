@@ -4,6 +4,7 @@
 
 #include "core/base/Dates.h"
 #include "core/system/Shell.h"
+#include "core/system/SystemProbe.h"
 
 #include <chrono>
 #include <filesystem>
@@ -34,6 +35,9 @@ struct Services {
   std::function<std::optional<std::string>(const std::filesystem::path&)> volumeOf;
   // Removes one cloud item through the platform's file coordination.
   std::function<void(const std::filesystem::path&)> removeCloudItem;
+  // Reads power, battery, idle time, space and running applications (SystemProbe::current
+  // through `run`); the forecast is left to the caller.
+  std::function<SystemState(const Paths&)> probe;
 
   // A copy with every empty member set to the real service (volumeOf stays empty).
   Services withDefaults() const;

@@ -1,0 +1,211 @@
+// Scheduled runs: the twelve steps of one tick.
+#include "core/schedule/ScheduledRunner.h"
+
+#include "core/base/ByteFormat.h"
+#include "core/clean/Cleaner.h"
+#include "core/clean/Quarantine.h"
+#include "core/insights/GrowthTracker.h"
+#include "core/insights/SpaceHistory.h"
+#include "core/scan/ScanEngine.h"
+#include "core/schedule/AgentState.h"
+#include "core/schedule/Persistence.h"
+#include "core/schedule/RuleEvaluator.h"
+#include "core/store/AuditLog.h"
+#include "core/store/ConfigStore.h"
+#include "core/store/JSONStore.h"
+#include "core/system/FileLock.h"
+
+#include <date/tz.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <set>
+
+namespace kestrel {
+namespace {
+
+constexpr double kForecastWarnDays = 10.0;
+constexpr int64_t kForecastWarnGapSeconds = 259200;  // 3 days
+constexpr double kSnapshotIdleSeconds = 300.0;
+constexpr int64_t kSnapshotGapSeconds = 72000;  // 20 hours
+constexpr size_t kMaxItemNotices = 3;
+
+// Truncated toward zero and held at the 64-bit range.
+int64_t whole(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9.2e18) return std::numeric_limits<int64_t>::max();
+  if (v <= -9.2e18) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(v);
+}
+
+bool olderThan(const std::optional<Date>& last, Date now, int64_t seconds) {
+  return !last || now - *last > std::chrono::seconds(seconds);
+}
+
+const date::time_zone* machineZone() {
+  try {
+    return date::current_zone();
+  } catch (const std::exception&) {
+    return date::locate_zone("UTC");  // no zone configured: calendar rules follow UTC
+  }
+}
+
+}  // namespace
+
+ScheduledRunner::ScheduledRunner(Paths paths, Log log, Notify notify, const Services& services,
+                                 const date::time_zone* zone, std::filesystem::path systemRoot)
+    : paths_(std::move(paths)),
+      log_(std::move(log)),
+      notify_(std::move(notify)),
+      services_(services.withDefaults()),
+      zone_(zone),
+      systemRoot_(std::move(systemRoot)) {}
+
+SystemState ScheduledRunner::probe(const Paths& paths, const Services& given, Date now) {
+  const Services services = given.withDefaults();
+  SystemState state = services.probe(paths);
+  if (const auto forecast = SpaceHistory(paths).forecast(now)) state.forecastDaysUntilFull = forecast->daysUntilFull;
+  return state;
+}
+
+void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRuleID,
+                           const std::optional<SystemState>& stateOverride) {
+  // 1–2: folders, then the lock; a second run leaves everything as it is.
+  try {
+    paths_.ensureSupportDirs();
+  } catch (const std::exception&) {
+    // The lock below fails too when the folder is truly missing; that is the report.
+  }
+  auto lock = FileLock::acquire(paths_.lockFile());
+  if (!lock) {
+    log_("Another run is in progress; skipping.");
+    return;
+  }
+  // Everything below sees the tick's time, so a scan's ages and a clean's dates agree with it.
+  Services services = services_;
+  services.now = [now] { return now; };
+
+  // 3: settings, rules, state.
+  const auto config = ConfigStore(paths_).loadChecked();
+  const bool settingsDamaged = config.damaged();
+  if (settingsDamaged) {
+    log_("Settings file " + paths_.configFile().string() + " is damaged (" + config.reason +
+         "); no rule runs and nothing expires until it is fixed.");
+  }
+  const AppConfig settings = config.value.value_or(AppConfig{});
+  auto loadedRules = JSONStore::loadChecked<std::vector<ScheduleRule>>(paths_.rulesFile(), scheduleRulesFromJson);
+  const bool rulesDamaged = loadedRules.damaged();
+  std::vector<ScheduleRule> rules;
+  if (rulesDamaged) {
+    // The defaults would run rules the user may have switched off; the file is theirs to fix.
+    log_("Rules file " + paths_.rulesFile().string() + " is damaged (" + loadedRules.reason +
+         "); no rule runs until it is fixed.");
+  } else {
+    rules = loadedRules.value ? std::move(*loadedRules.value) : ScheduleRule::defaults(now);
+  }
+  AgentState agentState = AgentState::load(paths_);
+
+  // 4: the space sample.
+  const SpaceHistory history(paths_);
+  if (const auto space = FS::volumeSpace(paths_.home())) history.record(*space, now);
+
+  // 5: the state.
+  const SystemState state = stateOverride ? *stateOverride : probe(paths_, services, now);
+
+  // 6: expired quarantine.
+  if (!settingsDamaged) {
+    const int64_t purged = Quarantine(paths_, services).purgeExpired(now);
+    if (purged > 0) {
+      log_("Purged expired quarantine: " + ByteFormat::string(purged));
+      AuditLog(paths_).append(
+          {AuditEntry::make(now, "purge", "expired quarantine", purged, std::nullopt, TriggerSource::manual(), true)});
+    }
+  }
+
+  // 7: the rules, in stored order.
+  const date::time_zone* zone = zone_ ? zone_ : machineZone();
+  std::map<std::string, std::pair<Date, std::string>> results;  // rule id → lastRun, lastResult
+  for (auto& rule : rules) {
+    const bool forced = forceRuleID && *forceRuleID == rule.id;
+    if (!forced) {
+      const Decision decision = RuleEvaluator::evaluate(rule, state, now, zone);
+      if (decision.kind == Decision::Kind::waiting) log_("[" + rule.name + "] due, " + decision.reason);
+      if (decision.kind != Decision::Kind::run) continue;
+    }
+    if (settingsDamaged) continue;  // already said above; the defaults lack the user's protections
+    log_("[" + rule.name + "] running (" + rule.trigger.summary() + ")");
+    const ScanEngine engine(paths_, settings, services);
+    const std::set<CleanCategory> categories(rule.categories.begin(), rule.categories.end());
+    std::vector<ScanItem> items;
+    for (const auto& result : engine.scan(categories))
+      for (const auto& item : result.items)
+        if (item.risk <= rule.maxRisk) items.push_back(item);
+    Cleaner cleaner(paths_, settings, services);
+    const CleanReport report = cleaner.clean(items, TriggerSource::schedule(rule.name), rule.dryRun, std::nullopt);
+    const std::string summary = summarize(report, rule.dryRun);
+    rule.lastRun = now;
+    rule.lastResult = summary;
+    results[rule.id] = {now, summary};
+    log_("[" + rule.name + "] " + summary);
+    const int64_t moved = report.freedBytes + report.quarantinedBytes + report.trashedBytes + report.evictedBytes;
+    if (rule.notify && moved > 0) notify_(std::string(AppInfo::name) + ": " + rule.name, summary);
+  }
+
+  // 8: save the rules. Through the store's read-modify-write, so a rule the app changed meanwhile
+  // keeps that change; a damaged file is never replaced.
+  if (!rulesDamaged) {
+    try {
+      JSONStore::update<std::vector<ScheduleRule>>(
+          paths_.rulesFile(), scheduleRulesFromJson, [](const auto& r) { return toJson(r); },
+          [&] { return rules; },
+          [&](std::vector<ScheduleRule>& stored) {
+            for (auto& r : stored) {
+              if (const auto it = results.find(r.id); it != results.end()) {
+                r.lastRun = it->second.first;
+                r.lastResult = it->second.second;
+              }
+            }
+            return true;
+          },
+          /*replaceDamaged=*/false);
+    } catch (const std::exception&) {
+      // Save errors are ignored: the rules run again at the next tick at worst.
+    }
+  }
+
+  // 9: background items.
+  const auto changes = PersistenceWatch(paths_).check(PersistenceInspector::scan(paths_, false, services, systemRoot_));
+  for (size_t i = 0; i < changes.size() && i < kMaxItemNotices; ++i) {
+    const auto& [item, isNew] = changes[i];
+    const std::string word = isNew ? "New" : "Changed";
+    std::string body(kindLabel(item.kind));
+    if (!item.findings.empty()) body += " · " + item.findings.front();
+    notify_(word + " background item: " + item.label, body + ". Open " + std::string(AppInfo::name) + " to review.");
+    log_(word + " persistence item: " + item.path);
+  }
+
+  // 10: the disk-full warning.
+  if (const auto forecast = history.forecast(now); forecast && forecast->daysUntilFull &&
+                                                   *forecast->daysUntilFull < kForecastWarnDays &&
+                                                   olderThan(agentState.lastForecastAlert, now, kForecastWarnGapSeconds)) {
+    notify_("Disk predicted full in " + std::to_string(whole(*forecast->daysUntilFull)) + " days",
+            "You're using ~" + ByteFormat::string(whole(forecast->bytesPerDay)) + "/day. Open " +
+                std::string(AppInfo::name) + " to see what's growing.");
+    agentState.lastForecastAlert = now;
+  }
+
+  // 11: the growth snapshot, only while the machine is idle on mains.
+  if (state.idleSeconds && *state.idleSeconds > kSnapshotIdleSeconds && state.onACPower != false &&
+      olderThan(agentState.lastGrowthSnapshot, now, kSnapshotGapSeconds)) {
+    GrowthTracker(paths_, settings.protectedPaths).takeSnapshot(now, [] { return false; });
+    agentState.lastGrowthSnapshot = now;
+    log_("Growth snapshot taken");
+  }
+
+  // 12: the state; the lock goes with `lock`.
+  agentState.save(paths_);
+  lock->release();
+}
+
+}  // namespace kestrel

@@ -1,0 +1,51 @@
+// End to end: "run-scheduled", "run-rule" and "rules" through the built binary on a scratch home,
+// with the probing and crontab tools faked on PATH.
+#include "core/store/RuleStore.h"
+#include "tests/e2e/RunAgent.h"
+#include "tests/support/FakeTools.h"
+
+#include <gtest/gtest.h>
+
+namespace kestrel::test {
+namespace {
+
+TEST(ScheduleBinary, RunScheduledRunRuleAndRules) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  tools.tool("crontab", "", 1);
+  tools.tool("gdbus", "(uint64 5000,)\n");
+  tools.tool("notify-send");
+
+  auto r = runAgentBinary(h, {"run-scheduled"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(RuleStore(h.paths()).load().size(), 4u);  // the defaults, written by the first tick
+  EXPECT_TRUE(fs::exists(h.paths().agentStateFile()));
+  EXPECT_TRUE(fs::exists(h.paths().persistenceBaselineFile()));
+
+  r = runAgentBinary(h, {"rules"});
+  EXPECT_EQ(r.status, 0);
+  ASSERT_EQ(r.out.rfind("● Weekly deep clean — Every Sunday at 03:00 — last: never — now: notDue\n"
+                        "● Developer junk — Every Saturday at 04:00 — last: never — now: notDue\n"
+                        "● Low disk emergency — When free space drops below 10.0% — last: never — now: ",
+                        0),
+            0u)
+      << r.out;
+  EXPECT_NE(r.out.find("\n○ Stay ahead of a full disk — When the disk is predicted to fill within 14 days — "
+                       "last: never — now: notDue\n"),
+            std::string::npos)
+      << r.out;
+
+  r = runAgentBinary(h, {"run-rule", "stay ahead of a full disk"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find(" [Stay ahead of a full disk] running (When the disk is predicted to fill within 14 days)\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_TRUE(RuleStore(h.paths()).load()[3].lastRun);
+
+  r = runAgentBinary(h, {"run-rule", "No such rule"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "No rule named No such rule\n");
+}
+
+}  // namespace
+}  // namespace kestrel::test
