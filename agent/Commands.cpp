@@ -7,6 +7,9 @@ std::vector<Command> commandHandlers() {
   // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
   // forecast, growth, quarantine, rules.
   return {
+      {"shred-watch", runShredWatch},
+      {"shred-now", runShredNow},
+      {"shred-history", runShredHistory},
       {"scan", runScan},
       {"clean", runClean},
       {"forecast", runForecast},

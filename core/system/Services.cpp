@@ -25,6 +25,7 @@ Services Services::withDefaults() const {
     return ::faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
   };
   if (!s.removeCloudItem) s.removeCloudItem = [](const std::filesystem::path& p) { platform::coordinatedRemove(p); };
+  if (!s.makeFolderWatcher) s.makeFolderWatcher = platform::makeFolderWatcher;
   return s;
 }
 

@@ -3,11 +3,13 @@
 #pragma once
 
 #include "core/base/Dates.h"
+#include "core/system/FolderWatcher.h"
 #include "core/system/Shell.h"
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +36,8 @@ struct Services {
   std::function<std::optional<std::string>(const std::filesystem::path&)> volumeOf;
   // Removes one cloud item through the platform's file coordination.
   std::function<void(const std::filesystem::path&)> removeCloudItem;
+  // Makes a folder watcher (the platform's own by default; tests hand in a fake).
+  std::function<std::unique_ptr<FolderWatcher>()> makeFolderWatcher;
 
   // A copy with every empty member set to the real service (volumeOf stays empty).
   Services withDefaults() const;
