@@ -93,6 +93,11 @@ struct ShredderEngine::Listed {
   Date modified;
 };
 
+namespace {
+// How long a file has been what it is here: its modification time, then its status-change time.
+std::pair<Date, Date> ageKey(const ShredderEngine::Listed& f) { return {f.modified, platform::changedTime(f.st)}; }
+}  // namespace
+
 ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings settings, const Services& services)
     : paths_(std::move(paths)),
       config_(std::move(config)),
@@ -151,6 +156,7 @@ std::vector<ShredEvent> ShredderEngine::sweep(Date now) {
   std::lock_guard<std::mutex> guard(sweepLock_);
   ++sweeps_;
   settleAt_.reset();
+  sweepThread_ = std::this_thread::get_id();
   std::vector<ShredEvent> events;
   auto take = [&](std::vector<ShredEvent> more) { events.insert(events.end(), more.begin(), more.end()); };
   for (const auto& folder : watchedURLs()) {
@@ -159,6 +165,9 @@ std::vector<ShredEvent> ShredderEngine::sweep(Date now) {
     take(screenshots(folder, now));
   }
   take(trash(now));
+  sweepThread_ = std::thread::id();
+  for (auto& [_, session] : sweepSessions_) quarantine_.close(session);
+  sweepSessions_.clear();
   saveIndex();
   hashes_.save();
   if (settleAt_) noteSettle(*settleAt_);
@@ -207,8 +216,10 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
   std::vector<Listed> files = listFolder(folder, dirFdRaw);
   const UniqueFd dirFd(dirFdRaw);
   std::erase_if(files, [](const Listed& l) { return !S_ISREG(l.st.st_mode); });
-  // Oldest first: the copy you already had enters the index before the newcomer.
-  std::stable_sort(files.begin(), files.end(), [](const Listed& a, const Listed& b) { return a.modified < b.modified; });
+  // Oldest first: the copy you already had enters the index before the newcomer. A copy that
+  // kept its original's date (cp -p, a download manager) ties on it; the one that came into the
+  // folder later has the later status-change time.
+  std::stable_sort(files.begin(), files.end(), [](const Listed& a, const Listed& b) { return ageKey(a) < ageKey(b); });
 
   const int64_t cap = s.maxAutoBytes();
   const int64_t settle = std::max(s.settleSeconds, kMinSettleSeconds);
@@ -273,10 +284,11 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
       }
       recorded = it->second;
     }
-    const auto recordedDate = FS::modificationDate(recorded);
-    if (!recordedDate) continue;
-    // Of two equally old copies the one already recorded stays.
-    const bool disposeRecorded = s.keepNewest ? f.modified > *recordedDate : f.modified < *recordedDate;
+    struct stat recordedStat;
+    if (::lstat(recorded.c_str(), &recordedStat) != 0) continue;
+    const auto mine = ageKey(f), theirs = ageKey(Listed{recorded, recordedStat, platform::modifiedTime(recordedStat)});
+    // Of two copies exactly as old the one already recorded stays.
+    const bool disposeRecorded = s.keepNewest ? mine > theirs : mine < theirs;
     const std::string disposePath = disposeRecorded ? recorded : path.string();
     const std::string keptPath = disposeRecorded ? path.string() : recorded;
     const std::string keptName = fs::path(keptPath).filename().string();
@@ -394,15 +406,28 @@ std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string
     // removed is the file that was judged.
     ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), url), url);
     if (s.quarantineFirst) {
-      QuarantineSession session = quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now);
-      try {
-        quarantine_.add(parent, size, category, session);
-      } catch (...) {
-        quarantine_.close(session);  // an empty session is removed again
-        throw;
+      if (sweepThread_.load() == std::this_thread::get_id()) {
+        // Departure from one session per file: within a sweep each rule fills one session,
+        // closed when the sweep ends (a first sweep over a full folder would otherwise write
+        // and flush a manifest per file). The journal keeps every move recoverable meanwhile.
+        auto it = sweepSessions_.find(std::string(rule));
+        if (it == sweepSessions_.end())
+          it = sweepSessions_
+                   .emplace(std::string(rule), quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now))
+                   .first;
+        quarantine_.add(parent, size, category, it->second);
+        event.quarantineSession = it->second.id;
+      } else {
+        QuarantineSession session = quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now);
+        try {
+          quarantine_.add(parent, size, category, session);
+        } catch (...) {
+          quarantine_.close(session);  // an empty session is removed again
+          throw;
+        }
+        quarantine_.close(session);
+        event.quarantineSession = session.id;
       }
-      quarantine_.close(session);
-      event.quarantineSession = session.id;
     } else {
       if (!remover_.removeEntry(parent).ok()) return std::nullopt;
     }

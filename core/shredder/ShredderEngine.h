@@ -89,8 +89,9 @@ class ShredderEngine {
   };
   Counters counters() const;
 
- private:
   struct Listed;
+
+ private:
   std::vector<Listed> listFolder(const fs::path& folder, int& dirFd) const;
   std::vector<ShredEvent> aged(const fs::path& folder, Date now, int64_t days, std::string_view rule,
                                const std::function<bool(const std::string& name)>& matches);
@@ -114,6 +115,8 @@ class ShredderEngine {
   std::mutex sweepLock_;  // held for a whole sweep, so sweeps never overlap
   HashCache hashes_;
   std::optional<Date> settleAt_;  // the earliest moment a fresh duplicate will have settled
+  std::atomic<std::thread::id> sweepThread_{};  // the thread running sweep()'s rules, if any
+  std::map<std::string, QuarantineSession> sweepSessions_;  // by rule, open during a sweep
 
   mutable std::mutex indexLock_;
   std::map<std::string, std::string> index_;
