@@ -52,6 +52,8 @@ class ShredderEngine {
   // saves the index. Nothing at all unless the shredder is both approved and enabled. Per-file
   // failures only skip that file.
   std::vector<ShredEvent> sweep(Date now);
+  // The rules one by one, as sweep() runs them; called directly they must not run while a sweep
+  // does (the hash cache is the sweep's).
   std::vector<ShredEvent> dedupe(const fs::path& folder, Date now);
   std::vector<ShredEvent> installers(const fs::path& folder, Date now);
   std::vector<ShredEvent> screenshots(const fs::path& folder, Date now);
