@@ -9,6 +9,9 @@ std::vector<Command> commandHandlers() {
   return {
       {"run-scheduled", runScheduled},
       {"run-rule", runRule},
+      {"shred-watch", runShredWatch},
+      {"shred-now", runShredNow},
+      {"shred-history", runShredHistory},
       {"scan", runScan},
       {"clean", runClean},
       {"forecast", runForecast},

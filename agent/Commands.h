@@ -32,6 +32,14 @@ int runForecast(Context& context);
 // "growth [days] [--snapshot]": the folders that grew or shrank most over about `days` days
 // (InsightCommands.cpp).
 int runGrowth(Context& context);
+// "shred-watch": watches the shredder's folders until its settings switch it off
+// (ShredderCommands.cpp). Test knobs: KESTREL_SHRED_TICK_SECONDS (the 900-second timer) and
+// KESTREL_SHRED_DEBOUNCE_SECONDS (the 5-second quiet time before a sweep).
+int runShredWatch(Context& context);
+// "shred-now": one sweep, one line per event or "Nothing to shred." (ShredderCommands.cpp).
+int runShredNow(Context& context);
+// "shred-history": the 40 most recent events (ShredderCommands.cpp).
+int runShredHistory(Context& context);
 
 // The positional day count of "growth": a decimal integer with an optional sign, or nothing.
 std::optional<int64_t> parseDayCount(std::string_view text);

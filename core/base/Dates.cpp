@@ -165,6 +165,30 @@ std::optional<Date> parseISO8601(std::string_view s) {
   return fromUnixSeconds(unix);
 }
 
+std::optional<Date> parseLocal(std::string_view s, const std::string& zone) {
+  int y, mo, d, h, mi, sec;
+  if (s.size() < 19 || (s.size() > 19 && s[19] != '.')) return std::nullopt;
+  if (!digits(s, 0, 4, y) || s[4] != '-' || !digits(s, 5, 2, mo) || s[7] != '-' ||
+      !digits(s, 8, 2, d) || s[10] != 'T' || !digits(s, 11, 2, h) || s[13] != ':' ||
+      !digits(s, 14, 2, mi) || s[16] != ':' || !digits(s, 17, 2, sec))
+    return std::nullopt;
+  const date::year_month_day ymd{date::year{y}, date::month{static_cast<unsigned>(mo)},
+                                 date::day{static_cast<unsigned>(d)}};
+  if (!ymd.ok() || h > 23 || mi > 59 || sec > 59) return std::nullopt;
+  const date::local_seconds lt{seconds{static_cast<int64_t>(date::sys_days{ymd}.time_since_epoch().count()) * 86400 +
+                                       h * 3600 + mi * 60 + sec}};
+  const date::time_zone* tz = nullptr;
+  try {
+    tz = zone.empty() ? date::current_zone() : date::locate_zone(zone);
+  } catch (const std::exception&) {
+    tz = nullptr;  // no usable zone database entry: read the text as UTC
+  }
+  if (!tz) return fromUnixSeconds(lt.time_since_epoch().count());
+  const auto info = tz->get_info(lt);
+  // Ambiguous or skipped: the offset in force before the change.
+  return fromUnixSeconds((lt.time_since_epoch() - info.first.offset).count());
+}
+
 std::string local(Date d, std::string_view pattern, const std::string& zone) {
   const date::time_zone* tz = nullptr;
   try {

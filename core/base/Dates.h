@@ -39,6 +39,10 @@ std::string iso8601(Date d);
 // the clock cannot hold is held at its range, as fromUnixSeconds does.
 std::optional<Date> parseISO8601(std::string_view text);
 
+// Local wall-clock text "yyyy-MM-ddTHH:mm:ss" (no zone; a trailing fraction is ignored) in the
+// named zone (empty: the machine's); a time a clock change makes ambiguous is taken at its
+// earlier instant, one it skips at the change. Nothing for any other text.
+std::optional<Date> parseLocal(std::string_view text, const std::string& zone = "");
 // "2026-11-22 18:23:09 +0000": always UTC, with a literal +0000.
 std::string description(Date d);
 

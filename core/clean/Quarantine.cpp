@@ -29,7 +29,6 @@ namespace {
 constexpr const char* kItems = Paths::kQuarantineItemsName.data();
 constexpr const char* kManifest = Paths::kQuarantineManifestName.data();
 constexpr const char* kJournal = Paths::kQuarantineJournalName.data();
-constexpr const char* kLockName = Paths::kQuarantineLockName.data();
 constexpr int64_t kDay = 86400;
 // Adopted folders with no manifest keep their items this long before they expire.
 constexpr int64_t kAdoptedRetentionDays = 7;

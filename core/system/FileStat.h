@@ -46,6 +46,7 @@ std::optional<uint64_t> mountID(int fd) noexcept;
 // Modification and access times of a status record, to the nanosecond.
 Date modifiedTime(const struct stat& st) noexcept;
 Date accessedTime(const struct stat& st) noexcept;
+Date changedTime(const struct stat& st) noexcept;  // the status-change time (ctime)
 
 // The date the item was added to its folder, else its creation (birth) date; nothing when the
 // file system keeps neither.

@@ -103,6 +103,8 @@ class Paths {
   fs::path shredderReviewFile() const { return stateDir() / "shredder-review.json"; }
   fs::path shredderHistoryFile() const { return stateDir() / "shredder-history.jsonl"; }
   fs::path shredderIndexFile() const { return stateDir() / "shredder-index.json"; }
+  // The shredder's cache of content hashes, by file identity (safe to delete: it is rebuilt).
+  fs::path shredderHashCacheFile() const { return stateDir() / "shredder-hashes.cache"; }
   // The lock file held around one read-modify-write of `store` ("<store>.lock" beside it; never
   // removed, so two writers always lock the same file).
   static fs::path lockFileFor(const fs::path& store) { return fs::path(store) += ".lock"; }

@@ -26,6 +26,7 @@ Services Services::withDefaults() const {
   };
   if (!s.removeCloudItem) s.removeCloudItem = [](const std::filesystem::path& p) { platform::coordinatedRemove(p); };
   if (!s.probe) s.probe = [run = s.run](const Paths& paths) { return SystemProbe::current(paths, run); };
+  if (!s.makeFolderWatcher) s.makeFolderWatcher = platform::makeFolderWatcher;
   return s;
 }
 

@@ -3,12 +3,14 @@
 #pragma once
 
 #include "core/base/Dates.h"
+#include "core/system/FolderWatcher.h"
 #include "core/system/Shell.h"
 #include "core/system/SystemProbe.h"
 
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,6 +40,8 @@ struct Services {
   // Reads power, battery, idle time, space and running applications (SystemProbe::current
   // through `run`); the forecast is left to the caller.
   std::function<SystemState(const Paths&)> probe;
+  // Makes a folder watcher (the platform's own by default; tests hand in a fake).
+  std::function<std::unique_ptr<FolderWatcher>()> makeFolderWatcher;
 
   // A copy with every empty member set to the real service (volumeOf stays empty).
   Services withDefaults() const;

@@ -62,6 +62,7 @@ int openDirFlags(bool noAtime) {
 
 Date modifiedTime(const struct stat& st) noexcept { return fromTs(st.st_mtim); }
 Date accessedTime(const struct stat& st) noexcept { return fromTs(st.st_atim); }
+Date changedTime(const struct stat& st) noexcept { return fromTs(st.st_ctim); }
 
 int openDirectoryAt(int dirfd, const char* name) noexcept {
   int fd = ::openat(dirfd, name, openDirFlags(true));

@@ -30,6 +30,7 @@ Date fromTimespec(const timespec& ts) {
 
 Date modifiedTime(const struct stat& st) noexcept { return fromTimespec(st.st_mtimespec); }
 Date accessedTime(const struct stat& st) noexcept { return fromTimespec(st.st_atimespec); }
+Date changedTime(const struct stat& st) noexcept { return fromTimespec(st.st_ctimespec); }
 
 int openDirectoryAt(int dirfd, const char* name) noexcept {
   return ::openat(dirfd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

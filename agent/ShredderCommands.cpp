@@ -1,0 +1,126 @@
+// The shredder commands: "shred-watch" keeps watching, "shred-now" sweeps once, "shred-history" lists.
+#include "agent/Commands.h"
+
+#include "core/base/ByteFormat.h"
+#include "core/shredder/ShredderEngine.h"
+#include "core/shredder/ShredderStore.h"
+#include "core/store/ConfigStore.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+
+namespace kestrel::agent {
+namespace {
+
+constexpr double kTickSeconds = 900;
+constexpr size_t kHistoryLines = 40;
+
+// Seconds from a test knob in the environment, else `fallback`; only positive numbers count.
+double secondsFromEnvironment(const char* name, double fallback) {
+  const char* text = std::getenv(name);
+  if (!text || !*text) return fallback;
+  char* end = nullptr;
+  const double value = std::strtod(text, &end);
+  return (end && *end == '\0' && value > 0 && value < 1e7) ? value : fallback;
+}
+
+void printEvents(const Context& ctx, const std::vector<ShredEvent>& events, bool notifyEach) {
+  if (events.empty()) return;
+  int64_t total = 0;
+  for (const auto& e : events) {
+    ctx.stamp("shredded " + e.name() + " — " + e.reason);
+    total += e.size;
+  }
+  if (notifyEach) {
+    for (const auto& e : events)
+      ctx.services.notify("Shredder: " + ByteFormat::string(e.size) + " reclaimed", e.name() + " — " + e.reason);
+    return;
+  }
+  std::string body = events.front().name();
+  if (events.size() > 1) body += " and " + std::to_string(events.size() - 1) + " more";
+  body += " — " + events.front().reason;
+  ctx.services.notify("Shredder: " + ByteFormat::string(total) + " reclaimed", body);
+}
+
+}  // namespace
+
+int runShredWatch(Context& ctx) {
+  const ShredderStore store(ctx.paths);
+  const ShredderSettings settings = store.load();
+  if (!settings.approved || !settings.enabled) {
+    ctx.stamp("Shredder is off; exiting.");
+    return 0;
+  }
+  ShredderEngine engine(ctx.paths, ConfigStore(ctx.paths).load(), settings, ctx.services);
+  // Test knobs: the watcher's quiet time before a sweep and the periodic timer.
+  engine.setDebounce(std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_DEBOUNCE_SECONDS", 5.0)));
+  const auto tick = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+      std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_TICK_SECONDS", kTickSeconds)));
+
+  std::string names;
+  for (const auto& folder : engine.watchedURLs()) names += (names.empty() ? "" : ", ") + folder.filename().string();
+  ctx.stamp("Shredder watching: " + names);
+
+  // The engine's thread hands its events over; this thread prints them and runs the timer.
+  std::mutex lock;
+  std::condition_variable arrived;
+  std::deque<std::vector<ShredEvent>> pending;
+  engine.startWatching([&](const std::vector<ShredEvent>& events) {
+    std::lock_guard<std::mutex> guard(lock);
+    pending.push_back(events);
+    arrived.notify_all();
+  });
+  (void)engine.sweep(ctx.now());
+
+  auto next = std::chrono::steady_clock::now() + tick;
+  std::unique_lock<std::mutex> guard(lock);
+  for (;;) {
+    arrived.wait_until(guard, next, [&] { return !pending.empty(); });
+    while (!pending.empty()) {
+      const auto events = std::move(pending.front());
+      pending.pop_front();
+      guard.unlock();
+      printEvents(ctx, events, engine.settings().notifyEachEvent);
+      guard.lock();
+    }
+    if (std::chrono::steady_clock::now() < next) continue;
+    guard.unlock();
+    const ShredderSettings fresh = store.load();
+    if (!fresh.approved || !fresh.enabled) return 0;  // the engine stops watching as it goes
+    engine.setSettings(fresh);
+    (void)engine.sweep(ctx.now());  // the timer's own sweep prints nothing
+    next += tick;
+    guard.lock();
+  }
+}
+
+int runShredNow(Context& ctx) {
+  ShredderEngine engine(ctx.paths, ConfigStore(ctx.paths).load(), ShredderStore(ctx.paths).load(), ctx.services);
+  const auto events = engine.sweep(ctx.now());
+  if (events.empty()) {
+    ctx.out << "Nothing to shred.\n";
+  } else {
+    std::string text;
+    for (const auto& e : events) {
+      if (!text.empty()) text += '\n';
+      text += e.name() + " — " + e.reason + " (" + ByteFormat::string(e.size) + ")";
+    }
+    ctx.out << text << '\n';
+  }
+  ctx.out.flush();
+  return 0;
+}
+
+int runShredHistory(Context& ctx) {
+  for (const auto& e : ShredHistory(ctx.paths).events(kHistoryLines)) {
+    ctx.out << Dates::description(e.date) << ' ' << ByteFormat::string(e.size) << '\t' << e.rule << '\t' << e.name()
+            << '\n';
+  }
+  ctx.out.flush();
+  return 0;
+}
+
+}  // namespace kestrel::agent

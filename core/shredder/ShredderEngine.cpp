@@ -1,0 +1,546 @@
+// ShredderEngine: the duplicate index, the four rules, disposal and the debounced watch loop.
+#include "core/shredder/ShredderEngine.h"
+
+#include "core/store/JSONStore.h"
+#include "core/system/FS.h"
+#include "core/system/FileHash.h"
+#include "core/system/FileStat.h"
+#include "core/system/StoreFile.h"
+#include "core/system/Uuid.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <set>
+
+namespace kestrel {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int64_t kMinSettleSeconds = 4;
+constexpr int64_t kMinDuplicateBytes = 4097;
+constexpr std::array<std::string_view, 7> kPartialExtensions = {"download", "crdownload", "part", "partial",
+                                                                "tmp",      "opdownload", "aria2"};
+constexpr std::array<std::string_view, 3> kInstallerExtensions = {"dmg", "pkg", "mpkg"};
+// Linux packages and installers people download and run once. Never ".AppImage": those are the
+// programs themselves, and people run them from the Download folder.
+constexpr std::array<std::string_view, 5> kLinuxInstallerExtensions = {"deb", "rpm", "snap", "flatpakref", "run"};
+
+std::string lowerExtension(const std::string& name) {
+  const fs::path ext = fs::path(name).extension();
+  std::string e = ext.empty() ? std::string() : ext.string().substr(1);
+  std::transform(e.begin(), e.end(), e.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return e;
+}
+
+template <size_t N>
+bool among(const std::array<std::string_view, N>& list, const std::string& value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+bool isScreenshotName(const std::string& name) {
+  return name.rfind("Screenshot ", 0) == 0 || name.rfind("Screen Shot ", 0) == 0;
+}
+
+CleanCategory categoryOf(std::string_view rule) {
+  if (rule == ShredRule::duplicate) return CleanCategory::duplicates;
+  if (rule == ShredRule::installer) return CleanCategory::installers;
+  if (rule == ShredRule::trash) return CleanCategory::trash;
+  return CleanCategory::oldDownloads;
+}
+
+std::string expandHome(const std::string& folder, const fs::path& home) {
+  if (folder == "~") return home.string();
+  if (folder.rfind("~/", 0) == 0) return (home / folder.substr(2)).string();
+  return folder;
+}
+
+// Where the freedesktop Trash keeps the record of `item` ("<Trash>/info/<name>.trashinfo").
+fs::path trashInfoOf(const Paths& paths, const fs::path& item) {
+  return paths.homeTrashDir() / "info" / (item.filename().string() + ".trashinfo");
+}
+
+// The DeletionDate of a ".trashinfo" text (local time, no zone), when it has one.
+std::optional<Date> deletionDate(const std::string& text) {
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    std::string_view line(text.data() + start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.rfind("DeletionDate=", 0) == 0) return Dates::parseLocal(line.substr(13));
+    start = end + 1;
+  }
+  return std::nullopt;
+}
+
+bool lexists(const std::string& path) {
+  struct stat st;
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+}  // namespace
+
+struct ShredderEngine::Listed {
+  std::string name;
+  struct stat st;
+  Date modified;
+};
+
+namespace {
+// How long a file has been what it is here: its modification time, then its status-change time.
+std::pair<Date, Date> ageKey(const ShredderEngine::Listed& f) { return {f.modified, platform::changedTime(f.st)}; }
+}  // namespace
+
+ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings settings, const Services& services)
+    : paths_(std::move(paths)),
+      config_(std::move(config)),
+      services_(services.withDefaults()),
+      settings_(std::move(settings)),
+      history_(paths_),
+      review_(paths_),
+      policy_(paths_, config_.protectedPaths, services_),
+      quarantine_(paths_, services_),
+      audit_(paths_),
+      remover_(paths_.home()),
+      hashes_(paths_.shredderHashCacheFile()) {
+  // Departure from aging Trash items by their modification date: a years-old file trashed a
+  // minute ago would be deleted for good at the next sweep, with no chance to take it back. The
+  // Trash's own record of when the item arrived is used instead.
+  arrivalDate = [paths = paths_](const fs::path& item) -> std::optional<Date> {
+    if (paths.layout() == Layout::macos) return FS::addedToFolderDate(item);
+    const auto text = StoreFile::read(trashInfoOf(paths, item), 64 * 1024);
+    if (!text.ok()) return std::nullopt;
+    return deletionDate(text.bytes);
+  };
+  loadIndex();
+  hashes_.load();
+}
+
+ShredderEngine::~ShredderEngine() { stopWatching(); }
+
+ShredderSettings ShredderEngine::settings() const {
+  std::lock_guard<std::mutex> guard(settingsLock_);
+  return settings_;
+}
+
+void ShredderEngine::setSettings(const ShredderSettings& settings) {
+  std::lock_guard<std::mutex> guard(settingsLock_);
+  settings_ = settings;
+}
+
+std::vector<fs::path> ShredderEngine::watchedURLs() const {
+  std::vector<fs::path> out;
+  for (const auto& folder : settings().folders) {
+    fs::path p;
+    // The default folders are the user's Download and Desktop folders wherever they are named.
+    if (folder == "~/Downloads") p = paths_.downloadsDir();
+    else if (folder == "~/Desktop") p = paths_.desktopDir();
+    else p = expandHome(folder, paths_.home());
+    if (!p.is_absolute()) continue;
+    p = standardizedPath(p);
+    if (FS::isDirectory(p)) out.push_back(p);
+  }
+  return out;
+}
+
+std::vector<ShredEvent> ShredderEngine::sweep(Date now) {
+  const ShredderSettings s = settings();
+  if (!s.approved || !s.enabled) return {};
+  std::lock_guard<std::mutex> guard(sweepLock_);
+  ++sweeps_;
+  settleAt_.reset();
+  sweepThread_ = std::this_thread::get_id();
+  std::vector<ShredEvent> events;
+  auto take = [&](std::vector<ShredEvent> more) { events.insert(events.end(), more.begin(), more.end()); };
+  for (const auto& folder : watchedURLs()) {
+    take(dedupe(folder, now));
+    take(installers(folder, now));
+    take(screenshots(folder, now));
+  }
+  take(trash(now));
+  sweepThread_ = std::thread::id();
+  for (auto& [_, session] : sweepSessions_) quarantine_.close(session);
+  sweepSessions_.clear();
+  saveIndex();
+  hashes_.save();
+  if (settleAt_) noteSettle(*settleAt_);
+  return events;
+}
+
+std::vector<ShredderEngine::Listed> ShredderEngine::listFolder(const fs::path& folder, int& dirFd) const {
+  std::vector<Listed> out;
+  dirFd = platform::openDirectory(folder.c_str());
+  if (dirFd < 0) return out;
+  const int listFd = ::dup(dirFd);
+  DIR* dir = listFd >= 0 ? ::fdopendir(listFd) : nullptr;
+  if (!dir) {
+    if (listFd >= 0) ::close(listFd);
+    return out;
+  }
+  while (const dirent* e = ::readdir(dir)) {
+    const std::string name = e->d_name;
+    if (name == "." || name == ".." || name == ".DS_Store" || name == ".localized") continue;
+    Listed l;
+    l.name = name;
+    if (::fstatat(dirFd, name.c_str(), &l.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    l.modified = platform::modifiedTime(l.st);
+    out.push_back(std::move(l));
+  }
+  ::closedir(dir);
+  return out;
+}
+
+void ShredderEngine::noteSettle(Date at) {
+  std::lock_guard<std::mutex> guard(watchLock_);
+  if (!watching_) return;
+  const auto wait = std::chrono::duration_cast<Clock::duration>(at - services_.now());
+  const Clock::time_point when = Clock::now() + std::max(wait, Clock::duration::zero());
+  if (!due_ || when < *due_) {
+    due_ = when;
+    wake_.notify_all();
+  }
+}
+
+std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now) {
+  std::vector<ShredEvent> events;
+  const ShredderSettings s = settings();
+  if (!s.dedupeDownloads) return events;
+  int dirFdRaw = -1;
+  std::vector<Listed> files = listFolder(folder, dirFdRaw);
+  const UniqueFd dirFd(dirFdRaw);
+  std::erase_if(files, [](const Listed& l) { return !S_ISREG(l.st.st_mode); });
+  // Oldest first: the copy you already had enters the index before the newcomer. A copy that
+  // kept its original's date (cp -p, a download manager) ties on it; the one that came into the
+  // folder later has the later status-change time.
+  std::stable_sort(files.begin(), files.end(), [](const Listed& a, const Listed& b) { return ageKey(a) < ageKey(b); });
+
+  const int64_t cap = s.maxAutoBytes();
+  const int64_t settle = std::max(s.settleSeconds, kMinSettleSeconds);
+  const std::string folderText = folder.string();
+  const std::string prefix = folderText + "|";
+  auto qualifies = [&](const Listed& f) {
+    const int64_t size = f.st.st_size;
+    return size >= kMinDuplicateBytes && size <= cap && !among(kPartialExtensions, lowerExtension(f.name));
+  };
+
+  // Departure from hashing every file: only a file whose size another file in this folder or
+  // in the index shares can have a twin, so only those are read (the result is the same).
+  std::map<int64_t, int> sizeCount;
+  for (const auto& f : files)
+    if (qualifies(f)) ++sizeCount[f.st.st_size];
+  std::set<int64_t> indexedSizes;
+  {
+    std::lock_guard<std::mutex> guard(indexLock_);
+    for (auto it = index_.lower_bound(prefix); it != index_.end() && it->first.rfind(prefix, 0) == 0; ++it) {
+      const std::string rest = it->first.substr(prefix.size());
+      try {
+        indexedSizes.insert(std::stoll(rest.substr(0, rest.find(':'))));
+      } catch (const std::exception&) {
+        // a key this engine did not write: no size to learn from it
+      }
+    }
+  }
+
+  for (const auto& f : files) {
+    if (among(kPartialExtensions, lowerExtension(f.name))) continue;
+    const fs::path path = folder / f.name;
+    if (!(now - f.modified > std::chrono::seconds(settle))) {
+      // Departure from waiting for the periodic sweep: a duplicate still settling gets one more
+      // sweep at the moment it will have settled.
+      if (qualifies(f)) {
+        const Date at = Dates::plusSeconds(f.modified, settle + 1);
+        if (!settleAt_ || at < *settleAt_) settleAt_ = at;
+      }
+      continue;
+    }
+    const int64_t size = f.st.st_size;
+    if (size < kMinDuplicateBytes || size > cap) continue;
+    if (sizeCount[size] < 2 && !indexedSizes.count(size)) continue;
+
+    std::optional<uint64_t> hash = hashes_.find(f.st);
+    if (!hash) {
+      uint64_t read = 0;
+      hash = FileHash::ofFileAt(dirFd.get(), f.name.c_str(), &f.st, &read);
+      bytesHashed_ += read;
+      ++filesHashed_;
+      if (!hash) continue;
+      hashes_.put(f.st, *hash);
+    }
+    const std::string key = prefix + std::to_string(size) + ":" + FileHash::text(*hash);
+    std::string recorded;
+    {
+      std::lock_guard<std::mutex> guard(indexLock_);
+      auto it = index_.find(key);
+      if (it == index_.end() || it->second == path.string() || !lexists(it->second)) {
+        index_[key] = path.string();
+        continue;
+      }
+      recorded = it->second;
+    }
+    struct stat recordedStat;
+    if (::lstat(recorded.c_str(), &recordedStat) != 0) continue;
+    const auto mine = ageKey(f), theirs = ageKey(Listed{recorded, recordedStat, platform::modifiedTime(recordedStat)});
+    // Of two copies exactly as old the one already recorded stays.
+    const bool disposeRecorded = s.keepNewest ? mine > theirs : mine < theirs;
+    const std::string disposePath = disposeRecorded ? recorded : path.string();
+    const std::string keptPath = disposeRecorded ? path.string() : recorded;
+    const std::string keptName = fs::path(keptPath).filename().string();
+    if (std::find(s.ignoredPaths.begin(), s.ignoredPaths.end(), disposePath) != s.ignoredPaths.end()) continue;
+    if (s.isSkipped(disposePath)) {
+      if (s.reviewSkipped) {
+        review_.add(ShredCandidate{disposePath, keptPath, size, std::string(ShredRule::duplicate),
+                                   "Identical to " + keptName + ", but ." + lowerExtension(disposePath) +
+                                       " is on your skip list",
+                                   now});
+      }
+      continue;
+    }
+    if (auto e = shred(disposePath, ShredRule::duplicate, "Byte-identical to " + keptName + ", which you already had",
+                       keptPath, size, now)) {
+      events.push_back(std::move(*e));
+      std::lock_guard<std::mutex> guard(indexLock_);
+      index_[key] = keptPath;
+    }
+  }
+  return events;
+}
+
+std::vector<ShredEvent> ShredderEngine::aged(const fs::path& folder, Date now, int64_t days, std::string_view rule,
+                                             const std::function<bool(const std::string&)>& matches) {
+  std::vector<ShredEvent> events;
+  if (days < 1) return events;
+  const ShredderSettings s = settings();
+  const Date cutoff = Dates::minusDays(now, days);
+  const std::string reason = rule == ShredRule::installer
+                                 ? "Installer sitting unused for " + std::to_string(days) + "+ days"
+                                 : "Screenshot older than " + std::to_string(days) + " days";
+  int dirFdRaw = -1;
+  const std::vector<Listed> children = listFolder(folder, dirFdRaw);
+  const UniqueFd dirFd(dirFdRaw);
+  for (const auto& c : children) {
+    if (S_ISLNK(c.st.st_mode) || !matches(c.name)) continue;
+    const fs::path path = folder / c.name;
+    if (!(c.modified < cutoff) || s.isSkipped(path)) continue;
+    if (std::find(s.ignoredPaths.begin(), s.ignoredPaths.end(), path.string()) != s.ignoredPaths.end()) continue;
+    const int64_t size = S_ISDIR(c.st.st_mode) ? FS::allocatedSize(path) : FS::fileSize(c.st);
+    if (size > s.maxAutoBytes()) continue;
+    if (auto e = shred(path, rule, reason, std::nullopt, size, now)) events.push_back(std::move(*e));
+  }
+  return events;
+}
+
+std::vector<ShredEvent> ShredderEngine::installers(const fs::path& folder, Date now) {
+  const bool linuxLayout = paths_.layout() == Layout::linux;
+  return aged(folder, now, settings().shredInstallersAfterDays, ShredRule::installer, [&](const std::string& name) {
+    const std::string ext = lowerExtension(name);
+    return among(kInstallerExtensions, ext) || (linuxLayout && among(kLinuxInstallerExtensions, ext));
+  });
+}
+
+std::vector<ShredEvent> ShredderEngine::screenshots(const fs::path& folder, Date now) {
+  return aged(folder, now, settings().tidyScreenshotsAfterDays, ShredRule::screenshot, isScreenshotName);
+}
+
+std::vector<ShredEvent> ShredderEngine::trash(Date now) {
+  std::vector<ShredEvent> events;
+  const int64_t days = settings().emptyTrashAfterDays;
+  if (days < 1) return events;
+  const Date cutoff = Dates::minusDays(now, days);
+  const bool freedesktop = paths_.layout() == Layout::linux;
+  const fs::path items = freedesktop ? paths_.homeTrashDir() / "files" : paths_.homeTrashDir();
+  const std::string reason = "In the Trash for " + std::to_string(days) + "+ days";
+  for (const auto& item : FS::children(items)) {
+    std::optional<Date> arrived = arrivalDate ? arrivalDate(item) : std::nullopt;
+    if (!arrived) {
+      // Moving an item into the Trash sets its status-change time.
+      struct stat st;
+      if (::lstat(item.c_str(), &st) != 0) continue;
+      arrived = std::max(platform::modifiedTime(st), platform::changedTime(st));
+    }
+    if (!(*arrived < cutoff)) continue;
+    if (policy_.check(item.string()).kind != Verdict::Kind::allowed) continue;
+    const int64_t size = FS::allocatedSize(item);
+    // Never into the quarantine: the item is in the Trash already. The skip list, the ignored
+    // paths and the size cap do not apply here on purpose.
+    const RemoveResult removed = remover_.remove(item);
+    if (!removed.ok()) continue;
+    // The item first, then its record: a record without an item is an orphan, never the reverse.
+    if (freedesktop) (void)remover_.remove(trashInfoOf(paths_, item));
+    ShredEvent e{Uuid::make(), now, item.string(), std::string(ShredRule::trash), reason, size, false,
+                 std::nullopt, std::nullopt};
+    history_.append(e);
+    audit_.append({AuditEntry::make(now, "delete", item.string(), size, CleanCategory::trash,
+                                    TriggerSource::schedule("Shredder · " + std::string(ShredRule::trash)), true)});
+    events.push_back(std::move(e));
+  }
+  return events;
+}
+
+std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string_view rule, const std::string& reason,
+                                                const std::optional<std::string>& twin, int64_t size, Date now) {
+  const ShredderSettings s = settings();
+  const std::string path = url.string();
+  if (policy_.check(path).kind != Verdict::Kind::allowed) return std::nullopt;
+  if (size > s.maxAutoBytes()) return std::nullopt;
+  bool inside = false;
+  for (const auto& folder : watchedURLs()) {
+    std::string f = folder.string();
+    if (path == f) inside = true;
+    if (f.empty() || f.back() != '/') f += '/';
+    if (path.rfind(f, 0) == 0) inside = true;
+  }
+  if (!inside) return std::nullopt;
+
+  const TriggerSource trigger = TriggerSource::schedule("Shredder · " + std::string(rule));
+  const CleanCategory category = categoryOf(rule);
+  ShredEvent event{Uuid::make(), now, path, std::string(rule), reason, size, s.quarantineFirst, std::nullopt, twin};
+  try {
+    // The parent is opened from the home folder without following links, so what is moved or
+    // removed is the file that was judged.
+    ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), url), url);
+    if (s.quarantineFirst) {
+      if (sweepThread_.load() == std::this_thread::get_id()) {
+        // Departure from one session per file: within a sweep each rule fills one session,
+        // closed when the sweep ends (a first sweep over a full folder would otherwise write
+        // and flush a manifest per file). The journal keeps every move recoverable meanwhile.
+        auto it = sweepSessions_.find(std::string(rule));
+        if (it == sweepSessions_.end())
+          it = sweepSessions_
+                   .emplace(std::string(rule), quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now))
+                   .first;
+        quarantine_.add(parent, size, category, it->second);
+        event.quarantineSession = it->second.id;
+      } else {
+        QuarantineSession session = quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now);
+        try {
+          quarantine_.add(parent, size, category, session);
+        } catch (...) {
+          quarantine_.close(session);  // an empty session is removed again
+          throw;
+        }
+        quarantine_.close(session);
+        event.quarantineSession = session.id;
+      }
+    } else {
+      if (!remover_.removeEntry(parent).ok()) return std::nullopt;
+    }
+  } catch (const std::exception&) {
+    return std::nullopt;  // refused or failed: the file stays where it is
+  }
+  history_.append(event);
+  audit_.append({AuditEntry::make(now, s.quarantineFirst ? "quarantine" : "delete", path, size, category, trigger, true)});
+  return event;
+}
+
+std::optional<ShredEvent> ShredderEngine::shredCandidate(const ShredCandidate& candidate, Date now) {
+  const std::string twinName = fs::path(candidate.twinPath).filename().string();
+  auto event = shred(candidate.path, candidate.rule, "You approved it: identical to " + twinName, candidate.twinPath,
+                     candidate.size, now);
+  if (event) review_.remove(candidate.path);
+  return event;
+}
+
+void ShredderEngine::loadIndex() {
+  using Index = std::map<std::string, std::string>;
+  auto loaded = JSONStore::load<Index>(paths_.shredderIndexFile(), [](const Json& j) {
+    if (!j.is_object()) throw DecodeError("index: not an object");
+    Index out;
+    for (const auto& [k, v] : j.items()) {
+      if (!v.is_string()) throw DecodeError("index: a value is not text");
+      out[k] = v.get<std::string>();
+    }
+    return out;
+  });
+  std::lock_guard<std::mutex> guard(indexLock_);
+  index_ = loaded.value_or(Index{});
+  savedIndex_ = index_;
+}
+
+void ShredderEngine::saveIndex() {
+  std::lock_guard<std::mutex> guard(indexLock_);
+  std::erase_if(index_, [](const auto& entry) { return !lexists(entry.second); });
+  if (index_ == savedIndex_ && lexists(paths_.shredderIndexFile().string())) return;
+  try {
+    Json j = Json::object();
+    for (const auto& [k, v] : index_) j[k] = v;
+    JSONStore::save(j, paths_.shredderIndexFile());
+    savedIndex_ = index_;
+  } catch (const std::exception&) {
+    // Best effort: the index is rebuilt from the folders by the next sweeps.
+  }
+}
+
+ShredderEngine::Counters ShredderEngine::counters() const { return {sweeps_, filesHashed_, bytesHashed_}; }
+
+void ShredderEngine::setDebounce(std::chrono::duration<double> debounce) {
+  std::lock_guard<std::mutex> guard(watchLock_);
+  debounce_ = debounce;
+}
+
+void ShredderEngine::scheduleSweep(Clock::time_point at) {
+  std::lock_guard<std::mutex> guard(watchLock_);
+  // Each change moves the sweep to `debounce` after it, so a burst ends in one sweep.
+  due_ = at;
+  wake_.notify_all();
+}
+
+void ShredderEngine::startWatching(OnEvents onEvents) {
+  stopWatching();
+  {
+    std::lock_guard<std::mutex> guard(watchLock_);
+    watching_ = true;
+    stopping_ = false;
+    due_.reset();
+  }
+  worker_ = std::thread([this, onEvents = std::move(onEvents)] { runWatchLoop(onEvents); });
+  watcher_ = services_.makeFolderWatcher();
+  if (watcher_) {
+    watcher_->watch(watchedURLs(), [this](const FolderWatcher::Change&) {
+      // An overflow needs nothing more: every sweep looks at every folder.
+      std::chrono::duration<double> d;
+      {
+        std::lock_guard<std::mutex> guard(watchLock_);
+        d = debounce_;
+      }
+      scheduleSweep(Clock::now() + std::chrono::duration_cast<Clock::duration>(d));
+    });
+  }
+}
+
+void ShredderEngine::stopWatching() {
+  if (watcher_) watcher_->stop();
+  watcher_.reset();
+  {
+    std::lock_guard<std::mutex> guard(watchLock_);
+    stopping_ = true;
+    watching_ = false;
+    due_.reset();
+    wake_.notify_all();
+  }
+  if (worker_.joinable()) worker_.join();
+}
+
+void ShredderEngine::runWatchLoop(OnEvents onEvents) {
+  std::unique_lock<std::mutex> lock(watchLock_);
+  for (;;) {
+    // Sleeps until the next due sweep, or until told; never wakes on its own otherwise.
+    if (due_) wake_.wait_until(lock, *due_, [&] { return stopping_ || !due_ || Clock::now() >= *due_; });
+    else wake_.wait(lock, [&] { return stopping_ || due_.has_value(); });
+    if (stopping_) return;
+    if (!due_ || Clock::now() < *due_) continue;
+    due_.reset();
+    lock.unlock();
+    const auto events = sweep(services_.now());
+    if (!events.empty() && onEvents) onEvents(events);
+    lock.lock();
+  }
+}
+
+}  // namespace kestrel

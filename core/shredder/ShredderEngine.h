@@ -1,0 +1,140 @@
+// ShredderEngine: the four shredder rules over the watched folders, on demand or as they change.
+#pragma once
+
+#include "core/clean/Quarantine.h"
+#include "core/model/AppConfig.h"
+#include "core/safety/SafetyPolicy.h"
+#include "core/shredder/HashCache.h"
+#include "core/shredder/ShredHistory.h"
+#include "core/shredder/ShredReviewQueue.h"
+#include "core/shredder/ShredderModel.h"
+#include "core/store/AuditLog.h"
+#include "core/system/FolderWatcher.h"
+#include "core/system/Paths.h"
+#include "core/system/SafeRemove.h"
+#include "core/system/Services.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kestrel {
+
+// One engine per process. Every public operation may be called from any thread: sweeps (whether
+// asked for, timed or triggered by a change) run one at a time and never overlap.
+class ShredderEngine {
+ public:
+  using OnEvents = std::function<void(const std::vector<ShredEvent>&)>;
+
+  // Loads the duplicate index and the hash cache. `services` supplies the clock for sweeps the
+  // watcher starts and the folder watcher itself.
+  ShredderEngine(Paths paths, AppConfig config, ShredderSettings settings, const Services& services = {});
+  ~ShredderEngine();
+  ShredderEngine(const ShredderEngine&) = delete;
+  ShredderEngine& operator=(const ShredderEngine&) = delete;
+
+  ShredderSettings settings() const;
+  // Takes effect from the next sweep (the watched folders: from the next startWatching).
+  void setSettings(const ShredderSettings& settings);
+
+  // The settings' folders ("~" expanded) that exist as folders and are no links, in order.
+  std::vector<fs::path> watchedURLs() const;
+
+  // One full pass: each watched folder's duplicates, installers and screenshots, then the Trash;
+  // saves the index. Nothing at all unless the shredder is both approved and enabled. Per-file
+  // failures only skip that file.
+  std::vector<ShredEvent> sweep(Date now);
+  // The rules one by one, as sweep() runs them; called directly they must not run while a sweep
+  // does (the hash cache is the sweep's).
+  std::vector<ShredEvent> dedupe(const fs::path& folder, Date now);
+  std::vector<ShredEvent> installers(const fs::path& folder, Date now);
+  std::vector<ShredEvent> screenshots(const fs::path& folder, Date now);
+  std::vector<ShredEvent> trash(Date now);
+
+  // Disposes of one file inside a watched folder (quarantine or deletion by the settings) after
+  // the safety policy allows it and `size` is within the cap; records the event in the history
+  // and the audit log. Nothing when it refused or failed.
+  std::optional<ShredEvent> shred(const fs::path& url, std::string_view rule, const std::string& reason,
+                                  const std::optional<std::string>& twin, int64_t size, Date now);
+  // Disposes of a candidate the user approved from the review queue and takes it off the queue.
+  std::optional<ShredEvent> shredCandidate(const ShredCandidate& candidate, Date now);
+
+  // Drops index entries whose files are gone and writes the index when it changed.
+  void saveIndex();
+
+  // Watches the folders: a burst of changes leads to one sweep `debounce` after the last change,
+  // and a duplicate that was too fresh gets one more sweep once it has settled. `onEvents` gets
+  // the events of those sweeps (when there are any) on the engine's own thread.
+  void startWatching(OnEvents onEvents);
+  // Ends watching; once it returns no triggered sweep is running or pending.
+  void stopWatching();
+  // Five seconds by default.
+  void setDebounce(std::chrono::duration<double> debounce);
+
+  // When an item that arrived in the Trash got there; nothing when unknown (its modification
+  // and status-change times are used then). Default: the Trash's own record (Linux: the
+  // ".trashinfo" DeletionDate; macOS: the date added to the folder).
+  std::function<std::optional<Date>(const fs::path&)> arrivalDate;
+
+  struct Counters {
+    uint64_t sweeps = 0;
+    uint64_t filesHashed = 0;  // files whose content was read
+    uint64_t bytesHashed = 0;  // bytes of content read
+  };
+  Counters counters() const;
+
+  struct Listed;
+
+ private:
+  std::vector<Listed> listFolder(const fs::path& folder, int& dirFd) const;
+  std::vector<ShredEvent> aged(const fs::path& folder, Date now, int64_t days, std::string_view rule,
+                               const std::function<bool(const std::string& name)>& matches);
+  void loadIndex();
+  void scheduleSweep(std::chrono::steady_clock::time_point at);
+  void runWatchLoop(OnEvents onEvents);
+  void noteSettle(Date at);
+
+  Paths paths_;
+  AppConfig config_;
+  Services services_;
+  mutable std::mutex settingsLock_;
+  ShredderSettings settings_;
+  ShredHistory history_;
+  ShredReviewQueue review_;
+  SafetyPolicy policy_;
+  Quarantine quarantine_;
+  AuditLog audit_;
+  SafeRemover remover_;
+
+  std::mutex sweepLock_;  // held for a whole sweep, so sweeps never overlap
+  HashCache hashes_;
+  std::optional<Date> settleAt_;  // the earliest moment a fresh duplicate will have settled
+  std::atomic<std::thread::id> sweepThread_{};  // the thread running sweep()'s rules, if any
+  std::map<std::string, QuarantineSession> sweepSessions_;  // by rule, open during a sweep
+
+  mutable std::mutex indexLock_;
+  std::map<std::string, std::string> index_;
+  std::map<std::string, std::string> savedIndex_;
+
+  std::atomic<uint64_t> sweeps_{0}, filesHashed_{0}, bytesHashed_{0};
+
+  // Watching: the watcher calls in, the worker thread waits for the next due sweep.
+  std::unique_ptr<FolderWatcher> watcher_;
+  std::thread worker_;
+  std::mutex watchLock_;
+  std::condition_variable wake_;
+  bool watching_ = false;
+  bool stopping_ = false;
+  std::optional<std::chrono::steady_clock::time_point> due_;
+  std::chrono::duration<double> debounce_{5.0};
+};
+
+}  // namespace kestrel

@@ -1,0 +1,260 @@
+// ShredderEngine: the four rules and their edge cases, disposal, the hash cache and watching.
+#include "core/clean/Quarantine.h"
+#include "core/shredder/ShredderEngine.h"
+#include "tests/support/ScratchHome.h"
+#include "tests/support/Wait.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <fstream>
+
+namespace kestrel::test {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr double kSecond = 1.0 / 86400;
+
+ShredderSettings on() {
+  ShredderSettings s;
+  s.approved = true;
+  s.enabled = true;
+  s.settleSeconds = 0;
+  return s;
+}
+
+// Writes a ".trashinfo" for `name` with the given local DeletionDate.
+void trashInfo(ScratchHome& h, const std::string& name, Date deleted) {
+  h.text(".local/share/Trash/info/" + name + ".trashinfo",
+         "[Trash Info]\nPath=/somewhere/" + name + "\nDeletionDate=" + Dates::local(deleted, "yyyy-MM-ddTHH:mm:ss") + "\n");
+}
+
+TEST(ShredderEngine, DuplicateRuleEdgeCases) {
+  struct Case {
+    const char* name;
+    int64_t size = 5000;
+    double newcomerDaysOld = 10 * kSecond;
+    bool keepNewest = false;
+    const char* ext = "zip";
+    bool approved = true;
+    const char* disposed;  // "new", "old" or "none"
+    bool reviewed = false;
+  } cases[] = {
+      {"4,096 bytes never count", 4096, 10 * kSecond, false, "zip", true, "none"},
+      {"4,097 bytes count", 4097, 10 * kSecond, false, "zip", true, "new"},
+      {"3 seconds old is unsettled even with settleSeconds 0", 5000, 3 * kSecond, false, "zip", true, "none"},
+      {"keep the newest", 5000, 10 * kSecond, true, "zip", true, "old"},
+      {"skip list goes to review", 5000, 10 * kSecond, false, "mp4", true, "none", true},
+      {"partial downloads are never looked at", 5000, 10 * kSecond, false, "crdownload", true, "none"},
+      {"enabled but not approved does nothing", 5000, 10 * kSecond, false, "zip", false, "none"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome h;
+    const Date now = std::chrono::system_clock::now();
+    const std::string oldRel = std::string("Downloads/movie.") + c.ext;
+    const std::string newRel = std::string("Downloads/movie (1).") + c.ext;
+    const fs::path old = h.file(oldRel, c.size), fresh = h.file(newRel, c.size);
+    h.age(oldRel, 2, now);
+    h.age(newRel, c.newcomerDaysOld, now);
+    ShredderSettings s = on();
+    s.keepNewest = c.keepNewest;
+    s.approved = c.approved;
+    ShredderEngine engine(h.linuxPaths(), {}, s);
+    const auto events = engine.sweep(now);
+    const std::string expect = c.disposed;
+    EXPECT_EQ(events.size(), expect == "none" ? 0u : 1u);
+    EXPECT_EQ(fs::exists(fresh), expect != "new");
+    EXPECT_EQ(fs::exists(old), expect != "old");
+    if (!events.empty()) {
+      const auto& kept = expect == "new" ? old : fresh;
+      EXPECT_EQ(events[0].rule, "Duplicate download");
+      EXPECT_EQ(events[0].twinPath, kept.string());
+      EXPECT_EQ(events[0].reason, "Byte-identical to " + kept.filename().string() + ", which you already had");
+      EXPECT_EQ(events[0].size, c.size);
+      EXPECT_TRUE(events[0].restorable);
+      EXPECT_EQ(ShredHistory(h.linuxPaths()).events().size(), 1u);
+    }
+    const auto review = ShredReviewQueue(h.linuxPaths()).all();
+    ASSERT_EQ(review.size(), c.reviewed ? 1u : 0u);
+    if (c.reviewed) {
+      EXPECT_EQ(review[0].path, fresh.string());
+      EXPECT_EQ(review[0].reason, "Identical to movie.mp4, but .mp4 is on your skip list");
+    }
+    if (!c.approved) {
+      EXPECT_FALSE(fs::exists(h.linuxPaths().shredderIndexFile()));
+    }
+  }
+}
+
+TEST(ShredderEngine, AgedRulesAndTheTrash) {
+  struct Case {
+    const char* name;
+    std::string rel;
+    int64_t bytes;
+    double daysOld;
+    bool gone;
+  } cases[] = {
+      // Sizes differ so that no two files are duplicates of each other.
+      {"old disk image", "Downloads/tool.dmg", 10001, 20, true},
+      {"young disk image", "Downloads/new.dmg", 10002, 3, false},
+      {"old disk image over the size cap", "Downloads/huge.dmg", 3 << 20, 20, false},
+      {"old Debian package", "Downloads/tool.deb", 10003, 20, true},
+      {"an AppImage is a program, not an installer", "Downloads/Tool.AppImage", 10004, 20, false},
+      {"old screenshot on the Desktop", "Desktop/Screenshot from 2024-01-01.png", 10005, 20, true},
+      {"other old file", "Desktop/notes.txt", 10006, 20, false},
+  };
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  for (const auto& c : cases) {
+    h.file(c.rel, c.bytes);
+    h.age(c.rel, c.daysOld, now);
+  }
+  // Trash items: any size is deleted once it has been in the Trash long enough, by its record.
+  h.file(".local/share/Trash/files/big.iso", 3 << 20);
+  trashInfo(h, "big.iso", now - std::chrono::hours(24 * 40));
+  h.file(".local/share/Trash/files/old-photo.jpg", 100);  // two years old, trashed today
+  h.age(".local/share/Trash/files/old-photo.jpg", 730, now);
+  trashInfo(h, "old-photo.jpg", now - std::chrono::minutes(1));
+  h.file(".local/share/Trash/files/no-record.txt", 100);  // no record: its status change is now
+  h.age(".local/share/Trash/files/no-record.txt", 730, now);
+
+  ShredderSettings s = on();
+  s.maxAutoSizeMB = 1;
+  s.tidyScreenshotsAfterDays = 10;
+  ShredderEngine engine(h.linuxPaths(), {}, s);
+  const auto events = engine.sweep(now);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(fs::exists(h.path(c.rel)), !c.gone);
+  }
+  EXPECT_FALSE(lexists(h.path(".local/share/Trash/files/big.iso")));
+  EXPECT_FALSE(lexists(h.path(".local/share/Trash/info/big.iso.trashinfo")));
+  EXPECT_TRUE(fs::exists(h.path(".local/share/Trash/files/old-photo.jpg")));
+  EXPECT_TRUE(fs::exists(h.path(".local/share/Trash/files/no-record.txt")));
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_EQ(events[0].reason, "Installer sitting unused for 14+ days");
+  EXPECT_EQ(events[2].reason, "Screenshot older than 10 days");
+  EXPECT_EQ(events[3].rule, "Trash");
+  EXPECT_EQ(events[3].reason, "In the Trash for 30+ days");
+  EXPECT_FALSE(events[3].restorable);
+  EXPECT_GE(events[3].size, 3 << 20);
+}
+
+TEST(ShredderEngine, QuarantinedDuplicateRestoresAndDeletionIsFinal) {
+  for (bool quarantineFirst : {true, false}) {
+    SCOPED_TRACE(quarantineFirst);
+    ScratchHome h;
+    const Date now = std::chrono::system_clock::now();
+    h.file("Downloads/a.zip", 8000);
+    h.age("Downloads/a.zip", 1, now);
+    const fs::path copy = h.file("Downloads/a (1).zip", 8000);
+    h.age("Downloads/a (1).zip", 0.5, now);
+    ShredderSettings s = on();
+    s.quarantineFirst = quarantineFirst;
+    ShredderEngine engine(h.linuxPaths(), {}, s);
+    const auto events = engine.sweep(now);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_FALSE(fs::exists(copy));
+    EXPECT_EQ(events[0].quarantineSession.has_value(), quarantineFirst);
+    if (!quarantineFirst) continue;
+    Quarantine q(h.linuxPaths());
+    const auto sessions = q.sessions();
+    ASSERT_EQ(sessions.size(), 1u);
+    EXPECT_EQ(sessions[0].trigger, TriggerSource::schedule("Shredder · Duplicate download"));
+    EXPECT_TRUE(q.restore(*events[0].quarantineSession, now).empty());
+    EXPECT_EQ(fs::file_size(copy), 8000u);
+  }
+}
+
+TEST(ShredderEngine, ReadsOnlyFilesThatMayHaveATwinAndNeverTheSameFileTwice) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  h.file("Downloads/unique.bin", 9000);
+  h.text("Downloads/same-size-1.txt", std::string(6000, 'a'));
+  h.text("Downloads/same-size-2.txt", std::string(6000, 'b'));
+  for (const char* rel : {"Downloads/unique.bin", "Downloads/same-size-1.txt", "Downloads/same-size-2.txt"})
+    h.age(rel, 1, now);
+  {
+    ShredderEngine engine(h.linuxPaths(), {}, on());
+    EXPECT_TRUE(engine.sweep(now).empty());
+    EXPECT_EQ(engine.counters().filesHashed, 2u);
+    EXPECT_EQ(engine.counters().bytesHashed, 12000u);
+    EXPECT_TRUE(engine.sweep(now).empty());
+    EXPECT_EQ(engine.counters().bytesHashed, 12000u);
+  }
+  // A new engine (a new process) finds the hashes in the cache.
+  ShredderEngine again(h.linuxPaths(), {}, on());
+  EXPECT_TRUE(again.sweep(now).empty());
+  EXPECT_EQ(again.counters().bytesHashed, 0u);
+  // A file rewritten in place is read again.
+  h.text("Downloads/same-size-2.txt", std::string(6000, 'c'));
+  h.age("Downloads/same-size-2.txt", 1, now);
+  EXPECT_TRUE(again.sweep(now).empty());
+  EXPECT_EQ(again.counters().bytesHashed, 6000u);
+}
+
+TEST(ShredderEngine, ApprovedCandidateIsDisposedOfAndLeavesTheQueue) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  h.file("Downloads/clip.mov", 7000);
+  h.age("Downloads/clip.mov", 2, now);
+  const fs::path copy = h.file("Downloads/clip (1).mov", 7000);
+  h.age("Downloads/clip (1).mov", 1, now);
+  ShredderEngine engine(h.linuxPaths(), {}, on());
+  EXPECT_TRUE(engine.sweep(now).empty());
+  ShredReviewQueue queue(h.linuxPaths());
+  ASSERT_EQ(queue.all().size(), 1u);
+  const auto e = engine.shredCandidate(queue.all()[0], now);
+  ASSERT_TRUE(e);
+  EXPECT_EQ(e->reason, "You approved it: identical to clip.mov");
+  EXPECT_FALSE(fs::exists(copy));
+  EXPECT_TRUE(queue.all().empty());
+  // Nothing outside the watched folders is ever disposed of.
+  const fs::path outside = h.file("Documents/x.zip", 5000);
+  EXPECT_FALSE(engine.shred(outside, ShredRule::duplicate, "r", std::nullopt, 5000, now));
+  EXPECT_TRUE(fs::exists(outside));
+}
+
+TEST(ShredderEngine, TwentyQuickChangesMakeOneSweep) {
+  ScratchHome h;
+  h.folder("Downloads");
+  ShredderEngine engine(h.linuxPaths(), {}, on());
+  engine.setDebounce(std::chrono::milliseconds(300));
+  engine.startWatching(nullptr);
+  for (int i = 0; i < 20; ++i) h.file("Downloads/part" + std::to_string(i) + ".txt", 10);
+  EXPECT_TRUE(waitFor([&] { return engine.counters().sweeps >= 1; }, 5));
+  EXPECT_FALSE(waitFor([&] { return engine.counters().sweeps >= 2; }, 1));
+  engine.stopWatching();
+}
+
+TEST(ShredderEngine, AFreshDuplicateIsSweptAgainOnceItHasSettled) {
+  ScratchHome h;
+  const Date start = std::chrono::system_clock::now();
+  h.file("Downloads/report.pdf", 9000);
+  h.age("Downloads/report.pdf", 1, start);
+  ShredderEngine engine(h.linuxPaths(), {}, on());
+  engine.setDebounce(std::chrono::milliseconds(100));
+  std::atomic<int> disposed{0};
+  engine.startWatching([&](const std::vector<ShredEvent>& events) { disposed += static_cast<int>(events.size()); });
+  // The download lands 2 seconds after it was written (a browser renaming its partial file).
+  const fs::path staged = h.outside("stage") / "staged.pdf";
+  std::ofstream(staged) << std::string(9000, 'x');
+  const Date written = std::chrono::system_clock::now() - seconds(2);
+  const timespec times[2] = {{Dates::unixSeconds(written), 0}, {Dates::unixSeconds(written), 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, staged.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+  fs::rename(staged, h.path("Downloads/report (1).pdf"));
+  // Settled 4 s after it was written; disposed of by second 4 + 6 with no timer at all.
+  EXPECT_TRUE(waitFor([&] { return disposed.load() == 1; }, 8));
+  EXPECT_LE(std::chrono::system_clock::now() - written, seconds(10));
+  EXPECT_EQ(engine.counters().sweeps, 2u);
+  EXPECT_FALSE(fs::exists(h.path("Downloads/report (1).pdf")));
+  engine.stopWatching();
+}
+
+}  // namespace
+}  // namespace kestrel::test
