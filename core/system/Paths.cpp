@@ -136,6 +136,12 @@ Layout layoutFromEnvironment() {
   return hostLayout();
 }
 
+fs::path Paths::launchAgentPlist() const {
+  std::string name(AppInfo::agentLabel);
+  name += ".plist";
+  return lib("LaunchAgents") / name;
+}
+
 Paths Paths::fromEnvironment() {
   const Layout layout = layoutFromEnvironment();
   XdgDirs xdg;

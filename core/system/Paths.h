@@ -128,9 +128,7 @@ class Paths {
   fs::path logDir() const { return isMac() ? lib("Logs") / AppInfo::name : stateDir() / "logs"; }
   fs::path agentLogFile() const { return logDir() / "agent.log"; }
   fs::path shredderLogFile() const { return logDir() / "shredder.log"; }
-  fs::path launchAgentPlist() const {
-    return lib("LaunchAgents") / (std::string(AppInfo::agentLabel) + ".plist");
-  }
+  fs::path launchAgentPlist() const;
 
   // macOS: moves the earlier product's folder into place when only it exists. Linux: moves the
   // files of a support folder left by earlier builds to their Linux folders, each folder only
