@@ -54,6 +54,11 @@ int runClean(Context& context) {
   const CleanReport report = cleaner.clean(items, TriggerSource::manual(), dryRun, std::nullopt);
   context.out << report.summary(dryRun) << '\n';
   for (const auto& f : report.failures) context.out << "  failed: " << f.itemID << ": " << f.message << '\n';
+  // Queued items wait in a file nobody looks at; without this line the user never learns.
+  if (report.deferredAdmin > 0)
+    context.out << report.deferredAdmin
+                << " item(s) need administrator rights; run `kestrel admin run` to remove them with one password "
+                   "prompt.\n";
   context.out.flush();
   return 0;
 }

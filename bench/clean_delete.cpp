@@ -102,7 +102,7 @@ int main(int argc, char** argv) {
     return Shell::Result{1, "", "declined by the benchmark"};
   };
   PrivilegedSession session(paths, services);
-  AdminQueue queue;
+  AdminQueue queue(paths);
 
   const auto start = Clock::now();
   Cleaner cleaner(paths, AppConfig{}, services, &session, &queue);

@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
       return Shell::Result{1, "", "declined by the benchmark"};
     };
     PrivilegedSession session(paths, services);
-    AdminQueue queue;
+    AdminQueue queue(paths);
     const auto start = Clock::now();
     Cleaner cleaner(paths, config, services, &session, &queue);
     const CleanReport report = cleaner.clean(items, TriggerSource::manual(), false, std::nullopt);

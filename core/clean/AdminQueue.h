@@ -1,15 +1,15 @@
-// AdminQueue: items that need administrator rights, gathered in memory and removed in one batch
-// behind a single password prompt.
+// AdminQueue: items that need administrator rights, kept in "admin-queue.json" in the state
+// folder until one batch removes them behind a single password prompt, so a queued removal
+// outlives the process that queued it.
 #pragma once
 
 #include "core/clean/PrivilegedSession.h"
-#include "core/model/ScanModel.h"
 #include "core/model/AppConfig.h"
 #include "core/model/CleanFailure.h"
+#include "core/model/ScanModel.h"
 #include "core/system/Paths.h"
 
-#include <mutex>
-#include <utility>
+#include <stdexcept>
 #include <vector>
 
 namespace kestrel {
@@ -20,26 +20,41 @@ class AdminQueue {
     std::vector<ScanItem> removed;
     std::vector<CleanFailure> failed;  // the item's id and the reason shown to the user
     int64_t freed = 0;
+    size_t alreadyGone = 0;  // items gone before the batch ran (removed elsewhere): dropped
   };
 
-  // The process-wide queue.
-  static AdminQueue& shared();
+  explicit AdminQueue(Paths paths) : paths_(std::move(paths)) {}
 
-  // Appends the item unless an equal item is already queued.
-  void enqueue(const ScanItem& item);
+  // Appends the items that are not already queued (equal items), in one locked read-modify-write
+  // of the file. Throws JSONStore::StoreError (another writer too long, or a damaged file, which
+  // is left as it is) and the write's errors: the items are then not queued.
+  void enqueue(const std::vector<ScanItem>& items) const;
+  // The queued items in queue order; empty when the file is missing or damaged.
+  std::vector<ScanItem> items() const;
+  // Whether the file exists but cannot be read as a queue, and why.
+  std::optional<std::string> damage() const;
   // Sum of the queued items' sizes (saturating).
   int64_t pendingBytes() const;
-  size_t count() const;
+  size_t count() const { return items().size(); }
+  // Empties the queue (the files stay where they are), a damaged queue file included. Throws
+  // JSONStore::StoreError when another writer holds it too long, and the write's errors.
+  void clear() const;
 
-  // Takes every queued item; refused by the safety policy → failed with the policy's reason; the
-  // paths of the rest are removed with one AdminRunner::remove call; then an item none of whose
-  // paths exists any more is removed (audited as "delete", trigger "admin batch"), otherwise it
-  // failed with the explanation of what stayed. `now` dates the audit records.
-  FlushResult flush(const Paths& paths, const AppConfig& config, PrivilegedSession& session, Date now);
+  // Runs the batch: every queued item the safety policy refuses fails with the policy's reason;
+  // the paths of the rest are removed with one AdminRunner::remove call; then an item none of
+  // whose paths exists any more is removed (audited as "delete", trigger "admin batch"),
+  // otherwise it failed with the explanation of what stayed. Items leave the file only after the
+  // batch, and only when removed, refused or already gone: a process killed on the way or a
+  // cancelled prompt loses none of them. Throws std::runtime_error when another batch is running and JSONStore::StoreError when
+  // the file is damaged. `now` dates the audit records.
+  FlushResult flush(const AppConfig& config, PrivilegedSession& session, Date now) const;
 
  private:
-  mutable std::mutex lock_;
-  std::vector<ScanItem> items_;
+  Paths paths_;
 };
+
+// The queue file's JSON form: an array of items, dates as ISO 8601 text.
+Json toJson(const std::vector<ScanItem>& items);
+std::vector<ScanItem> adminQueueFromJson(const Json& j);
 
 }  // namespace kestrel

@@ -47,7 +47,7 @@ Cleaner::Cleaner(Paths paths, AppConfig config, const Services& services, Privil
       remover_(paths.home()),
       services_(services.withDefaults()),
       session_(session ? session : &PrivilegedSession::shared(paths_)),
-      queue_(queue ? queue : &AdminQueue::shared()) {}
+      queue_(queue ? *queue : AdminQueue(paths_)) {}
 
 CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSource& trigger, bool dryRun,
                            std::optional<Disposal> disposalOverride, const Progress& progress) {
@@ -272,11 +272,21 @@ void Cleaner::runAdminStep(Pass& pass) {
   }
   if (allowed.empty()) return;
   if (config_.queueAdminRemovals) {
+    std::optional<std::string> notQueued;
+    try {
+      queue_.enqueue(allowed);
+    } catch (const std::exception& e) {
+      // Not queued is not removed: the item stays and says why.
+      notQueued = std::string("Could not queue for administrator removal: ") + e.what();
+    }
     for (const auto& item : allowed) {
-      queue_->enqueue(item);
-      ++pass.report.deferredAdmin;
+      if (notQueued) {
+        pass.report.failures.push_back({item.id, *notQueued});
+      } else {
+        ++pass.report.deferredAdmin;
+      }
       pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size, item.category, pass.trigger,
-                                            true, "needs admin — queued"));
+                                            !notQueued, notQueued.value_or("needs admin — queued")));
     }
     return;
   }

@@ -42,8 +42,8 @@ class Cleaner {
  public:
   using Progress = std::function<void(size_t done, size_t total)>;
 
-  // `session` and `queue` default to the shared privileged session of this home and the shared
-  // admin queue of this process.
+  // `session` and `queue` default to the shared privileged session and the admin queue of this
+  // home.
   Cleaner(Paths paths, AppConfig config, const Services& services = {}, PrivilegedSession* session = nullptr,
           AdminQueue* queue = nullptr);
 
@@ -74,7 +74,7 @@ class Cleaner {
   SafeRemover remover_;
   Services services_;
   PrivilegedSession* session_;
-  AdminQueue* queue_;
+  AdminQueue queue_;
 };
 
 }  // namespace kestrel

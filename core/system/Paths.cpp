@@ -136,10 +136,10 @@ Layout layoutFromEnvironment() {
   return hostLayout();
 }
 
-fs::path Paths::launchAgentPlist() const {
-  std::string name(AppInfo::agentLabel);
-  name += ".plist";
-  return lib("LaunchAgents") / name;
+fs::path Paths::launchAgentFile(std::string_view label, std::string_view extension) const {
+  std::string name(label);
+  name += extension;
+  return launchAgentsDir() / name;
 }
 
 Paths Paths::fromEnvironment() {

@@ -16,6 +16,10 @@ struct AppInfo {
   static constexpr std::string_view name = "orvo Kestrel";
   static constexpr std::string_view bundleID = "com.orvo.kestrel";
   static constexpr std::string_view agentLabel = "com.orvo.kestrel.agent";
+  static constexpr std::string_view shredderAgentLabel = "com.orvo.kestrel.agent.shredder";
+  // The background agents of the product's earlier name, removed on request.
+  static constexpr std::string_view legacyAgentLabel = "com.halcyra.agent";
+  static constexpr std::string_view legacyShredderAgentLabel = "com.halcyra.agent.shredder";
   static constexpr std::string_view legacyName = "Halcyra";
 };
 
@@ -105,6 +109,10 @@ class Paths {
   fs::path shredderIndexFile() const { return stateDir() / "shredder-index.json"; }
   // The shredder's cache of content hashes, by file identity (safe to delete: it is rebuilt).
   fs::path shredderHashCacheFile() const { return stateDir() / "shredder-hashes.cache"; }
+  // Removals waiting for administrator rights, kept until a run removes them.
+  fs::path adminQueueFile() const { return stateDir() / "admin-queue.json"; }
+  // Held while one administrator batch runs, so two never take the same items.
+  fs::path adminRunLockFile() const { return stateDir() / "admin-run.lock"; }
   // The lock file held around one read-modify-write of `store` ("<store>.lock" beside it; never
   // removed, so two writers always lock the same file).
   static fs::path lockFileFor(const fs::path& store) { return fs::path(store) += ".lock"; }
@@ -128,7 +136,11 @@ class Paths {
   fs::path logDir() const { return isMac() ? lib("Logs") / AppInfo::name : stateDir() / "logs"; }
   fs::path agentLogFile() const { return logDir() / "agent.log"; }
   fs::path shredderLogFile() const { return logDir() / "shredder.log"; }
-  fs::path launchAgentPlist() const;
+  fs::path launchAgentPlist() const { return launchAgentFile(AppInfo::agentLabel, ".plist"); }
+  // Where the user's background services are defined: "~/Library/LaunchAgents" on macOS,
+  // "$XDG_CONFIG_HOME/systemd/user" on Linux; a service's file there is its label plus `extension`.
+  fs::path launchAgentsDir() const { return isMac() ? lib("LaunchAgents") : xdg_.config / "systemd" / "user"; }
+  fs::path launchAgentFile(std::string_view label, std::string_view extension) const;
 
   // macOS: moves the earlier product's folder into place when only it exists. Linux: moves the
   // files of a support folder left by earlier builds to their Linux folders, each folder only

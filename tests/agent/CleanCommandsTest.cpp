@@ -1,10 +1,12 @@
 // The "clean" and "quarantine" commands, run in process against scratch homes.
 #include "agent/Dispatcher.h"
+#include "core/clean/AdminQueue.h"
 #include "core/clean/Quarantine.h"
 #include "core/model/AppConfig.h"
 #include "core/store/ConfigStore.h"
 #include "core/store/AuditLog.h"
 #include "core/base/ByteFormat.h"
+#include "tests/support/Immutable.h"
 #include "tests/support/ScratchHome.h"
 #include "tests/agent/RunInProcess.h"
 
@@ -92,6 +94,27 @@ TEST(CleanCommand, DryRunTouchesNothingThenCleanDeletesAndAudits) {
     EXPECT_GE(e.size, 65536);
   }
   EXPECT_EQ(run(h, {"clean", "--category", "userCaches"}).out, "Nothing to clean\n");
+}
+
+TEST(CleanCommand, ItemsNeedingAdministratorRightsWaitInTheQueueAndSaySo) {
+  ScratchHome h;
+  makeCaches(h);
+  const std::string locked = h.path("Library/Caches/com.example.b").string();
+  // Its folder refuses even root: the deletion needs rights the user does not have.
+  test::Immutable lock(h.path("Library/Caches/com.example.b/data"));
+  if (!lock.ok()) GTEST_SKIP() << "cannot make a folder immutable here (chattr +i failed)";
+  std::ostringstream out;
+  ASSERT_EQ(runAgent({"clean", "--category", "userCaches"}, h.paths(), out), 0);
+  EXPECT_NE(out.str().find("\n1 item(s) need administrator rights; run `kestrel admin run` to remove them with one "
+                           "password prompt.\n"),
+            std::string::npos)
+      << out.str();
+  EXPECT_TRUE(fs::exists(locked));
+  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));
+  // The queue is a file: the next process (kestrel admin run) finds the item there.
+  const auto queued = AdminQueue(h.paths()).items();
+  ASSERT_EQ(queued.size(), 1u);
+  EXPECT_EQ(queued[0].path(), locked);
 }
 
 TEST(CleanCommand, QuarantineRestoreAndPurgeThroughTheCommands) {

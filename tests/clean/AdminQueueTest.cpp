@@ -2,6 +2,7 @@
 #include "core/clean/AdminQueue.h"
 
 #include "core/store/AuditLog.h"
+#include "core/store/JSONStore.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/FakeTools.h"
 
@@ -27,16 +28,63 @@ ScanItem adminItem(const std::string& path, int64_t size) {
   return i;
 }
 
-TEST(AdminQueue, EnqueueSkipsEqualItemsAndSumsSizes) {
-  AdminQueue q;
-  q.enqueue(adminItem("/Library/Caches/a", 10));
-  q.enqueue(adminItem("/Library/Caches/a", 10));
-  q.enqueue(adminItem("/Library/Caches/b", 5));
-  q.enqueue(adminItem("/Library/Caches/a", 11));  // not equal: another size
-  EXPECT_EQ(q.count(), 3u);
+TEST(AdminQueue, QueueOutlivesItsWriterWithoutDuplicates) {
+  ScratchHome h;
+  AdminQueue(h.paths()).enqueue({adminItem("/Library/Caches/a", 10), adminItem("/Library/Caches/a", 10)});
+  AdminQueue(h.paths()).enqueue({adminItem("/Library/Caches/a", 10), adminItem("/Library/Caches/b", 5),
+                                 adminItem("/Library/Caches/a", 11)});  // not equal: another size
+  const AdminQueue q(h.paths());  // another process reading what the others queued
+  ASSERT_EQ(q.count(), 3u);
+  EXPECT_EQ(q.items()[1].id, "/Library/Caches/b");
   EXPECT_EQ(q.pendingBytes(), 26);
-  q.enqueue(adminItem("/Library/Caches/c", INT64_MAX));
+  q.enqueue({adminItem("/Library/Caches/c", INT64_MAX)});
   EXPECT_EQ(q.pendingBytes(), INT64_MAX);
+  EXPECT_EQ(q.damage(), std::nullopt);
+  q.clear();
+  EXPECT_EQ(q.count(), 0u);
+}
+
+TEST(AdminQueue, DamagedQueueIsKeptUntilCleared) {
+  ScratchHome h;
+  const fs::path file = h.paths().adminQueueFile();
+  fs::create_directories(file.parent_path());
+  std::ofstream(file) << "[{\"id\": ";
+  const AdminQueue q(h.paths());
+  EXPECT_THROW(q.enqueue({adminItem("/Library/Caches/a", 10)}), JSONStore::StoreError);
+  PrivilegedSession session(h.paths());
+  EXPECT_THROW(q.flush(AppConfig{}, session, Date{}), JSONStore::StoreError);
+  EXPECT_EQ(test::readText(file), "[{\"id\": ");
+  EXPECT_TRUE(q.damage());
+  EXPECT_EQ(q.count(), 0u);
+  q.clear();
+  EXPECT_EQ(q.damage(), std::nullopt);
+  q.enqueue({adminItem("/Library/Caches/a", 10)});
+  EXPECT_EQ(q.count(), 1u);
+}
+
+TEST(AdminQueue, DeclinedPromptKeepsEveryItemQueued) {
+  ScratchHome h;
+  const fs::path stays = h.text("Library/Caches/locked/item", "kept");
+  Services services;
+  int prompts = 0;
+  services.adminPrompt = [&](const std::string&, const std::string&, double) {
+    ++prompts;
+    return Shell::Result{1, "", "Request dismissed"};
+  };
+  const AdminQueue q(h.paths());
+  q.enqueue({adminItem(stays.string(), 4), adminItem(h.path("Library/Caches/gone").string(), 3)});
+  PrivilegedSession session(h.paths(), services);
+  const auto result = q.flush(AppConfig{}, session, Dates::fromUnixSeconds(1795371789));
+  EXPECT_GE(prompts, 1);
+  EXPECT_TRUE(result.removed.empty());
+  EXPECT_EQ(result.alreadyGone, 1u);
+  ASSERT_EQ(result.failed.size(), 1u);
+  ASSERT_EQ(q.count(), 1u);  // the one still there waits for the next batch
+  EXPECT_EQ(q.items()[0].id, stays.string());
+  EXPECT_EQ(test::readText(stays), "kept");
+  const auto audit = AuditLog(h.paths()).recent(10);
+  ASSERT_EQ(audit.size(), 1u);
+  EXPECT_FALSE(audit[0].success);
 }
 
 TEST(AdminQueue, FlushRemovesWithOnePromptAndAuditsEachItem) {
@@ -50,20 +98,20 @@ TEST(AdminQueue, FlushRemovesWithOnePromptAndAuditsEachItem) {
   std::ofstream(root / "one" / "f") << "data";
   std::ofstream(root / "two") << "data";
   h.file("Library/Caches/mine", 10);
-  AdminQueue q;
-  q.enqueue(adminItem((root / "one").string(), 100));
-  q.enqueue(adminItem((root / "two").string(), 50));
-  q.enqueue(adminItem("/usr/share/kestrel-never", 7));                      // the policy refuses
-  q.enqueue(adminItem(h.path("Library/Caches/mine").string(), 10));          // the helper refuses
+  const AdminQueue q(h.paths());
   ScanItem command;
   command.id = "docker";
   command.target = ItemTarget::forCommand({"docker", {"image", "prune"}});
-  q.enqueue(command);
+  q.enqueue({adminItem((root / "one").string(), 100), adminItem((root / "two").string(), 50),
+             adminItem("/usr/share/kestrel-never", 7),                 // the policy refuses
+             command, adminItem(h.path("Library/Caches/mine").string(), 10)});  // the helper refuses
   PrivilegedSession session(h.paths());
   const Date now = Dates::fromUnixSeconds(1795371789);
-  auto result = q.flush(h.paths(), AppConfig{}, session, now);
+  auto result = q.flush(AppConfig{}, session, now);
   session.end();
-  EXPECT_EQ(q.count(), 0u);
+  // Only what is still there and was not refused by the policy waits for another batch.
+  ASSERT_EQ(q.count(), 1u);
+  EXPECT_EQ(q.items()[0].id, h.path("Library/Caches/mine").string());
   ASSERT_EQ(result.removed.size(), 2u);
   EXPECT_EQ(result.freed, 150);
   ASSERT_EQ(result.failed.size(), 3u);

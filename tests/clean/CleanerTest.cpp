@@ -5,6 +5,7 @@
 #include "core/system/Trash.h"
 #include "core/store/JSONStore.h"
 #include "tests/support/AllowedRoot.h"
+#include "tests/support/Immutable.h"
 #include "tests/support/ScratchHome.h"
 
 #include <gtest/gtest.h>
@@ -100,7 +101,7 @@ struct Harness {
     r.stderr = "User canceled.";
     return r;
   };
-  AdminQueue queue;
+  AdminQueue queue{h.paths()};
   PrivilegedSession session{h.paths(), services()};
 
   ~Harness() { session.end(); }
@@ -546,21 +547,7 @@ TEST(Cleaner, AdminItemsGoInOneBatchWhenNotQueued) {
   EXPECT_FALSE(failed->success);
 }
 
-// Makes a folder immutable for the object's lifetime (the only way to refuse root a removal).
-class Immutable {
- public:
-  explicit Immutable(fs::path p) : path_(std::move(p)) {
-    ok_ = Shell::run("chattr", {"+i", path_.string()}, 10).ok();
-  }
-  ~Immutable() {
-    if (ok_) Shell::run("chattr", {"-i", path_.string()}, 10);
-  }
-  bool ok() const { return ok_; }
-
- private:
-  fs::path path_;
-  bool ok_ = false;
-};
+using test::Immutable;
 
 TEST(Cleaner, PermissionErrorSendsOnlyADeletionToTheAdminStep) {
   // A deletion the user may not make becomes a privileged deletion; an item meant to stay
@@ -738,7 +725,7 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
     return test::readText(canary / ".ssh/id") == "secret key" && treeListing(h.root() / "canary") == canaryListing;
   };
 
-  AdminQueue queue;
+  AdminQueue queue{h.paths()};
   Services services;
   services.adminPrompt = [](const std::string&, const std::string&, double) {
     ADD_FAILURE() << "no clean in this race may prompt";

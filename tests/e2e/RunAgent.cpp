@@ -37,4 +37,14 @@ AgentRun runAgentLinux(const ScratchHome& home, const std::vector<std::string>& 
   return {r.status, r.stdout, r.stderr};
 }
 
+AgentRun runHostBinary(const ScratchHome& home, const std::vector<std::string>& args,
+                       const std::vector<std::string>& env, double timeout) {
+  std::vector<std::string> argv{"HOME=" + home.home().string()};
+  argv.insert(argv.end(), env.begin(), env.end());
+  argv.push_back(KESTREL_HOST_BINARY);
+  argv.insert(argv.end(), args.begin(), args.end());
+  auto r = Shell::run("/usr/bin/env", argv, timeout);
+  return {r.status, r.stdout, r.stderr};
+}
+
 }  // namespace kestrel::test

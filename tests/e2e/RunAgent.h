@@ -28,4 +28,9 @@ AgentRun runAgentAt(const std::string& home, const std::vector<std::string>& arg
 AgentRun runAgentLinux(const ScratchHome& home, const std::vector<std::string>& args,
                        const std::vector<std::string>& env = {}, double timeout = 120);
 
+// Runs the host command line `kestrel` with HOME set to the scratch home and `env` ("NAME=value")
+// added to its environment.
+AgentRun runHostBinary(const ScratchHome& home, const std::vector<std::string>& args,
+                       const std::vector<std::string>& env = {}, double timeout = 120);
+
 }  // namespace kestrel::test

@@ -4,7 +4,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <mach-o/dyld.h>
+#include <stdlib.h>
+
 #include <cerrno>
+#include <climits>
+#include <string>
 
 namespace kestrel::platform {
 
@@ -13,6 +18,14 @@ int closeOnExecPipe(int fds[2]) noexcept {
   ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
   ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
   return 0;
+}
+
+std::string executablePath() {
+  char raw[PATH_MAX];
+  uint32_t size = sizeof raw;
+  if (_NSGetExecutablePath(raw, &size) != 0) return {};
+  char resolved[PATH_MAX];
+  return ::realpath(raw, resolved) ? std::string(resolved) : std::string(raw);
 }
 
 }  // namespace kestrel::platform

@@ -1,0 +1,76 @@
+// kestrel, the host command line: what the graphical application does where there is none. Each
+// command group adds its subcommands to the one CLI11 application; a subcommand's callback stores
+// the action that runs once the whole line has parsed.
+#pragma once
+
+#include "core/base/Dates.h"
+#include "core/base/Json.h"
+#include "core/system/Paths.h"
+#include "core/system/ServiceManager.h"
+#include "core/system/Services.h"
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace kestrel::host {
+
+// Exit statuses: done, failed, and a command line that does not parse.
+inline constexpr int kOK = 0;
+inline constexpr int kFailed = 1;
+inline constexpr int kUsage = 2;
+
+// What every command sees.
+struct Context {
+  Paths paths;
+  std::ostream& out;
+  std::ostream& err;
+  Services services = Services{}.withDefaults();
+  // The KestrelAgent executable the background agents run (absolute).
+  std::string agentPath;
+  // "--json": the command reports one JSON value instead of text.
+  bool json = false;
+
+  Date now() const { return services.now(); }
+  // Prints `value` as the store writer formats it, with a final newline.
+  void printJson(const Json& value) const;
+  // The system's service manager for this home (launchd or systemd), through `services`.
+  std::unique_ptr<ServiceManager> serviceManager() const { return ServiceManager::make(paths, services); }
+};
+
+// A usage error found after parsing (a value CLI11 cannot check by itself): printed to standard
+// error with the "Run with --help" hint, status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The action a parsed subcommand runs; it returns the exit status.
+using Action = std::function<int()>;
+
+// One command group: adds its subcommands under `app`; their callbacks set `action`.
+using CommandGroup = void (*)(CLI::App& app, Context& context, Action& action);
+
+void addStatusCommand(CLI::App& app, Context& context, Action& action);
+void addAgentsCommands(CLI::App& app, Context& context, Action& action);
+void addRulesCommands(CLI::App& app, Context& context, Action& action);
+void addAdminCommands(CLI::App& app, Context& context, Action& action);
+void addShredderCommands(CLI::App& app, Context& context, Action& action);
+
+// The lines of "kestrel status" (added to `lines`) and their JSON: the background agents, the
+// administrator queue and the Shredder.
+Json agentsStatus(Context& context, std::vector<std::string>& lines);
+Json adminStatus(Context& context, std::vector<std::string>& lines);
+Json shredderStatus(Context& context, std::vector<std::string>& lines);
+
+// Parses `args` (without the program name) and runs the chosen command. Help goes to `out` with
+// status 0; parse and usage errors go to `err` with status 2; a failed command returns 1.
+int runHost(const std::vector<std::string>& args, Context& context);
+
+// The KestrelAgent executable beside the running program.
+std::string agentBesideSelf();
+
+}  // namespace kestrel::host

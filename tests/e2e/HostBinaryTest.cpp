@@ -1,0 +1,77 @@
+// The host command line's binary end to end: a rule it adds is the agent's, and administrator
+// removals queued by one process are run by another behind one prompt.
+#include "core/clean/AdminQueue.h"
+#include "core/clean/Cleaner.h"
+#include "core/store/AuditLog.h"
+#include "tests/e2e/RunAgent.h"
+#include "tests/support/AllowedRoot.h"
+#include "tests/support/FakeTools.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+namespace kestrel {
+namespace {
+
+using test::ScratchHome;
+
+TEST(HostBinary, AddedRuleIsListedByTheAgent) {
+  ScratchHome h;
+  const auto added = test::runHostBinary(
+      h, {"rules", "add", "Nightly logs", "--daily", "02:30", "--categories", "logs,crashReports"});
+  ASSERT_EQ(added.status, 0) << added.err;
+  const auto rules = test::runAgentBinary(h, {"rules"});
+  EXPECT_NE(rules.out.find("\u25CF Nightly logs \u2014 Every day at 02:30 \u2014 last: never"), std::string::npos)
+      << rules.out;
+  EXPECT_NE(rules.out.find("Weekly deep clean"), std::string::npos);  // the shipped rules stay
+  const auto bad = test::runHostBinary(h, {"rules", "add", "x", "--daily", "02:30"});
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_EQ(bad.out, "");
+}
+
+TEST(HostBinary, QueuedAdministratorRemovalsOutliveTheirProcess) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root for an allowed system location";
+  ScratchHome h;
+  test::AllowedRoot allowed;
+  const fs::path one = allowed.dir() / "one", two = allowed.dir() / "two";
+  fs::create_directories(one / "inner");
+  std::ofstream(one / "inner/f") << "data";
+  std::ofstream(two) << "data";
+  {
+    // This cleaner's process may die right after: the items live in the queue file.
+    Services services;
+    services.isWritable = [](const std::string&) { return false; };
+    Cleaner cleaner(h.paths(), AppConfig{}, services);
+    auto item = [](const fs::path& p, int64_t size) {
+      ScanItem i;
+      i.id = p.string();
+      i.title = p.filename().string();
+      i.target = ItemTarget::forAdminPath(p.string());
+      i.size = size;
+      i.category = CleanCategory::logs;
+      return i;
+    };
+    const CleanReport r = cleaner.clean({item(one, 100), item(two, 50)}, TriggerSource::manual(), false, std::nullopt);
+    ASSERT_EQ(r.deferredAdmin, 2);
+  }
+  ASSERT_EQ(AdminQueue(h.paths()).count(), 2u);
+  EXPECT_TRUE(fs::exists(one));
+
+  test::FakeTools tools(h.root());
+  tools.script("pkexec", "printf 'call\\n' >> \"$(dirname \"$0\")/pkexec.calls\"\nexec \"$@\"");
+  const auto run = test::runHostBinary(h, {"admin", "run"});
+  EXPECT_EQ(run.status, 0) << run.out << run.err;
+  EXPECT_EQ(run.out, "Removed 2 item(s), freed 150 bytes.\n");
+  EXPECT_FALSE(fs::exists(one));
+  EXPECT_FALSE(fs::exists(two));
+  EXPECT_EQ(test::readText(tools.bin() / "pkexec.calls"), "call\n");
+  EXPECT_EQ(AdminQueue(h.paths()).count(), 0u);
+  int deletes = 0;
+  for (const auto& e : AuditLog(h.paths()).recent(10)) deletes += e.action == "delete" && e.success;
+  EXPECT_EQ(deletes, 2);
+}
+
+}  // namespace
+}  // namespace kestrel
