@@ -39,8 +39,22 @@ int runRule(Context& ctx) {
     return 2;
   }
   const std::string& wanted = ctx.args[0];
+  const RuleStore store(ctx.paths);
+  std::vector<ScheduleRule> rules;
+  std::error_code ec;
+  if (!fs::exists(fs::symlink_status(ctx.paths.rulesFile(), ec))) {
+    // The shipped rules get fresh ids on every load: written now, the one found here is the one
+    // the tick runs.
+    try {
+      rules = store.update([](std::vector<ScheduleRule>&) {}, ctx.now());
+    } catch (const std::exception&) {
+      rules = store.load(ctx.now());
+    }
+  } else {
+    rules = store.load(ctx.now());
+  }
   // Ids are kept in their upper-case form; a lower-case id is not the same text.
-  for (const auto& rule : RuleStore(ctx.paths).load(ctx.now())) {
+  for (const auto& rule : rules) {
     if (rule.id == wanted || Utf8::equalsIgnoringCase(rule.name, wanted)) {
       makeRunner(ctx).tick(ctx.now(), rule.id);
       return 0;

@@ -45,6 +45,19 @@ void printEvents(const Context& ctx, const std::vector<ShredEvent>& events, bool
   ctx.services.notify("Shredder: " + ByteFormat::string(total) + " reclaimed", body);
 }
 
+// The settings a disposal may rely on: a damaged file (the defaults lack the user's protected
+// paths) stops the command with the same line a clean prints.
+std::optional<AppConfig> loadConfigForRemoval(const Context& ctx) {
+  const ConfigStore store(ctx.paths);
+  auto loaded = store.loadChecked();
+  if (loaded.damaged()) {
+    ctx.out << store.damagedMessage(loaded.reason) << '\n';
+    ctx.out.flush();
+    return std::nullopt;
+  }
+  return loaded.value.value_or(AppConfig{});
+}
+
 }  // namespace
 
 int runShredWatch(Context& ctx) {
@@ -54,7 +67,9 @@ int runShredWatch(Context& ctx) {
     ctx.stamp("Shredder is off; exiting.");
     return 0;
   }
-  ShredderEngine engine(ctx.paths, ConfigStore(ctx.paths).load(), settings, ctx.services);
+  const auto config = loadConfigForRemoval(ctx);
+  if (!config) return 1;
+  ShredderEngine engine(ctx.paths, *config, settings, ctx.services);
   // Test knobs: the watcher's quiet time before a sweep and the periodic timer.
   engine.setDebounce(std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_DEBOUNCE_SECONDS", 5.0)));
   const auto tick = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -89,7 +104,11 @@ int runShredWatch(Context& ctx) {
     if (std::chrono::steady_clock::now() < next) continue;
     guard.unlock();
     const ShredderSettings fresh = store.load();
-    if (!fresh.approved || !fresh.enabled) return 0;  // the engine stops watching as it goes
+    if (!fresh.approved || !fresh.enabled) {
+      // Stopped before this frame's queue goes, so no sweep hands events to it while it does.
+      engine.stopWatching();
+      return 0;
+    }
     engine.setSettings(fresh);
     (void)engine.sweep(ctx.now());  // the timer's own sweep prints nothing
     next += tick;
@@ -98,7 +117,9 @@ int runShredWatch(Context& ctx) {
 }
 
 int runShredNow(Context& ctx) {
-  ShredderEngine engine(ctx.paths, ConfigStore(ctx.paths).load(), ShredderStore(ctx.paths).load(), ctx.services);
+  const auto config = loadConfigForRemoval(ctx);
+  if (!config) return 1;
+  ShredderEngine engine(ctx.paths, *config, ShredderStore(ctx.paths).load(), ctx.services);
   const auto events = engine.sweep(ctx.now());
   if (events.empty()) {
     ctx.out << "Nothing to shred.\n";

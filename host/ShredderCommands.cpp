@@ -117,7 +117,11 @@ int shred(Context& ctx, const std::string& path) {
     ctx.err << "Not in the review queue: " << path << '\n';
     return kFailed;
   }
-  ShredderEngine engine(ctx.paths, ConfigStore(ctx.paths).load(), ShredderStore(ctx.paths).load(), ctx.services);
+  const ConfigStore config(ctx.paths);
+  const auto loaded = config.loadChecked();
+  // The defaults lack the user's protected paths: never dispose of anything on them.
+  if (loaded.damaged()) throw std::runtime_error(config.damagedMessage(loaded.reason));
+  ShredderEngine engine(ctx.paths, loaded.value.value_or(AppConfig{}), ShredderStore(ctx.paths).load(), ctx.services);
   const auto event = engine.shredCandidate(*candidate, ctx.now());
   if (!event) {
     ctx.err << "Could not shred " << path << " (the safety policy refused it, or it changed or is gone).\n";

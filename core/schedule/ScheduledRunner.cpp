@@ -90,8 +90,8 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
   const auto config = ConfigStore(paths_).loadChecked();
   const bool settingsDamaged = config.damaged();
   if (settingsDamaged) {
-    log_("Settings file " + paths_.configFile().string() + " is damaged (" + config.reason +
-         "); no rule runs and nothing expires until it is fixed.");
+    // No rule runs and nothing expires until it is fixed: the defaults lack the user's protections.
+    log_(ConfigStore(paths_).damagedMessage(config.reason));
   }
   const AppConfig settings = config.value.value_or(AppConfig{});
   auto loadedRules = JSONStore::loadChecked<std::vector<ScheduleRule>>(paths_.rulesFile(), scheduleRulesFromJson);

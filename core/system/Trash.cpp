@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cctype>
 #include <ctime>
 #include <fstream>
@@ -290,7 +291,13 @@ std::vector<fs::path> otherVolumeTrashes(const Paths& paths) {
   const std::string uid = std::to_string(::getuid());
   struct stat homeStat;
   const bool haveHome = ::stat(paths.home().c_str(), &homeStat) == 0;
+  // Tests confine the search to their own scratch mounts, so a developer's real USB stick is never
+  // offered to (and emptied by) a test's clean.
+  const char* confined = std::getenv("KESTREL_VOLUMES_ROOT");
+  const fs::path volumesRoot = confined && *confined == '/' ? fs::path(confined) : fs::path("/");
   for (const auto& top : mountPoints()) {
+    const std::string point = top.string(), root = volumesRoot.string();
+    if (root != "/" && point != root && point.rfind(root + "/", 0) != 0) continue;
     struct stat st;
     if (::stat(top.c_str(), &st) != 0 || (haveHome && st.st_dev == homeStat.st_dev)) continue;
     if (::access(top.c_str(), W_OK) != 0) continue;  // a volume the user cannot write holds no Trash of theirs

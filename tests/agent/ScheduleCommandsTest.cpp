@@ -93,6 +93,13 @@ TEST(ScheduleCommands, RunRuleMatchesIdsExactlyAndNamesIgnoringCase) {
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(messages(r.out).front(), "[Büro Weekly] running (Every Sunday at 03:00)");
 
+  // Without a rules file the shipped rules get new ids on every load; the one named still runs.
+  ScratchHome fresh;
+  r = runWith(fresh, {"run-rule", "weekly deep clean"}, state);
+  EXPECT_EQ(r.status, 0);
+  ASSERT_FALSE(messages(r.out).empty());
+  EXPECT_EQ(messages(r.out).front(), "[Weekly deep clean] running (Every Sunday at 03:00)");
+
   r = runWith(h, {"run-rule"}, state);
   EXPECT_EQ(r.status, 2);
   EXPECT_EQ(r.out, "usage: run-rule <name|uuid>\n");

@@ -32,6 +32,15 @@ TEST(ShredderCommands, WatchExitsWhenOffAndNowSweepsWhateverTheSwitches) {
   h.age("Downloads/a (1).zip", 1, now);
   h.file("Downloads/setup.dmg", 7000);
   h.age("Downloads/setup.dmg", 30, now);
+  // Damaged settings lack the user's protected paths: nothing is disposed of on the defaults.
+  h.text("Library/Application Support/orvo Kestrel/config.json", "{\"protectedPaths\": [");
+  for (const char* command : {"shred-now", "shred-watch"}) {
+    const auto refused = run(h, {command});
+    EXPECT_EQ(refused.status, 1) << command;
+    EXPECT_NE(refused.out.find("is damaged"), std::string::npos) << refused.out;
+  }
+  EXPECT_TRUE(fs::exists(h.path("Downloads/a (1).zip")));
+  fs::remove(h.paths().configFile());
   const auto swept = run(h, {"shred-now"});
   EXPECT_EQ(swept.out,
             "a (1).zip — Byte-identical to a.zip, which you already had (6 KB)\n"

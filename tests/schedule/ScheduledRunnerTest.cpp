@@ -146,6 +146,19 @@ TEST(ScheduledRunnerTest, DamagedRulesRunNothingAndStayAsTheyAre) {
   ASSERT_FALSE(t.log.empty());
   EXPECT_EQ(t.log[0].rfind("Rules file ", 0), 0u) << t.log[0];
 
+  // Damaged settings: a rule that is due runs no removal, and the file stays for the user to fix.
+  RuleStore(t.h.paths()).save({hourlyCaches("Due", now)});
+  const std::string settings = "{\"protectedPaths\": [";
+  t.h.text("Library/Application Support/orvo Kestrel/config.json", settings);
+  t.log.clear();
+  t.tick(now);
+  EXPECT_TRUE(fs::exists(t.h.path("Library/Caches/com.example.a")));
+  EXPECT_EQ(test::readText(t.h.paths().configFile()), settings);
+  ASSERT_FALSE(t.log.empty());
+  EXPECT_EQ(t.log[0], "Settings file " + t.h.paths().configFile().string() +
+                          " is damaged (not valid JSON); nothing was removed. Fix it or delete it.");
+  fs::remove(t.h.paths().configFile());
+
   // A missing file means the defaults, and the first tick writes them.
   fs::remove(t.h.paths().rulesFile());
   t.tick(now);

@@ -21,6 +21,9 @@ const bool kEnvironmentSet = [] {
                            "XDG_RUNTIME_DIR", "XDG_CONFIG_DIRS", "XDG_DATA_DIRS"})
     ::unsetenv(name);
   ::setenv("KESTREL_LAYOUT", "macos", 1);
+  // Other volumes' Trash folders are looked for only below this (no) folder, so a test's clean
+  // never reaches a real mounted disk; a test with a scratch volume points it at its own.
+  ::setenv("KESTREL_VOLUMES_ROOT", "/nonexistent-kestrel-test-volumes", 1);
   return true;
 }();
 

@@ -55,6 +55,7 @@ TEST(Trash, ItemOnAnotherVolumeGoesToThatVolumesTrash) {
     fs::path at;
     ~Unmount() { Shell::run("umount", {at.string()}, 10); }
   } unmount{volume};
+  const test::ScopedEnv volumes("KESTREL_VOLUMES_ROOT", volume.string());
   const Paths paths = h.linuxPaths();
   const std::string uid = std::to_string(::getuid());
   h.file("../outside/usb/first.bin", 100);
