@@ -57,7 +57,8 @@ int runClean(Context& context) {
   // Queued items wait in a file nobody looks at; without this line the user never learns.
   if (report.deferredAdmin > 0)
     context.out << report.deferredAdmin
-                << " item(s) need administrator rights; run `kestrel admin run` to remove them with one password "
+                << " item(s) need administrator rights; run `kestrel admin run` to remove them "
+                   "with one password "
                    "prompt.\n";
   context.out.flush();
   return 0;

@@ -10,10 +10,12 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 agent="$here/build/KestrelAgent"
 runs=${1:-11}
 home=${2:-/work/benchdata/scale1-tick}
+# The home is macOS-shaped, so the agent follows the macOS table (its files in the support folder).
+export KESTREL_LAYOUT=macos
 
 if [ ! -e "$home.done" ]; then
   rm -rf "$home"
-  /work/shared/tools/make-home --root "$home" --scale 1 --quiet
+  "$here/../shared/tools/make-home" --root "$home" --scale 1 --quiet
   touch "$home.done"
 fi
 

@@ -1,9 +1,8 @@
 // "kestrel admin status|run|clear": the removals that wait for administrator rights.
-#include "host/Host.h"
-
 #include "core/base/ByteFormat.h"
 #include "core/clean/AdminQueue.h"
 #include "core/store/ConfigStore.h"
+#include "host/Host.h"
 
 namespace kestrel::host {
 namespace {
@@ -11,21 +10,25 @@ namespace {
 int status(Context& ctx) {
   const AdminQueue queue(ctx.paths);
   if (const auto damage = queue.damage())
-    throw std::runtime_error("The administrator queue " + ctx.paths.adminQueueFile().string() + " is damaged (" +
-                             *damage + "); `kestrel admin clear` empties it (nothing is removed).");
+    throw std::runtime_error("The administrator queue " + ctx.paths.adminQueueFile().string() +
+                             " is damaged (" + *damage +
+                             "); `kestrel admin clear` empties it (nothing is removed).");
   const auto items = queue.items();
   if (ctx.json) {
-    ctx.printJson({{"count", items.size()}, {"bytes", queue.pendingBytes()}, {"items", toJson(items)}});
+    ctx.printJson(
+        {{"count", items.size()}, {"bytes", queue.pendingBytes()}, {"items", toJson(items)}});
     return kOK;
   }
   if (items.empty()) {
     ctx.out << "Nothing waits for administrator rights.\n";
     return kOK;
   }
-  ctx.out << items.size() << " item(s) wait for administrator rights (" << ByteFormat::string(queue.pendingBytes())
+  ctx.out << items.size() << " item(s) wait for administrator rights ("
+          << ByteFormat::string(queue.pendingBytes())
           << "); `kestrel admin run` removes them with one password prompt:\n";
   for (const auto& item : items)
-    ctx.out << "  " << item.path().value_or(item.id) << '\t' << ByteFormat::string(item.size) << '\n';
+    ctx.out << "  " << item.path().value_or(item.id) << '\t' << ByteFormat::string(item.size)
+            << '\n';
   return kOK;
 }
 
@@ -47,12 +50,18 @@ int run(Context& ctx) {
   session.end();
   if (ctx.json) {
     Json failed = Json::array();
-    for (const auto& f : result.failed) failed.push_back({{"id", f.itemID}, {"message", f.message}});
-    ctx.printJson({{"removed", result.removed.size()}, {"freed", result.freed}, {"failed", failed},
-                   {"alreadyGone", result.alreadyGone}, {"stillQueued", queue.count()}});
+    for (const auto& f : result.failed)
+      failed.push_back({{"id", f.itemID}, {"message", f.message}});
+    ctx.printJson({{"removed", result.removed.size()},
+                   {"freed", result.freed},
+                   {"failed", failed},
+                   {"alreadyGone", result.alreadyGone},
+                   {"stillQueued", queue.count()}});
   } else {
-    ctx.out << "Removed " << result.removed.size() << " item(s), freed " << ByteFormat::string(result.freed) << ".\n";
-    for (const auto& f : result.failed) ctx.out << "  failed: " << f.itemID << ": " << f.message << '\n';
+    ctx.out << "Removed " << result.removed.size() << " item(s), freed "
+            << ByteFormat::string(result.freed) << ".\n";
+    for (const auto& f : result.failed)
+      ctx.out << "  failed: " << f.itemID << ": " << f.message << '\n';
     if (result.alreadyGone) ctx.out << result.alreadyGone << " item(s) were already gone.\n";
     if (const auto left = queue.count())
       ctx.out << left << " item(s) still wait; run `kestrel admin run` again to retry.\n";
@@ -67,7 +76,8 @@ int clear(Context& ctx) {
   if (ctx.json)
     ctx.printJson({{"cleared", count}});
   else
-    ctx.out << "Cleared " << count << " item(s) from the administrator queue; nothing was removed.\n";
+    ctx.out << "Cleared " << count
+            << " item(s) from the administrator queue; nothing was removed.\n";
   return kOK;
 }
 
@@ -87,12 +97,14 @@ Json adminStatus(Context& ctx, std::vector<std::string>& lines) {
 void addAdminCommands(CLI::App& app, Context& context, Action& action) {
   CLI::App* admin = app.add_subcommand("admin", "The removals that need administrator rights");
   admin->require_subcommand(1);
-  admin->add_subcommand("status", "List what waits for administrator rights")
-      ->callback([&] { action = [&] { return status(context); }; });
+  admin->add_subcommand("status", "List what waits for administrator rights")->callback([&] {
+    action = [&] { return status(context); };
+  });
   admin->add_subcommand("run", "Remove everything queued behind one password prompt")
       ->callback([&] { action = [&] { return run(context); }; });
-  admin->add_subcommand("clear", "Empty the queue without removing anything")
-      ->callback([&] { action = [&] { return clear(context); }; });
+  admin->add_subcommand("clear", "Empty the queue without removing anything")->callback([&] {
+    action = [&] { return clear(context); };
+  });
 }
 
 }  // namespace kestrel::host

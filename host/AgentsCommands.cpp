@@ -1,11 +1,10 @@
 // "kestrel agents install|uninstall|status": the scheduler and the Shredder as background
 // services of the system's own service manager.
-#include "host/Host.h"
+#include <unistd.h>
 
 #include "core/shredder/ShredderStore.h"
 #include "core/system/FS.h"
-
-#include <unistd.h>
+#include "host/Host.h"
 
 namespace kestrel::host {
 namespace {
@@ -33,13 +32,14 @@ int install(Context& ctx) {
     ctx.printJson({{"installed", true}, {"agentPath", ctx.agentPath}});
     return kOK;
   }
-  ctx.out << "Installed the scheduler (every 15 minutes) and the Shredder service, running " << ctx.agentPath
-          << ".\n";
+  ctx.out << "Installed the scheduler (every 15 minutes) and the Shredder service, running "
+          << ctx.agentPath << ".\n";
   const ShredderSettings shredder = ShredderStore(ctx.paths).load();
   if (!shredder.approved || !shredder.enabled)
     ctx.out << "The Shredder is off; `kestrel shredder on` switches it on.\n";
   if (ctx.paths.layout() == Layout::linux)
-    ctx.out << "They run while you are logged in; to keep them running after you log out: loginctl enable-linger\n";
+    ctx.out << "They run while you are logged in; to keep them running after you log out: loginctl "
+               "enable-linger\n";
   return kOK;
 }
 
@@ -61,10 +61,12 @@ Json agentsStatus(Context& ctx, std::vector<std::string>& lines) {
   Json json = Json::object();
   for (const auto agent : kAgents) {
     const bool installed = manager->isInstalled(agent);
-    const std::optional<bool> active = installed ? manager->isActive(agent) : std::optional<bool>(false);
+    const std::optional<bool> active =
+        installed ? manager->isActive(agent) : std::optional<bool>(false);
     json[std::string(agentName(agent))] = {{"installed", installed},
                                            {"running", active ? Json(*active) : Json(nullptr)}};
-    lines.push_back(std::string(agent == BackgroundAgent::scheduler ? "Scheduler service: " : "Shredder service: ") +
+    lines.push_back(std::string(agent == BackgroundAgent::scheduler ? "Scheduler service: "
+                                                                    : "Shredder service: ") +
                     stateText(installed, active));
   }
   return json;
@@ -90,10 +92,12 @@ void addAgentsCommands(CLI::App& app, Context& context, Action& action) {
   agents->require_subcommand(1);
   agents->add_subcommand("install", "Install and start the scheduler and the Shredder service")
       ->callback([&] { action = [&] { return install(context); }; });
-  agents->add_subcommand("uninstall", "Stop and remove both background agents")
-      ->callback([&] { action = [&] { return uninstall(context); }; });
-  agents->add_subcommand("status", "Whether each agent is installed and running")
-      ->callback([&] { action = [&] { return status(context); }; });
+  agents->add_subcommand("uninstall", "Stop and remove both background agents")->callback([&] {
+    action = [&] { return uninstall(context); };
+  });
+  agents->add_subcommand("status", "Whether each agent is installed and running")->callback([&] {
+    action = [&] { return status(context); };
+  });
 }
 
 }  // namespace kestrel::host

@@ -19,7 +19,8 @@ const std::vector<CommandGroup> kGroups = {addStatusCommand, addAgentsCommands, 
 }  // namespace
 
 int runHost(const std::vector<std::string>& args, Context& context) {
-  CLI::App app{std::string(AppInfo::name) + ": the background agent, its rules and queued removals", "kestrel"};
+  CLI::App app{std::string(AppInfo::name) + ": the background agent, its rules and queued removals",
+               "kestrel"};
   app.require_subcommand(1);
   app.fallthrough();  // "--json" is accepted after the subcommand words too
   app.add_flag("--json", context.json, "Report one JSON value instead of text");

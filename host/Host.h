@@ -3,18 +3,17 @@
 // the action that runs once the whole line has parsed.
 #pragma once
 
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
 #include "core/system/Paths.h"
 #include "core/system/ServiceManager.h"
 #include "core/system/Services.h"
-
-#include <CLI/CLI.hpp>
-
-#include <functional>
-#include <ostream>
-#include <string>
-#include <vector>
 
 namespace kestrel::host {
 
@@ -38,7 +37,9 @@ struct Context {
   // Prints `value` as the store writer formats it, with a final newline.
   void printJson(const Json& value) const;
   // The system's service manager for this home (launchd or systemd), through `services`.
-  std::unique_ptr<ServiceManager> serviceManager() const { return ServiceManager::make(paths, services); }
+  std::unique_ptr<ServiceManager> serviceManager() const {
+    return ServiceManager::make(paths, services);
+  }
 };
 
 // A usage error found after parsing (a value CLI11 cannot check by itself): printed to standard

@@ -1,6 +1,6 @@
 // "kestrel shredder status|on|off|review|keep|shred|set": the Shredder's switch, settings and
 // review queue.
-#include "host/Host.h"
+#include <charconv>
 
 #include "core/base/ByteFormat.h"
 #include "core/shredder/ShredHistory.h"
@@ -8,8 +8,7 @@
 #include "core/shredder/ShredderEngine.h"
 #include "core/shredder/ShredderStore.h"
 #include "core/store/ConfigStore.h"
-
-#include <charconv>
+#include "host/Host.h"
 
 namespace kestrel::host {
 namespace {
@@ -33,7 +32,8 @@ int status(Context& ctx) {
   const size_t waiting = ShredReviewQueue(ctx.paths).all().size();
   auto manager = ctx.serviceManager();
   const bool installed = manager->isInstalled(BackgroundAgent::shredder);
-  const auto running = installed ? manager->isActive(BackgroundAgent::shredder) : std::optional<bool>(false);
+  const auto running =
+      installed ? manager->isActive(BackgroundAgent::shredder) : std::optional<bool>(false);
   if (ctx.json) {
     ctx.printJson({{"settings", toJson(settings)},
                    {"serviceInstalled", installed},
@@ -45,14 +45,18 @@ int status(Context& ctx) {
   ctx.out << "Shredder: " << stateWord(settings) << '\n';
   ctx.out << "Watching: " << folderList(settings) << '\n';
   for (const auto& line : settings.ruleSummary()) ctx.out << "  " << line << '\n';
-  ctx.out << "Disposal: " << (settings.quarantineFirst ? "to quarantine (restorable)" : "deleted for good")
+  ctx.out << "Disposal: "
+          << (settings.quarantineFirst ? "to quarantine (restorable)" : "deleted for good")
           << ", files up to " << settings.maxAutoSizeMB << " MB without asking\n";
-  ctx.out << "Service: " << (!installed ? "not installed (`kestrel agents install`)"
-                                        : !running ? "installed" : *running ? "running" : "stopped")
+  ctx.out << "Service: "
+          << (!installed ? "not installed (`kestrel agents install`)"
+              : !running ? "installed"
+              : *running ? "running"
+                         : "stopped")
           << '\n';
   ctx.out << "Review queue: " << waiting << " file(s)\n";
-  ctx.out << "Last " << kStatsDays << " days: " << week.count << " file(s), " << ByteFormat::string(week.bytes)
-          << '\n';
+  ctx.out << "Last " << kStatsDays << " days: " << week.count << " file(s), "
+          << ByteFormat::string(week.bytes) << '\n';
   return kOK;
 }
 
@@ -74,8 +78,10 @@ int switchTo(Context& ctx, bool on) {
     ctx.printJson({{"enabled", on}, {"serviceInstalled", installed}});
     return kOK;
   }
-  ctx.out << (on ? "Shredder is on; watching " + folderList(settings) + "." : std::string("Shredder is off."));
-  if (on && !installed) ctx.out << " It runs in the background once `kestrel agents install` has run.";
+  ctx.out << (on ? "Shredder is on; watching " + folderList(settings) + "."
+                 : std::string("Shredder is off."));
+  if (on && !installed)
+    ctx.out << " It runs in the background once `kestrel agents install` has run.";
   ctx.out << '\n';
   return kOK;
 }
@@ -88,7 +94,8 @@ int review(Context& ctx) {
   }
   if (candidates.empty()) ctx.out << "Nothing waits for review.\n";
   for (const auto& c : candidates)
-    ctx.out << c.path << '\t' << ByteFormat::string(c.size) << '\t' << c.rule << " \u2014 " << c.reason << '\n';
+    ctx.out << c.path << '\t' << ByteFormat::string(c.size) << '\t' << c.rule << " \u2014 "
+            << c.reason << '\n';
   return kOK;
 }
 
@@ -121,16 +128,19 @@ int shred(Context& ctx, const std::string& path) {
   const auto loaded = config.loadChecked();
   // The defaults lack the user's protected paths: never dispose of anything on them.
   if (loaded.damaged()) throw std::runtime_error(config.damagedMessage(loaded.reason));
-  ShredderEngine engine(ctx.paths, loaded.value.value_or(AppConfig{}), ShredderStore(ctx.paths).load(), ctx.services);
+  ShredderEngine engine(ctx.paths, loaded.value.value_or(AppConfig{}),
+                        ShredderStore(ctx.paths).load(), ctx.services);
   const auto event = engine.shredCandidate(*candidate, ctx.now());
   if (!event) {
-    ctx.err << "Could not shred " << path << " (the safety policy refused it, or it changed or is gone).\n";
+    ctx.err << "Could not shred " << path
+            << " (the safety policy refused it, or it changed or is gone).\n";
     return kFailed;
   }
   if (ctx.json)
     ctx.printJson(toJson(*event));
   else
-    ctx.out << "shredded " << event->name() << " \u2014 " << event->reason << " (" << ByteFormat::string(event->size)
+    ctx.out << "shredded " << event->name() << " \u2014 " << event->reason << " ("
+            << ByteFormat::string(event->size)
             << (event->restorable ? ", restorable from the quarantine" : "") << ")\n";
   return kOK;
 }
@@ -147,7 +157,8 @@ int set(Context& ctx, const std::string& key, const std::string& value) {
   }
   Json& slot = json[key];
   if (slot.is_boolean()) {
-    if (value != "true" && value != "false") throw UsageError(key + " takes true or false, not \"" + value + "\"");
+    if (value != "true" && value != "false")
+      throw UsageError(key + " takes true or false, not \"" + value + "\"");
     slot = value == "true";
   } else if (slot.is_number_integer()) {
     int64_t number = 0;
@@ -180,37 +191,48 @@ int set(Context& ctx, const std::string& key, const std::string& value) {
 Json shredderStatus(Context& ctx, std::vector<std::string>& lines) {
   const ShredderSettings settings = ShredderStore(ctx.paths).load();
   const size_t waiting = ShredReviewQueue(ctx.paths).all().size();
-  lines.push_back("Shredder: " + stateWord(settings) + (settings.enabled ? ", watching " + folderList(settings) : "") +
+  lines.push_back("Shredder: " + stateWord(settings) +
+                  (settings.enabled ? ", watching " + folderList(settings) : "") +
                   (waiting ? "; " + std::to_string(waiting) + " file(s) wait for review" : ""));
   return {{"approved", settings.approved}, {"enabled", settings.enabled}, {"reviewQueue", waiting}};
 }
 
 void addShredderCommands(CLI::App& app, Context& context, Action& action) {
-  CLI::App* shredder = app.add_subcommand("shredder", "The Shredder: its switch, settings and review queue");
+  CLI::App* shredder =
+      app.add_subcommand("shredder", "The Shredder: its switch, settings and review queue");
   shredder->require_subcommand(1);
   shredder->add_subcommand("status", "Whether it is on, what it does and what it did this week")
       ->callback([&] { action = [&] { return status(context); }; });
   shredder->add_subcommand("on", "Approve and switch on the Shredder (and start its service)")
       ->callback([&] { action = [&] { return switchTo(context, true); }; });
-  shredder->add_subcommand("off", "Switch off the Shredder (and stop its service)")
-      ->callback([&] { action = [&] { return switchTo(context, false); }; });
-  shredder->add_subcommand("review", "List the files held back for your decision")
-      ->callback([&] { action = [&] { return review(context); }; });
+  shredder->add_subcommand("off", "Switch off the Shredder (and stop its service)")->callback([&] {
+    action = [&] { return switchTo(context, false); };
+  });
+  shredder->add_subcommand("review", "List the files held back for your decision")->callback([&] {
+    action = [&] { return review(context); };
+  });
 
   auto path = std::make_shared<std::string>();
-  CLI::App* keepCommand = shredder->add_subcommand("keep", "Keep a reviewed file and drop it from the queue");
-  keepCommand->add_option("path", *path, "The file's path as `kestrel shredder review` lists it")->required();
+  CLI::App* keepCommand =
+      shredder->add_subcommand("keep", "Keep a reviewed file and drop it from the queue");
+  keepCommand->add_option("path", *path, "The file's path as `kestrel shredder review` lists it")
+      ->required();
   keepCommand->callback([&, path] { action = [&, path] { return keep(context, *path); }; });
-  CLI::App* shredCommand = shredder->add_subcommand("shred", "Dispose of a reviewed file as the Shredder would");
-  shredCommand->add_option("path", *path, "The file's path as `kestrel shredder review` lists it")->required();
+  CLI::App* shredCommand =
+      shredder->add_subcommand("shred", "Dispose of a reviewed file as the Shredder would");
+  shredCommand->add_option("path", *path, "The file's path as `kestrel shredder review` lists it")
+      ->required();
   shredCommand->callback([&, path] { action = [&, path] { return shred(context, *path); }; });
 
   auto key = std::make_shared<std::string>();
   auto value = std::make_shared<std::string>();
-  CLI::App* setCommand = shredder->add_subcommand("set", "Change one setting (lists: comma-separated)");
+  CLI::App* setCommand =
+      shredder->add_subcommand("set", "Change one setting (lists: comma-separated)");
   setCommand->add_option("key", *key, "The setting's name, as in the settings file")->required();
-  setCommand->add_option("value", *value, "true/false, a whole number, or a comma-separated list")->required();
-  setCommand->callback([&, key, value] { action = [&, key, value] { return set(context, *key, *value); }; });
+  setCommand->add_option("value", *value, "true/false, a whole number, or a comma-separated list")
+      ->required();
+  setCommand->callback(
+      [&, key, value] { action = [&, key, value] { return set(context, *key, *value); }; });
 }
 
 }  // namespace kestrel::host

@@ -1,13 +1,12 @@
 // "kestrel status": one look at everything the background agent keeps.
-#include "host/Host.h"
+#include <cmath>
 
 #include "core/base/ByteFormat.h"
 #include "core/clean/Quarantine.h"
 #include "core/insights/SpaceHistory.h"
 #include "core/store/AuditLog.h"
 #include "core/store/RuleStore.h"
-
-#include <cmath>
+#include "host/Host.h"
 
 namespace kestrel::host {
 namespace {
@@ -28,9 +27,11 @@ int status(Context& ctx) {
   const auto rules = RuleStore(ctx.paths).load(ctx.now());
   const auto last = lastRun(rules);
   if (last) {
-    lines.push_back("Last scheduled run: " + last->name + " at " + Dates::description(*last->lastRun) + " \u2014 " +
+    lines.push_back("Last scheduled run: " + last->name + " at " +
+                    Dates::description(*last->lastRun) + " \u2014 " +
                     last->lastResult.value_or(""));
-    json["lastRun"] = {{"rule", last->name}, {"date", Dates::iso8601(*last->lastRun)},
+    json["lastRun"] = {{"rule", last->name},
+                       {"date", Dates::iso8601(*last->lastRun)},
                        {"result", last->lastResult.value_or("")}};
   } else {
     lines.push_back("Last scheduled run: never");
@@ -45,7 +46,8 @@ int status(Context& ctx) {
   int64_t held = 0;
   for (const auto& s : sessions)
     if (__builtin_add_overflow(held, s.totalSize(), &held)) held = INT64_MAX;
-  lines.push_back("Quarantine: " + std::to_string(sessions.size()) + " session(s), " + ByteFormat::string(held));
+  lines.push_back("Quarantine: " + std::to_string(sessions.size()) + " session(s), " +
+                  ByteFormat::string(held));
   json["quarantine"] = {{"sessions", sessions.size()}, {"bytes", held}};
 
   const auto forecast = SpaceHistory(ctx.paths).forecast(ctx.now());
@@ -75,9 +77,10 @@ int status(Context& ctx) {
 }  // namespace
 
 void addStatusCommand(CLI::App& app, Context& context, Action& action) {
-  app.add_subcommand("status",
-                     "The agents, the last scheduled run, lifetime freed, quarantine, forecast, queued "
-                     "administrator removals and the Shredder")
+  app.add_subcommand(
+         "status",
+         "The agents, the last scheduled run, lifetime freed, quarantine, forecast, queued "
+         "administrator removals and the Shredder")
       ->callback([&] { action = [&] { return status(context); }; });
 }
 

@@ -1,10 +1,11 @@
 // kestrel entry point: the same paths as the agent (HOME, XDG folders), then the host runner.
-#include "host/Host.h"
-
 #include <iostream>
 
+#include "host/Host.h"
+
 int main(int argc, char** argv) {
-  kestrel::host::Context context{kestrel::Paths::fromEnvironment(), std::cout, std::cerr,
-                                 kestrel::Services{}.withDefaults(), kestrel::host::agentBesideSelf(), false};
+  kestrel::host::Context context{
+      kestrel::Paths::fromEnvironment(), std::cout, std::cerr, kestrel::Services{}.withDefaults(),
+      kestrel::host::agentBesideSelf(),  false};
   return kestrel::host::runHost({argv + 1, argv + argc}, context);
 }

@@ -1,14 +1,14 @@
 // AdminQueue: the persisted queue of administrator removals and its one-prompt batch.
 #include "core/clean/AdminQueue.h"
 
+#include <algorithm>
+
 #include "core/clean/Explain.h"
 #include "core/safety/SafetyPolicy.h"
 #include "core/store/AuditLog.h"
 #include "core/store/JSONStore.h"
 #include "core/system/FS.h"
 #include "core/system/FileLock.h"
-
-#include <algorithm>
 
 namespace kestrel {
 
@@ -30,7 +30,8 @@ namespace {
 using Items = std::vector<ScanItem>;
 
 // One locked read-modify-write of the queue; a damaged file is replaced only when asked.
-void change(const Paths& paths, const std::function<bool(Items&)>& edit, bool replaceDamaged = false) {
+void change(const Paths& paths, const std::function<bool(Items&)>& edit,
+            bool replaceDamaged = false) {
   JSONStore::update<Items>(
       paths.adminQueueFile(), adminQueueFromJson, [](const Items& items) { return toJson(items); },
       [] { return Items{}; }, edit, replaceDamaged);
@@ -53,10 +54,13 @@ void AdminQueue::enqueue(const std::vector<ScanItem>& items) const {
 
 void AdminQueue::clear() const {
   // Always written, so a damaged file is replaced too.
-  change(paths_, [](Items& queued) {
-    queued.clear();
-    return true;
-  }, /*replaceDamaged=*/true);
+  change(
+      paths_,
+      [](Items& queued) {
+        queued.clear();
+        return true;
+      },
+      /*replaceDamaged=*/true);
 }
 
 std::vector<ScanItem> AdminQueue::items() const {
@@ -77,14 +81,16 @@ int64_t AdminQueue::pendingBytes() const {
   return sum;
 }
 
-AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSession& session, Date now) const {
+AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSession& session,
+                                          Date now) const {
   // Two batches over one queue would each audit the other's removals.
   const auto running = FileLock::acquire(paths_.adminRunLockFile());
   if (!running) throw std::runtime_error("Another administrator batch is running.");
   const auto loaded = JSONStore::loadChecked<Items>(paths_.adminQueueFile(), adminQueueFromJson);
   if (loaded.damaged())
-    throw JSONStore::StoreError(JSONStore::StoreError::Kind::damaged,
-                                paths_.adminQueueFile().string() + " is damaged (" + loaded.reason + ")");
+    throw JSONStore::StoreError(
+        JSONStore::StoreError::Kind::damaged,
+        paths_.adminQueueFile().string() + " is damaged (" + loaded.reason + ")");
   const Items taken = loaded.value.value_or(Items{});
 
   FlushResult result;
@@ -122,7 +128,8 @@ AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSes
       const std::string p = *item.path();
       if (!FS::exists(p)) {
         result.removed.push_back(item);
-        if (__builtin_add_overflow(result.freed, item.size, &result.freed)) result.freed = INT64_MAX;
+        if (__builtin_add_overflow(result.freed, item.size, &result.freed))
+          result.freed = INT64_MAX;
         audit.push_back(AuditEntry::make(now, "delete", p, item.size, item.category,
                                          TriggerSource::schedule("admin batch"), true));
       } else {
@@ -141,7 +148,8 @@ AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSes
   // this batch ran stay too.
   std::vector<ScanItem> kept;
   for (const auto& item : allowed)
-    if (std::find(result.removed.begin(), result.removed.end(), item) == result.removed.end()) kept.push_back(item);
+    if (std::find(result.removed.begin(), result.removed.end(), item) == result.removed.end())
+      kept.push_back(item);
   change(paths_, [&](Items& queued) {
     const auto before = queued.size();
     std::erase_if(queued, [&](const ScanItem& i) {

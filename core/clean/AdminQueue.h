@@ -3,14 +3,14 @@
 // outlives the process that queued it.
 #pragma once
 
+#include <stdexcept>
+#include <vector>
+
 #include "core/clean/PrivilegedSession.h"
 #include "core/model/AppConfig.h"
 #include "core/model/CleanFailure.h"
 #include "core/model/ScanModel.h"
 #include "core/system/Paths.h"
-
-#include <stdexcept>
-#include <vector>
 
 namespace kestrel {
 
@@ -45,8 +45,8 @@ class AdminQueue {
   // whose paths exists any more is removed (audited as "delete", trigger "admin batch"),
   // otherwise it failed with the explanation of what stayed. Items leave the file only after the
   // batch, and only when removed, refused or already gone: a process killed on the way or a
-  // cancelled prompt loses none of them. Throws std::runtime_error when another batch is running and JSONStore::StoreError when
-  // the file is damaged. `now` dates the audit records.
+  // cancelled prompt loses none of them. Throws std::runtime_error when another batch is running
+  // and JSONStore::StoreError when the file is damaged. `now` dates the audit records.
   FlushResult flush(const AppConfig& config, PrivilegedSession& session, Date now) const;
 
  private:

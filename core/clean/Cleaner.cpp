@@ -37,8 +37,8 @@ bool Cleaner::isPermissionError(const std::error_code& ec) {
   return ec == std::errc::permission_denied || ec == std::errc::operation_not_permitted;
 }
 
-Cleaner::Cleaner(Paths paths, AppConfig config, const Services& services, PrivilegedSession* session,
-                 AdminQueue* queue)
+Cleaner::Cleaner(Paths paths, AppConfig config, const Services& services,
+                 PrivilegedSession* session, AdminQueue* queue)
     : paths_(paths),
       config_(std::move(config)),
       policy_(paths, config_.protectedPaths, services),
@@ -285,8 +285,9 @@ void Cleaner::runAdminStep(Pass& pass) {
       } else {
         ++pass.report.deferredAdmin;
       }
-      pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size, item.category, pass.trigger,
-                                            !notQueued, notQueued.value_or("needs admin — queued")));
+      pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size,
+                                            item.category, pass.trigger, !notQueued,
+                                            notQueued.value_or("needs admin — queued")));
     }
     return;
   }

@@ -151,7 +151,9 @@ void PrivilegedSession::discardFolder() {
   // helper (a failed or cancelled prompt), whose folder is still ours.
   if (dir_) {
     std::error_code ec;
-    for (const char* name : {"cmd", "out", "helper.sh"}) std::filesystem::remove(*dir_ / name, ec);
+    for (const std::string_view name :
+         {Paths::kPrivilegedCommandPipe, Paths::kPrivilegedReplyPipe, Paths::kPrivilegedHelperName})
+      std::filesystem::remove(*dir_ / name, ec);
     std::filesystem::remove(*dir_, ec);  // only succeeds when empty
   }
   dir_.reset();
@@ -169,13 +171,14 @@ bool PrivilegedSession::start() {
       return false;
     }
     token_ = randomHexToken(32);
-    if (::mkfifo((*dir_ / "cmd").c_str(), 0600) != 0 || ::mkfifo((*dir_ / "out").c_str(), 0600) != 0) {
+    if (::mkfifo((*dir_ / Paths::kPrivilegedCommandPipe).c_str(), 0600) != 0 ||
+        ::mkfifo((*dir_ / Paths::kPrivilegedReplyPipe).c_str(), 0600) != 0) {
       discardFolder();
       return false;
     }
     // Written for inspection only: root runs the text embedded in the command, never this file.
-    StoreFile::writeAtomically(embedded::helperScript, *dir_ / "helper.sh");
-    ::chmod((*dir_ / "helper.sh").c_str(), 0700);
+    StoreFile::writeAtomically(embedded::helperScript, *dir_ / Paths::kPrivilegedHelperName);
+    ::chmod((*dir_ / Paths::kPrivilegedHelperName).c_str(), 0700);
   } catch (const std::exception&) {
     discardFolder();
     return false;
@@ -200,9 +203,10 @@ bool PrivilegedSession::start() {
 
 std::optional<std::string> PrivilegedSession::send(const std::string& line, double timeout) {
   if (!dir_) return std::nullopt;
-  UniqueFd cmd = openPipe(*dir_ / "cmd", O_WRONLY);  // fails without a reader: the helper is gone
+  UniqueFd cmd = openPipe(*dir_ / Paths::kPrivilegedCommandPipe,
+                          O_WRONLY);  // fails without a reader: the helper is gone
   if (!cmd) return std::nullopt;
-  UniqueFd out = openPipe(*dir_ / "out", O_RDONLY);
+  UniqueFd out = openPipe(*dir_ / Paths::kPrivilegedReplyPipe, O_RDONLY);
   if (!out) return std::nullopt;
   char buf[8192];
   // A stale reply of an earlier, timed-out command must never be taken as this one's answer.

@@ -87,12 +87,16 @@ Json restoredRecord(const QuarantineEntry& e) {
 class JournalWriter {
  public:
   explicit JournalWriter(int sessionFd) {
-    fd_.reset(
-        ::openat(sessionFd, kJournal, O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    // Never blocks on a FIFO put in its place, and writes only to a regular file.
+    fd_.reset(::openat(sessionFd, kJournal,
+                       O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
     if (!fd_) {
       const int err = errno;  // read before building the message
       throwErrno(err, std::string("open ") + kJournal);
     }
+    struct stat kind;
+    if (::fstat(fd_.get(), &kind) != 0 || !S_ISREG(kind.st_mode))
+      throwErrno(EINVAL, std::string("open ") + kJournal);
     // A writer killed mid-line leaves a torn record; never glue the next one onto it.
     struct stat st;
     char last = '\n';
@@ -703,8 +707,7 @@ bool Quarantine::removeSessionFolderIfEmpty(int quarantineFd, const std::string&
   std::vector<std::string> temps;
   platform::readDirectory(sessionFd.get(), [&](const char* name, platform::EntryType type) {
     const std::string n = name;
-    if (type != platform::EntryType::directory && n.starts_with(".manifest.json.") &&
-        n.ends_with(".tmp")) {
+    if (type != platform::EntryType::directory && StoreFile::isTemporaryOf(n, kManifest)) {
       temps.push_back(n);
     }
   });

@@ -35,24 +35,12 @@ std::vector<std::string> splitComponents(std::string_view path) {
   return out;
 }
 
-// Removes "." and ".." lexically (".." at the root stays at the root) and doubled slashes.
+// The system's one lexical standardisation; a relative path also loses its leading ".." (a
+// protected entry "../x" then protects every "x", the broader and so the safe reading).
 std::string removeDotSegments(std::string_view path) {
-  const bool absolute = !path.empty() && path.front() == '/';
-  std::vector<std::string> kept;
-  for (auto& c : splitComponents(path)) {
-    if (c == ".") continue;
-    if (c == "..") {
-      if (!kept.empty()) kept.pop_back();
-      continue;
-    }
-    kept.push_back(std::move(c));
-  }
-  std::string out = absolute ? "/" : "";
-  for (size_t i = 0; i < kept.size(); ++i) {
-    if (i > 0) out += '/';
-    out += kept[i];
-  }
-  return out;
+  std::string out = standardizedPath(fs::path(std::string(path))).string();
+  while (out == ".." || out.starts_with("../")) out.erase(0, out == ".." ? 2 : 3);
+  return out == "." ? std::string() : out;
 }
 
 bool hasDotDot(std::string_view path) {

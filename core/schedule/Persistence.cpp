@@ -99,7 +99,18 @@ PersistenceItem makeItem(PersistenceKind kind, const fs::path& file, std::string
 }
 
 void systemdUnits(const fs::path& folder, PersistenceKind kind, std::vector<PersistenceItem>& out) {
-  for (const auto& file : filesIn(folder, ".service")) {
+  // The units defined here, then those enabled here from elsewhere (links in "<target>.wants/",
+  // such as a package's unit in /usr/lib enabled for default.target), each unit once.
+  std::vector<fs::path> files = filesIn(folder, ".service");
+  std::set<std::string> seen;
+  for (const auto& f : files) seen.insert(f.filename().string());
+  for (const auto& wants : subfolders(folder)) {
+    const std::string name = wants.filename().string();
+    if (!name.ends_with(".wants") && !name.ends_with(".requires")) continue;
+    for (const auto& f : filesIn(wants, ".service"))
+      if (seen.insert(f.filename().string()).second) files.push_back(f);
+  }
+  for (const auto& file : files) {
     std::error_code ec;
     // A unit linked to /dev/null is masked: it cannot start.
     if (!fs::is_regular_file(file, ec)) continue;
@@ -374,6 +385,29 @@ std::optional<PersistenceItem> cronItem(std::string_view line) {
   return item;
 }
 
+std::vector<PersistenceItem> loginItems(std::string_view text) {
+  std::vector<PersistenceItem> out;
+  while (!text.empty()) {
+    const size_t nl = text.find('\n');
+    std::string_view line = text.substr(0, nl);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    const size_t tab = line.find('\t');
+    if (tab != std::string_view::npos && tab + 1 < line.size() && line[tab + 1] == '/') {
+      PersistenceItem item;
+      item.kind = PersistenceKind::loginItem;
+      item.path = std::string(line.substr(tab + 1));
+      item.id = "loginItem:" + item.path;
+      item.label =
+          tab > 0 ? std::string(line.substr(0, tab)) : fs::path(item.path).filename().string();
+      item.program = item.path;
+      out.push_back(std::move(item));
+    }
+    if (nl == std::string_view::npos) break;
+    text.remove_prefix(nl + 1);
+  }
+  return out;
+}
+
 std::vector<PersistenceItem> scan(const Paths& paths, bool checkSignatures, const Services& given,
                                   const fs::path& systemRoot) {
   const Services services = given.withDefaults();
@@ -386,6 +420,14 @@ std::vector<PersistenceItem> scan(const Paths& paths, bool checkSignatures, cons
     for (const auto* browser : {"Google/Chrome", "Chromium", "BraveSoftware/Brave-Browser", "Microsoft Edge"})
       chromiumExtensions(support / browser, items);
     firefoxExtensions(support / "Firefox/Profiles", items);
+    // Login items are known only to System Events (a missing osascript adds nothing).
+    std::vector<std::string> script;
+    for (const auto line : kLoginItemsScript) {
+      script.push_back("-e");
+      script.emplace_back(line);
+    }
+    if (const auto r = services.run("osascript", script, 10); r.ok())
+      for (auto& item : loginItems(r.stdout)) items.push_back(std::move(item));
   } else {
     systemdUnits(paths.configHome() / "systemd/user", PersistenceKind::userUnit, items);
     systemdUnits(systemRoot / "etc/systemd/user", PersistenceKind::sharedUserUnit, items);

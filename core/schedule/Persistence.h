@@ -61,6 +61,18 @@ std::vector<PersistenceItem> scan(const Paths& paths, bool checkSignatures, cons
 std::vector<std::string> commandWords(std::string_view value);
 // One crontab line as an item; nothing for blank lines, comments and variable assignments.
 std::optional<PersistenceItem> cronItem(std::string_view line);
+// macOS login items from the answer of kLoginItemsScript: one "<name>\t<path>" line each (lines
+// without a path are skipped).
+std::vector<PersistenceItem> loginItems(std::string_view text);
+// The System Events script that lists the login items, one "-e" argument per line.
+inline constexpr std::string_view kLoginItemsScript[] = {
+    "tell application \"System Events\"",
+    "set out to \"\"",
+    "repeat with i in every login item",
+    "set out to out & (name of i) & tab & (path of i) & linefeed",
+    "end repeat",
+    "return out",
+    "end tell"};
 
 }  // namespace PersistenceInspector
 

@@ -99,8 +99,8 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
   std::vector<ScheduleRule> rules;
   if (rulesDamaged) {
     // The defaults would run rules the user may have switched off; the file is theirs to fix.
-    log_("Rules file " + paths_.rulesFile().string() + " is damaged (" + loadedRules.reason +
-         "); no rule runs until it is fixed.");
+    log_("Rules file " + paths_.rulesFile().string() +
+         " is damaged; no rule runs until it is fixed.");
   } else {
     rules = loadedRules.value ? std::move(*loadedRules.value) : ScheduleRule::defaults(now);
   }

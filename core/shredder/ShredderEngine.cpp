@@ -1,13 +1,6 @@
 // ShredderEngine: the duplicate index, the four rules, disposal and the debounced watch loop.
 #include "core/shredder/ShredderEngine.h"
 
-#include "core/store/JSONStore.h"
-#include "core/system/FS.h"
-#include "core/system/FileHash.h"
-#include "core/system/FileStat.h"
-#include "core/system/StoreFile.h"
-#include "core/system/Uuid.h"
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,6 +10,14 @@
 #include <array>
 #include <cctype>
 #include <set>
+
+#include "core/store/JSONStore.h"
+#include "core/system/FS.h"
+#include "core/system/FileHash.h"
+#include "core/system/FileStat.h"
+#include "core/system/StoreFile.h"
+#include "core/system/Trash.h"
+#include "core/system/Uuid.h"
 
 namespace kestrel {
 namespace {
@@ -61,25 +62,6 @@ std::string expandHome(const std::string& folder, const fs::path& home) {
   return folder;
 }
 
-// Where the freedesktop Trash keeps the record of `item` ("<Trash>/info/<name>.trashinfo").
-fs::path trashInfoOf(const Paths& paths, const fs::path& item) {
-  return paths.homeTrashDir() / "info" / (item.filename().string() + ".trashinfo");
-}
-
-// The DeletionDate of a ".trashinfo" text (local time, no zone), when it has one.
-std::optional<Date> deletionDate(const std::string& text) {
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    std::string_view line(text.data() + start, end - start);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    if (line.rfind("DeletionDate=", 0) == 0) return Dates::parseLocal(line.substr(13));
-    start = end + 1;
-  }
-  return std::nullopt;
-}
-
 bool lexists(const std::string& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
@@ -115,9 +97,7 @@ ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings s
   // Trash's own record of when the item arrived is used instead.
   arrivalDate = [paths = paths_](const fs::path& item) -> std::optional<Date> {
     if (paths.layout() == Layout::macos) return FS::addedToFolderDate(item);
-    const auto text = StoreFile::read(trashInfoOf(paths, item), 64 * 1024);
-    if (!text.ok()) return std::nullopt;
-    return deletionDate(text.bytes);
+    return platform::trashDeletionDate(item);
   };
   loadIndex();
   hashes_.load();
@@ -302,6 +282,16 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
       }
       continue;
     }
+    // The index remembers content as it was: the copy kept may have been edited since, and a 64-bit
+    // hash is no proof. Only byte-for-byte equal files go; otherwise this file takes the entry.
+    uint64_t compared = 0;
+    const bool same = FileHash::sameContent(disposePath, keptPath, &compared);
+    bytesCompared_ += compared;
+    if (!same) {
+      std::lock_guard<std::mutex> guard(indexLock_);
+      index_[key] = path.string();
+      continue;
+    }
     if (auto e = shred(disposePath, ShredRule::duplicate, "Byte-identical to " + keptName + ", which you already had",
                        keptPath, size, now)) {
       events.push_back(std::move(*e));
@@ -372,7 +362,7 @@ std::vector<ShredEvent> ShredderEngine::trash(Date now) {
     const RemoveResult removed = remover_.remove(item);
     if (!removed.ok()) continue;
     // The item first, then its record: a record without an item is an orphan, never the reverse.
-    if (freedesktop) (void)remover_.remove(trashInfoOf(paths_, item));
+    if (freedesktop) (void)remover_.remove(platform::trashInfoFile(item));
     ShredEvent e{Uuid::make(), now, item.string(), std::string(ShredRule::trash), reason, size, false,
                  std::nullopt, std::nullopt};
     history_.append(e);
@@ -441,6 +431,13 @@ std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string
 
 std::optional<ShredEvent> ShredderEngine::shredCandidate(const ShredCandidate& candidate, Date now) {
   const std::string twinName = fs::path(candidate.twinPath).filename().string();
+  // Approved a while ago: the copy it duplicated may be gone or changed since, and this file may
+  // now be the only one. It then stays, and leaves the queue.
+  if (candidate.rule == ShredRule::duplicate &&
+      !FileHash::sameContent(candidate.path, candidate.twinPath)) {
+    review_.remove(candidate.path);
+    return std::nullopt;
+  }
   auto event = shred(candidate.path, candidate.rule, "You approved it: identical to " + twinName, candidate.twinPath,
                      candidate.size, now);
   if (event) review_.remove(candidate.path);
@@ -477,7 +474,9 @@ void ShredderEngine::saveIndex() {
   }
 }
 
-ShredderEngine::Counters ShredderEngine::counters() const { return {sweeps_, filesHashed_, bytesHashed_}; }
+ShredderEngine::Counters ShredderEngine::counters() const {
+  return {sweeps_, filesHashed_, bytesHashed_, bytesCompared_};
+}
 
 void ShredderEngine::setDebounce(std::chrono::duration<double> debounce) {
   std::lock_guard<std::mutex> guard(watchLock_);

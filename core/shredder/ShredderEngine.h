@@ -87,7 +87,8 @@ class ShredderEngine {
   struct Counters {
     uint64_t sweeps = 0;
     uint64_t filesHashed = 0;  // files whose content was read
-    uint64_t bytesHashed = 0;  // bytes of content read
+    uint64_t bytesHashed = 0;  // bytes of content read to hash it
+    uint64_t bytesCompared = 0;  // bytes read to confirm a duplicate byte for byte (both files)
   };
   Counters counters() const;
 
@@ -124,7 +125,7 @@ class ShredderEngine {
   std::map<std::string, std::string> index_;
   std::map<std::string, std::string> savedIndex_;
 
-  std::atomic<uint64_t> sweeps_{0}, filesHashed_{0}, bytesHashed_{0};
+  std::atomic<uint64_t> sweeps_{0}, filesHashed_{0}, bytesHashed_{0}, bytesCompared_{0};
 
   // Watching: the watcher calls in, the worker thread waits for the next due sweep.
   std::unique_ptr<FolderWatcher> watcher_;

@@ -16,6 +16,12 @@ namespace kestrel::FileHash {
 // Nothing when the file cannot be read whole.
 std::optional<uint64_t> ofFileAt(int dirFd, const char* name, const struct stat* expected, uint64_t* bytesRead) noexcept;
 
+// True when `a` and `b` are both regular files (never reached through a final link) of the same
+// length holding the same bytes, compared in blocks; false on any doubt (a read error, a file that
+// changed length while read). Adds the bytes read to `bytesRead`.
+bool sameContent(const std::string& a, const std::string& b,
+                 uint64_t* bytesRead = nullptr) noexcept;
+
 // Sixteen lower-case hexadecimal digits.
 std::string text(uint64_t hash);
 

@@ -10,6 +10,8 @@
 #include <iterator>
 #include <vector>
 
+#include "core/system/StoreFile.h"
+
 namespace kestrel {
 
 fs::path standardizedPath(const fs::path& p) {
@@ -102,11 +104,16 @@ fs::path xdgOr(const fs::path& value, const fs::path& fallback) {
   return value.is_absolute() ? standardizedPath(value) : fallback;
 }
 
+fs::path insideHome(const fs::path& value, const fs::path& home, const fs::path& fallback) {
+  if (!value.is_absolute()) return fallback;
+  const fs::path real = realFolderPath(value);
+  return real.string().rfind(home.string() + "/", 0) == 0 ? real : fallback;
+}
+
 fs::path userDir(const fs::path& configHome, std::string_view key, const fs::path& home,
                  std::string_view fallback) {
-  std::ifstream in(configHome / "user-dirs.dirs", std::ios::binary);
-  std::string text;
-  if (in) text.assign(std::istreambuf_iterator<char>(in), {});
+  // Read like a store: a FIFO or a huge file in its place never holds up a command.
+  const std::string text = StoreFile::readFile(configHome / "user-dirs.dirs").value_or("");
   if (auto dir = userDirFromText(text, key, home)) return *dir;
   return home / fallback;
 }
@@ -116,8 +123,11 @@ fs::path userDir(const fs::path& configHome, std::string_view key, const fs::pat
 Paths::Paths(const fs::path& home, Layout layout, const XdgDirs& xdg)
     : home_(realFolderPath(home)), layout_(layout) {
   xdg_.config = xdgOr(xdg.config, home_ / ".config");
-  xdg_.cache = xdgOr(xdg.cache, home_ / ".cache");
-  xdg_.data = xdgOr(xdg.data, home_ / ".local/share");
+  // The folders things are removed from (caches, the Trash, the quarantine) must lie inside the
+  // real home folder, where every walk and removal is anchored: reached through a link they are
+  // used where they really are; outside the home the default under it is used instead.
+  xdg_.cache = insideHome(xdg.cache, home_, home_ / ".cache");
+  xdg_.data = insideHome(xdg.data, home_, home_ / ".local/share");
   xdg_.state = xdgOr(xdg.state, home_ / ".local/state");
   if (layout_ == Layout::linux) {
     downloads_ = userDir(xdg_.config, "XDG_DOWNLOAD_DIR", home_, "Downloads");

@@ -116,6 +116,10 @@ class Paths {
   // The lock file held around one read-modify-write of `store` ("<store>.lock" beside it; never
   // removed, so two writers always lock the same file).
   static fs::path lockFileFor(const fs::path& store) { return fs::path(store) += ".lock"; }
+  // The entries of a privileged session's folder: the command and reply FIFOs and the helper.
+  static constexpr std::string_view kPrivilegedCommandPipe = "cmd";
+  static constexpr std::string_view kPrivilegedReplyPipe = "out";
+  static constexpr std::string_view kPrivilegedHelperName = "helper.sh";
   // A privileged session's own folder ("priv-<token>").
   fs::path privilegedSessionDir(std::string_view token) const {
     return stateDir() / ("priv-" + std::string(token));
@@ -139,7 +143,9 @@ class Paths {
   fs::path launchAgentPlist() const { return launchAgentFile(AppInfo::agentLabel, ".plist"); }
   // Where the user's background services are defined: "~/Library/LaunchAgents" on macOS,
   // "$XDG_CONFIG_HOME/systemd/user" on Linux; a service's file there is its label plus `extension`.
-  fs::path launchAgentsDir() const { return isMac() ? lib("LaunchAgents") : xdg_.config / "systemd" / "user"; }
+  fs::path launchAgentsDir() const {
+    return isMac() ? lib("LaunchAgents") : xdg_.config / "systemd" / "user";
+  }
   fs::path launchAgentFile(std::string_view label, std::string_view extension) const;
 
   // macOS: moves the earlier product's folder into place when only it exists. Linux: moves the

@@ -2,15 +2,15 @@
 // are plain text plus tool calls, so each is compiled and tested on every system.
 #include "core/system/ServiceManager.h"
 
-#include "core/base/Text.h"
-#include "core/system/FS.h"
-#include "core/system/StoreFile.h"
-
 #include <plist/plist.h>
 #include <unistd.h>
 
 #include <memory>
 #include <system_error>
+
+#include "core/base/Text.h"
+#include "core/system/FS.h"
+#include "core/system/StoreFile.h"
 
 namespace kestrel {
 namespace {
@@ -52,7 +52,8 @@ struct PlistFree {
 
 class LaunchAgentManager final : public ServiceManager {
  public:
-  LaunchAgentManager(Paths paths, Services services) : paths_(std::move(paths)), services_(std::move(services)) {}
+  LaunchAgentManager(Paths paths, Services services)
+      : paths_(std::move(paths)), services_(std::move(services)) {}
 
   std::vector<File> files(BackgroundAgent agent, const std::string& agentPath) const override {
     const bool scheduler = agent == BackgroundAgent::scheduler;
@@ -67,7 +68,8 @@ class LaunchAgentManager final : public ServiceManager {
     set("ProcessType", plist_new_string("Background"));
     plist_t arguments = plist_new_array();
     plist_array_append_item(arguments, plist_new_string(agentPath.c_str()));
-    plist_array_append_item(arguments, plist_new_string(scheduler ? "run-scheduled" : "shred-watch"));
+    plist_array_append_item(arguments,
+                            plist_new_string(scheduler ? "run-scheduled" : "shred-watch"));
     set("ProgramArguments", arguments);
     set("RunAtLoad", plist_new_bool(1));
     set("StandardErrorPath", plist_new_string(log.c_str()));
@@ -76,7 +78,8 @@ class LaunchAgentManager final : public ServiceManager {
     char* xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(dict.get(), &xml, &length);
-    if (!xml) throw ServiceError(0, "Could not write the property list of " + std::string(labelOf(agent)));
+    if (!xml)
+      throw ServiceError(0, "Could not write the property list of " + std::string(labelOf(agent)));
     std::string text(xml, length);
     plist_to_xml_free(xml);
     return {{plistFile(labelOf(agent)), std::move(text)}};
@@ -101,7 +104,9 @@ class LaunchAgentManager final : public ServiceManager {
 
   void uninstall(BackgroundAgent agent) override { unload(plistFile(labelOf(agent)), false); }
 
-  bool isInstalled(BackgroundAgent agent) const override { return FS::exists(plistFile(labelOf(agent))); }
+  bool isInstalled(BackgroundAgent agent) const override {
+    return FS::exists(plistFile(labelOf(agent)));
+  }
 
   std::optional<bool> isActive(BackgroundAgent agent) const override {
     const Shell::Result r = launchctl({"print", domain() + "/" + std::string(labelOf(agent))});
@@ -123,7 +128,9 @@ class LaunchAgentManager final : public ServiceManager {
   }
 
  private:
-  fs::path plistFile(std::string_view label) const { return paths_.launchAgentFile(label, ".plist"); }
+  fs::path plistFile(std::string_view label) const {
+    return paths_.launchAgentFile(label, ".plist");
+  }
   static std::string domain() { return "gui/" + std::to_string(::getuid()); }
   Shell::Result launchctl(const std::vector<std::string>& args) const {
     return services_.run("/bin/launchctl", args, kToolTimeout);
@@ -167,55 +174,73 @@ std::string settingPath(const fs::path& path) {
 
 class SystemdUserUnits final : public ServiceManager {
  public:
-  SystemdUserUnits(Paths paths, Services services) : paths_(std::move(paths)), services_(std::move(services)) {}
+  SystemdUserUnits(Paths paths, Services services)
+      : paths_(std::move(paths)), services_(std::move(services)) {}
 
   std::vector<File> files(BackgroundAgent agent, const std::string& agentPath) const override {
     const std::string name(AppInfo::name);
     if (agent == BackgroundAgent::scheduler) {
       const std::string service =
           "[Unit]\n"
-          "Description=" + name + ": scheduled cleaning rules\n"
+          "Description=" +
+          name +
+          ": scheduled cleaning rules\n"
           "\n"
           "[Service]\n"
           "Type=oneshot\n"
-          "ExecStart=" + execWord(agentPath) + " run-scheduled\n"
+          "ExecStart=" +
+          execWord(agentPath) +
+          " run-scheduled\n"
           "Nice=10\n"
           "IOSchedulingClass=idle\n"
-          "StandardOutput=append:" + settingPath(paths_.agentLogFile()) + "\n"
+          "StandardOutput=append:" +
+          settingPath(paths_.agentLogFile()) +
+          "\n"
           "StandardError=inherit\n";
       // Calendar times catch up a run missed while the machine was off (Persistent); the startup
       // delay gives the one run shortly after login that a login session expects.
       const std::string timer =
           "[Unit]\n"
-          "Description=" + name + ": run the scheduled cleaning rules every 15 minutes\n"
+          "Description=" +
+          name +
+          ": run the scheduled cleaning rules every 15 minutes\n"
           "\n"
           "[Timer]\n"
           "OnCalendar=*:0/15\n"
           "Persistent=true\n"
           "AccuracySec=1min\n"
           "OnStartupSec=2min\n"
-          "Unit=" + unitName(AppInfo::agentLabel, ".service") + "\n"
+          "Unit=" +
+          unitName(AppInfo::agentLabel, ".service") +
+          "\n"
           "\n"
           "[Install]\n"
           "WantedBy=timers.target\n";
-      return {{unitFile(AppInfo::agentLabel, ".service"), service}, {unitFile(AppInfo::agentLabel, ".timer"), timer}};
+      return {{unitFile(AppInfo::agentLabel, ".service"), service},
+              {unitFile(AppInfo::agentLabel, ".timer"), timer}};
     }
     // Restarts only after a failure, and at most five times in five minutes; "Shredder is off;
     // exiting." is a clean exit and leaves it stopped.
     const std::string service =
         "[Unit]\n"
-        "Description=" + name + ": Shredder, watching the download folders\n"
+        "Description=" +
+        name +
+        ": Shredder, watching the download folders\n"
         "StartLimitIntervalSec=300\n"
         "StartLimitBurst=5\n"
         "\n"
         "[Service]\n"
         "Type=simple\n"
-        "ExecStart=" + execWord(agentPath) + " shred-watch\n"
+        "ExecStart=" +
+        execWord(agentPath) +
+        " shred-watch\n"
         "Restart=on-failure\n"
         "RestartSec=10\n"
         "Nice=12\n"
         "IOSchedulingClass=idle\n"
-        "StandardOutput=append:" + settingPath(paths_.shredderLogFile()) + "\n"
+        "StandardOutput=append:" +
+        settingPath(paths_.shredderLogFile()) +
+        "\n"
         "StandardError=inherit\n"
         "\n"
         "[Install]\n"
@@ -301,15 +326,22 @@ class SystemdUserUnits final : public ServiceManager {
     (void)systemctl({"daemon-reload"});
   }
 
-  std::string noManagerText(BackgroundAgent agent, const std::string& agentPath, const Shell::Result& r) const {
-    std::string text = "No systemd user service manager answered (systemctl --user: " + errorText(r) +
-                       "), so nothing was installed. ";
+  std::string noManagerText(BackgroundAgent agent, const std::string& agentPath,
+                            const Shell::Result& r) const {
+    std::string text =
+        "No systemd user service manager answered (systemctl --user: " + errorText(r) +
+        "), so nothing was installed. ";
     if (agent == BackgroundAgent::scheduler) {
-      text += "To run the scheduled rules without it, add this line to your crontab (crontab -e):\n*/15 * * * * " +
-              Text::shellQuote(agentPath) + " run-scheduled >> " + Text::shellQuote(paths_.agentLogFile().string()) + " 2>&1";
+      text +=
+          "To run the scheduled rules without it, add this line to your crontab (crontab "
+          "-e):\n*/15 * * * * " +
+          Text::shellQuote(agentPath) + " run-scheduled >> " +
+          Text::shellQuote(paths_.agentLogFile().string()) + " 2>&1";
     } else {
-      text += "To watch the download folders without it, start this in your session's autostart:\n" +
-              Text::shellQuote(agentPath) + " shred-watch >> " + Text::shellQuote(paths_.shredderLogFile().string()) + " 2>&1";
+      text +=
+          "To watch the download folders without it, start this in your session's autostart:\n" +
+          Text::shellQuote(agentPath) + " shred-watch >> " +
+          Text::shellQuote(paths_.shredderLogFile().string()) + " 2>&1";
     }
     return text;
   }

@@ -4,9 +4,6 @@
 // of the home chooses one.
 #pragma once
 
-#include "core/system/Paths.h"
-#include "core/system/Services.h"
-
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -14,6 +11,9 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "core/system/Paths.h"
+#include "core/system/Services.h"
 
 namespace kestrel {
 

@@ -96,6 +96,11 @@ fs::path resolveFinalLinks(const fs::path& url) {
   throwErrno(ELOOP, "save " + url.string());
 }
 
+bool isTemporaryOf(std::string_view name, std::string_view target) noexcept {
+  const std::string prefix = "." + std::string(target) + ".";
+  return name.size() > prefix.size() + 4 && name.starts_with(prefix) && name.ends_with(".tmp");
+}
+
 void writeAtomically(std::string_view bytes, const fs::path& given) {
   // A store kept as a link elsewhere is replaced where it really lives, so the link survives.
   const fs::path url = resolveFinalLinks(given);

@@ -35,6 +35,10 @@ FileRead read(const fs::path& url, size_t maxBytes = kMaxStoreBytes) noexcept;
 // The same read as bytes; nothing unless the status is ok.
 std::optional<std::string> readFile(const fs::path& url) noexcept;
 
+// Whether `name` is one of the temporary files writeAtomically makes beside a file named `target`
+// (left behind when a save was interrupted).
+bool isTemporaryOf(std::string_view name, std::string_view target) noexcept;
+
 // Writes `bytes` as the whole file: creates the parent folder, writes a uniquely named temporary
 // file beside the target (O_EXCL), fsyncs it, renames it over the target and fsyncs the folder.
 // When the target is a symbolic link, the file it leads to is replaced the same way in that file's

@@ -2,23 +2,23 @@
 // Trash (info file first with O_EXCL, then a no-replace rename into "files") of every volume.
 #include "core/system/Trash.h"
 
-#include "core/system/Durability.h"
-#include "core/system/FileStat.h"
-#include "core/system/SafeFiles.h"
-#include "core/system/StoreFile.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
-#include <cctype>
 #include <ctime>
 #include <fstream>
 #include <iomanip>
 #include <sstream>
 #include <system_error>
+
+#include "core/system/Durability.h"
+#include "core/system/FileStat.h"
+#include "core/system/SafeFiles.h"
+#include "core/system/StoreFile.h"
 
 namespace kestrel::platform {
 namespace {
@@ -122,7 +122,8 @@ int64_t treeBytes(const fs::path& folder) {
 // than `name`'s, plus `added` when given.
 void rewriteDirectorySizes(const fs::path& trash, const std::string& encodedName, const std::string& added) {
   const fs::path file = trash / "directorysizes";
-  std::ifstream in(file, std::ios::binary);
+  // A cache anyone may replace: read like a store (never a FIFO, never unbounded).
+  std::istringstream in(StoreFile::readFile(file).value_or(""));
   std::string out;
   bool changed = !added.empty();
   for (std::string line; std::getline(in, line);) {
@@ -251,22 +252,23 @@ fs::path trashInfoFile(const fs::path& entry) {
   return entry.parent_path().parent_path() / "info" / (entry.filename().string() + ".trashinfo");
 }
 
+std::optional<Date> trashInfoDeletionDate(std::string_view text) {
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view line = text.substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.starts_with("DeletionDate=")) return Dates::parseLocal(line.substr(13));
+    start = end + 1;
+  }
+  return std::nullopt;
+}
+
 std::optional<Date> trashDeletionDate(const fs::path& entry) noexcept {
   try {
     const auto text = StoreFile::readFile(trashInfoFile(entry));
-    if (!text) return std::nullopt;
-    std::istringstream in(*text);
-    for (std::string line; std::getline(in, line);) {
-      if (line.rfind("DeletionDate=", 0) != 0) continue;
-      std::tm tm{};
-      std::istringstream value(line.substr(13));
-      value >> std::get_time(&tm, "%Y-%m-%dT%H:%M:%S");
-      if (value.fail()) return std::nullopt;
-      tm.tm_isdst = -1;  // local time, as the file holds it
-      const time_t t = std::mktime(&tm);
-      if (t == static_cast<time_t>(-1)) return std::nullopt;
-      return Dates::fromUnixSeconds(static_cast<int64_t>(t));
-    }
+    if (text) return trashInfoDeletionDate(*text);
   } catch (const std::exception&) {
   }
   return std::nullopt;

@@ -2,12 +2,13 @@
 // keeping a freedesktop.org Trash consistent when an item is removed from it for good.
 #pragma once
 
+#include <filesystem>
+#include <optional>
+#include <string_view>
+
 #include "core/base/Dates.h"
 #include "core/system/Paths.h"
 #include "core/system/SafeRemove.h"
-
-#include <filesystem>
-#include <optional>
 
 namespace kestrel::platform {
 
@@ -27,6 +28,9 @@ std::filesystem::path trashFilesDir(const Paths& paths);
 
 // For an entry `<trash>/files/<name>` of a freedesktop.org Trash: its info file.
 std::filesystem::path trashInfoFile(const std::filesystem::path& filesEntry);
+// The "DeletionDate" of a ".trashinfo" text (local time, no zone; the first such line); nothing
+// when it has none or it does not read as a date.
+std::optional<Date> trashInfoDeletionDate(std::string_view text);
 // When the entry was trashed: the info file's "DeletionDate" (local time); nothing when missing.
 std::optional<Date> trashDeletionDate(const std::filesystem::path& filesEntry) noexcept;
 // After `<trash>/files/<name>` was removed for good: removes its info file and its

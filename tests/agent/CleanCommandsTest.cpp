@@ -1,22 +1,21 @@
 // The "clean" and "quarantine" commands, run in process against scratch homes.
-#include "agent/Dispatcher.h"
-#include "core/clean/AdminQueue.h"
-#include "core/clean/Quarantine.h"
-#include "core/model/AppConfig.h"
-#include "core/store/ConfigStore.h"
-#include "core/store/AuditLog.h"
-#include "core/base/ByteFormat.h"
-#include "tests/support/Immutable.h"
-#include "tests/support/ScratchHome.h"
-#include "tests/agent/RunInProcess.h"
-
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+
+#include "agent/Dispatcher.h"
+#include "core/base/ByteFormat.h"
+#include "core/clean/AdminQueue.h"
+#include "core/clean/Quarantine.h"
+#include "core/model/AppConfig.h"
+#include "core/store/AuditLog.h"
+#include "core/store/ConfigStore.h"
+#include "tests/agent/RunInProcess.h"
+#include "tests/support/Immutable.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel::agent {
 namespace {
@@ -105,9 +104,11 @@ TEST(CleanCommand, ItemsNeedingAdministratorRightsWaitInTheQueueAndSaySo) {
   if (!lock.ok()) GTEST_SKIP() << "cannot make a folder immutable here (chattr +i failed)";
   std::ostringstream out;
   ASSERT_EQ(runAgent({"clean", "--category", "userCaches"}, h.paths(), out), 0);
-  EXPECT_NE(out.str().find("\n1 item(s) need administrator rights; run `kestrel admin run` to remove them with one "
-                           "password prompt.\n"),
-            std::string::npos)
+  EXPECT_NE(
+      out.str().find(
+          "\n1 item(s) need administrator rights; run `kestrel admin run` to remove them with one "
+          "password prompt.\n"),
+      std::string::npos)
       << out.str();
   EXPECT_TRUE(fs::exists(locked));
   EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.a")));

@@ -1,15 +1,14 @@
 // AdminQueue: no duplicates, pending bytes, and the one-prompt flush with its audit records.
-#include "core/clean/AdminQueue.h"
-
-#include "core/store/AuditLog.h"
-#include "core/store/JSONStore.h"
-#include "tests/support/AllowedRoot.h"
-#include "tests/support/FakeTools.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <fstream>
+
+#include "core/clean/AdminQueue.h"
+#include "core/store/AuditLog.h"
+#include "core/store/JSONStore.h"
+#include "tests/support/AllowedRoot.h"
+#include "tests/support/FakeTools.h"
 
 namespace kestrel {
 namespace {
@@ -30,8 +29,10 @@ ScanItem adminItem(const std::string& path, int64_t size) {
 
 TEST(AdminQueue, QueueOutlivesItsWriterWithoutDuplicates) {
   ScratchHome h;
-  AdminQueue(h.paths()).enqueue({adminItem("/Library/Caches/a", 10), adminItem("/Library/Caches/a", 10)});
-  AdminQueue(h.paths()).enqueue({adminItem("/Library/Caches/a", 10), adminItem("/Library/Caches/b", 5),
+  AdminQueue(h.paths()).enqueue(
+      {adminItem("/Library/Caches/a", 10), adminItem("/Library/Caches/a", 10)});
+  AdminQueue(h.paths()).enqueue({adminItem("/Library/Caches/a", 10),
+                                 adminItem("/Library/Caches/b", 5),
                                  adminItem("/Library/Caches/a", 11)});  // not equal: another size
   const AdminQueue q(h.paths());  // another process reading what the others queued
   ASSERT_EQ(q.count(), 3u);
@@ -103,8 +104,9 @@ TEST(AdminQueue, FlushRemovesWithOnePromptAndAuditsEachItem) {
   command.id = "docker";
   command.target = ItemTarget::forCommand({"docker", {"image", "prune"}});
   q.enqueue({adminItem((root / "one").string(), 100), adminItem((root / "two").string(), 50),
-             adminItem("/usr/share/kestrel-never", 7),                 // the policy refuses
-             command, adminItem(h.path("Library/Caches/mine").string(), 10)});  // the helper refuses
+             adminItem("/usr/share/kestrel-never", 7),  // the policy refuses
+             command,
+             adminItem(h.path("Library/Caches/mine").string(), 10)});  // the helper refuses
   PrivilegedSession session(h.paths());
   const Date now = Dates::fromUnixSeconds(1795371789);
   auto result = q.flush(AppConfig{}, session, now);

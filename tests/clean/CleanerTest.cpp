@@ -1,13 +1,5 @@
 // Cleaner: each disposal, dry runs, vanished items, commands, protected paths, the admin step,
 // the audit trail, restore, and a folder swapped for a link while it is being cleaned.
-#include "core/clean/Cleaner.h"
-
-#include "core/system/Trash.h"
-#include "core/store/JSONStore.h"
-#include "tests/support/AllowedRoot.h"
-#include "tests/support/Immutable.h"
-#include "tests/support/ScratchHome.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +13,13 @@
 #include <sstream>
 #include <thread>
 #include <tuple>
+
+#include "core/clean/Cleaner.h"
+#include "core/store/JSONStore.h"
+#include "core/system/Trash.h"
+#include "tests/support/AllowedRoot.h"
+#include "tests/support/Immutable.h"
+#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {

@@ -1,16 +1,16 @@
 // The host command line's binary end to end: a rule it adds is the agent's, and administrator
 // removals queued by one process are run by another behind one prompt.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
 #include "core/clean/AdminQueue.h"
 #include "core/clean/Cleaner.h"
 #include "core/store/AuditLog.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/FakeTools.h"
-
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <fstream>
 
 namespace kestrel {
 namespace {
@@ -23,7 +23,8 @@ TEST(HostBinary, AddedRuleIsListedByTheAgent) {
       h, {"rules", "add", "Nightly logs", "--daily", "02:30", "--categories", "logs,crashReports"});
   ASSERT_EQ(added.status, 0) << added.err;
   const auto rules = test::runAgentBinary(h, {"rules"});
-  EXPECT_NE(rules.out.find("\u25CF Nightly logs \u2014 Every day at 02:30 \u2014 last: never"), std::string::npos)
+  EXPECT_NE(rules.out.find("\u25CF Nightly logs \u2014 Every day at 02:30 \u2014 last: never"),
+            std::string::npos)
       << rules.out;
   EXPECT_NE(rules.out.find("Weekly deep clean"), std::string::npos);  // the shipped rules stay
   const auto bad = test::runHostBinary(h, {"rules", "add", "x", "--daily", "02:30"});
@@ -53,7 +54,8 @@ TEST(HostBinary, QueuedAdministratorRemovalsOutliveTheirProcess) {
       i.category = CleanCategory::logs;
       return i;
     };
-    const CleanReport r = cleaner.clean({item(one, 100), item(two, 50)}, TriggerSource::manual(), false, std::nullopt);
+    const CleanReport r = cleaner.clean({item(one, 100), item(two, 50)}, TriggerSource::manual(),
+                                        false, std::nullopt);
     ASSERT_EQ(r.deferredAdmin, 2);
   }
   ASSERT_EQ(AdminQueue(h.paths()).count(), 2u);

@@ -25,13 +25,23 @@ TEST(HostileFilesBinary, AStoreReplacedByAFifoNeverHangsItsCommand) {
   };
   const std::string session = "Quarantine/20260301-093000-ABCDEF/";
   const Case cases[] = {
+      {"rules.json",
+       {"rules"},
+       "Weekly deep clean"},  // read as damaged: the shipped rules are shown
+      {"shredder.json", {"shred-now"}, "Nothing to shred.\n"},
+      {"shredder-review.json", {"shred-now"}, "Nothing to shred.\n"},
+      {"agent-state.json", {"run-scheduled"}, ""},
+      {"Quarantine/20260301-093000-ABCDEF/journal.jsonl", {"quarantine", "list"}, ""},
       {"space-history.json", {"forecast"}, "Not enough history yet (needs ~2 days of samples).\n"},
       {"growth-snapshots.json", {"growth"}, "Need two snapshots; run again tomorrow.\n"},
-      {"audit.jsonl", {"clean", "--category", "userCaches"}, "Freed 201 KB\n"},  // the record is lost, not the run
+      {"audit.jsonl",
+       {"clean", "--category", "userCaches"},
+       "Freed 201 KB\n"},  // the record is lost, not the run
       {"Quarantine/20260301-093000-ABCDEF/manifest.json", {"quarantine", "list"}, ""},
       {"Quarantine/20260301-093000-ABCDEF/manifest.json",
        {"quarantine", "restore", "20260301-093000-ABCDEF"},
-       "No readable quarantine session 20260301-093000-ABCDEF", 1},
+       "No readable quarantine session 20260301-093000-ABCDEF",
+       1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.store + " " + c.args.front());

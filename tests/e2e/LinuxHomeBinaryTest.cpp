@@ -1,7 +1,8 @@
 // End to end on the Linux table: the freedesktop Trash round trip and the XDG settings folder.
-#include "tests/e2e/RunAgent.h"
-
 #include <gtest/gtest.h>
+
+#include "core/system/Shell.h"
+#include "tests/e2e/RunAgent.h"
 
 namespace kestrel::test {
 namespace {
@@ -41,6 +42,49 @@ TEST(LinuxHomeBinary, TrashedItemIsOfferedAgainAndLeavesWithItsInfoFile) {
   EXPECT_FALSE(fs::exists(trash / "files/com.example.app"));
   EXPECT_FALSE(fs::exists(trash / "info/com.example.app.trashinfo"));
   EXPECT_EQ(readText(trash / "directorysizes").find("com.example.app"), std::string::npos);
+}
+
+TEST(LinuxHomeBinary, LinkedCacheFolderIsCleanedWhereItLivesUnlessItLeadsIntoProtectedData) {
+  struct Case {
+    const char* name;
+    std::string target;  // where ~/.cache leads, relative to the scratch folder
+    bool cleaned;
+  };
+  const Case cases[] = {{"a bigger disk", "outside/big disk", true},
+                        {"the user's keys", "home/.ssh", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome h;
+    const fs::path target = h.root() / c.target;
+    fs::create_directories(target);
+    h.link(".cache", target);
+    oldCache(h, ".cache/com.example.app");
+    const auto clean = runAgentLinux(h, {"clean", "--category", "userCaches"});
+    ASSERT_EQ(clean.status, 0) << clean.err;
+    EXPECT_EQ(clean.out, c.cleaned ? "Freed 201 KB\n" : "Nothing to clean\n");
+    EXPECT_EQ(fs::exists(target / "com.example.app"), !c.cleaned);
+    EXPECT_TRUE(fs::is_symlink(h.path(".cache")));
+  }
+}
+
+TEST(LinuxHomeBinary, SyntheticLinuxHomeIsScannedWhereItsJunkIs) {
+  const std::string makeHome = KESTREL_SOURCE_DIR "/../shared/tools/make-home";
+  if (!fs::exists(makeHome)) GTEST_SKIP() << "the synthetic-home tool is not beside the checkout";
+  ScratchHome h;
+  const auto made = Shell::run(makeHome,
+                               {"--root", h.home().string(), "--profile", "linux", "--scale",
+                                "0.05", "--big", "0.01", "--small-bytes", "0.1", "--quiet"},
+                               120);
+  ASSERT_EQ(made.status, 0) << made.stderr;
+  const auto scan = runAgentLinux(h, {"scan", "--json"});
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  for (const char* category : {"userCaches", "logs", "crashReports", "trash", "packageCaches"})
+    EXPECT_NE(scan.out.find("\"category\" : \"" + std::string(category) + "\""), std::string::npos)
+        << category;
+  // Never the portal's mount, the user's keys or an app's settings.
+  for (const char* never : {"\\/.cache\\/doc", "\\/.ssh", "\\/.gnupg", "Local Storage"})
+    EXPECT_EQ(scan.out.find(never), std::string::npos) << never;
+  EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
 }
 
 TEST(LinuxHomeBinary, SettingsComeFromAnAbsoluteXdgConfigHomeOnly) {

@@ -35,6 +35,21 @@ bool listedByScan(const AgentRun& run, const fs::path& path) {
   return false;
 }
 
+// Every path below `root` (links not followed) with its modification time, the notes the cases
+// leave beside the home excepted.
+std::string everyPathAndTime(const fs::path& root) {
+  std::string out;
+  for (auto& e : fs::recursive_directory_iterator(root)) {
+    const std::string name = e.path().filename().string();
+    if (name == "listing-before" || name == "session-id") continue;
+    struct stat st;
+    if (::lstat(e.path().c_str(), &st) != 0) continue;
+    out += e.path().string() + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+           std::to_string(st.st_mtim.tv_nsec) + "\n";
+  }
+  return out;
+}
+
 TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
   struct Case {
     const char* name;
@@ -67,7 +82,9 @@ TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
          return std::string();
        },
        {"scan", "--json"},
-       [&](ScratchHome& h, const AgentRun& r) { EXPECT_FALSE(listedByScan(r, h.path("Library/Caches/fresh"))) << r.out; }},
+       [&](ScratchHome& h, const AgentRun& r) {
+         EXPECT_FALSE(listedByScan(r, h.path("Library/Caches/fresh"))) << r.out;
+       }},
       {"a huge log age means never",
        [&](ScratchHome& h) {
          h.file("Library/Logs/app.log", 1000);
@@ -99,7 +116,40 @@ TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
          return (h.root() / "home link").string();
        },
        {"scan", "--json"},
-       [&](ScratchHome& h, const AgentRun& r) { EXPECT_TRUE(listedByScan(r, h.path("Library/Caches/com.app"))) << r.out; }},
+       [&](ScratchHome& h, const AgentRun& r) {
+         EXPECT_TRUE(listedByScan(r, h.path("Library/Caches/com.app"))) << r.out;
+       }},
+      {"a home that is a link purges its quarantine",
+       [&](ScratchHome& h) {
+         oldCache(h, "Library/Caches/com.app");
+         h.text(kSupport + "config.json", R"({"disposalOverrides":{"userCaches":"quarantine"}})");
+         fs::create_symlink(h.home(), h.root() / "home link");
+         const std::string linked = (h.root() / "home link").string();
+         EXPECT_EQ(runAgentAt(linked, {"clean", "--category", "userCaches"}).out,
+                   "201 KB to quarantine\n");
+         const std::string list = runAgentAt(linked, {"quarantine", "list"}).out;
+         h.text("session-id", list.substr(0, list.find('\t')));
+         return linked;
+       },
+       {"quarantine", "purge", "@session"},
+       [&](ScratchHome& h, const AgentRun& r) {
+         EXPECT_EQ(r.out, "Purged.\n") << r.err;
+         for (const auto& e : fs::directory_iterator(h.paths().quarantineDir()))
+           EXPECT_EQ(e.path().filename().string().front(), '.')
+               << "a session is left: " << e.path();
+       }},
+      {"listing the quarantine of a home without a support folder changes nothing",
+       [&](ScratchHome& h) {
+         oldCache(h, "Library/Caches/com.app");
+         h.text("listing-before", everyPathAndTime(h.home()));
+         return std::string();
+       },
+       {"quarantine", "list"},
+       [&](ScratchHome& h, const AgentRun& r) {
+         EXPECT_EQ(r.status, 0);
+         EXPECT_EQ(r.out, "");
+         EXPECT_EQ(everyPathAndTime(h.home()), test::readText(h.path("listing-before")));
+       }},
       {"a home reached through two links cleans",
        [&](ScratchHome& h) {
          oldCache(h, "Library/Caches/com.app");
@@ -181,7 +231,11 @@ TEST(ProtectionBinary, WhatTheUserProtectedIsNeverTouched) {
     ScratchHome h;
     std::string home = c.setup(h);
     if (home.empty()) home = h.home().string();
-    c.check(h, runAgentAt(home, c.args));
+    std::vector<std::string> args = c.args;
+    // "@session": the id the setup found, which is known only once it ran.
+    for (auto& a : args)
+      if (a == "@session") a = test::readText(h.path("session-id"));
+    c.check(h, runAgentAt(home, args));
   }
 }
 

@@ -18,7 +18,8 @@
 namespace kestrel::test {
 namespace {
 
-constexpr const char* kMakeHome = "/work/shared/tools/make-home";
+// The synthetic-home tool in the shared folder beside the checkout.
+const std::string kMakeHome = KESTREL_SOURCE_DIR "/../shared/tools/make-home";
 
 void makeHome(const ScratchHome& h) {
   const auto r = Shell::run(kMakeHome,

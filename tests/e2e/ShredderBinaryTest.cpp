@@ -21,12 +21,13 @@ namespace {
 // A running "shred-watch" whose standard output goes to a file.
 class Watcher {
  public:
-  Watcher(const ScratchHome& h, const fs::path& log) : log_(log) {
+  Watcher(const ScratchHome& h, const fs::path& log, const char* layout = "macos") : log_(log) {
     pid_ = ::fork();
     if (pid_ == 0) {
       const int fd = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       ::dup2(fd, 1);
       ::setenv("HOME", h.home().c_str(), 1);
+      ::setenv("KESTREL_LAYOUT", layout, 1);
       ::execl(KESTREL_AGENT_BINARY, KESTREL_AGENT_BINARY, "shred-watch", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -64,6 +65,38 @@ ShredderSettings switchedOn() {
   s.enabled = true;
   s.settleSeconds = 0;
   return s;
+}
+
+TEST(ShredderBinary, OnLinuxItWatchesTheLocalisedDownloadFolder) {
+  ScratchHome h;
+  FakeTools tools(h.root() / "bin");
+  tools.tool("notify-send");
+  // No timer sweep in the way: the copy settles and is disposed of by the watcher's own sweep.
+  ScopedEnv tick("KESTREL_SHRED_TICK_SECONDS", "60");
+  ScopedEnv debounce("KESTREL_SHRED_DEBOUNCE_SECONDS", "0.2");
+  h.text(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/T\u00e9l\u00e9chargements\"\n");
+  h.folder("Desktop");
+  h.file("T\u00e9l\u00e9chargements/a.zip", 6000);
+  h.age("T\u00e9l\u00e9chargements/a.zip", 1);
+  ShredderStore(h.linuxPaths()).save(switchedOn());
+
+  Watcher watcher(h, h.root() / "shredder.log", "linux");
+  ASSERT_TRUE(waitFor(
+      [&] { return watcher.logHas("Shredder watching: T\u00e9l\u00e9chargements, Desktop\n"); },
+      10))
+      << watcher.log();
+  h.file("T\u00e9l\u00e9chargements/a (1).zip", 6000);
+  EXPECT_TRUE(waitFor([&] { return watcher.logHas(" shredded a (1).zip"); }, 10)) << watcher.log();
+  EXPECT_FALSE(fs::exists(h.path("T\u00e9l\u00e9chargements/a (1).zip")));
+  // The copy went into the quarantine of the data folder, and comes back from there.
+  const auto list = runAgentLinux(h, {"quarantine", "list"});
+  ASSERT_FALSE(list.out.empty()) << list.err;
+  EXPECT_TRUE(fs::is_directory(h.path(".local/share/orvo-kestrel/Quarantine")));
+  EXPECT_EQ(
+      runAgentLinux(h, {"quarantine", "restore", list.out.substr(0, list.out.find('\t'))}).out,
+      "Restored.\n");
+  EXPECT_TRUE(fs::exists(h.path("T\u00e9l\u00e9chargements/a (1).zip")));
+  EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
 }
 
 TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitchedOff) {

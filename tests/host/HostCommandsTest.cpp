@@ -1,15 +1,14 @@
 // The host command line in-process: rule editing with every usage error leaving the file as it
 // was, the administrator queue, the Shredder's switch and settings, and the agents' install.
-#include "host/Host.h"
+#include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "core/clean/AdminQueue.h"
 #include "core/shredder/ShredderStore.h"
 #include "core/store/RuleStore.h"
+#include "host/Host.h"
 #include "tests/support/ScratchHome.h"
-
-#include <gtest/gtest.h>
-
-#include <sstream>
 
 namespace kestrel {
 namespace {
@@ -65,7 +64,8 @@ TEST(HostRules, AddStoresEachTriggerAndKeepsTheDefaults) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.flags[0] + " " + c.flags[1]);
     Host t;
-    std::vector<std::string> args = {"rules", "add", "Mine", "--categories", "logs,userCaches,logs"};
+    std::vector<std::string> args = {"rules", "add", "Mine", "--categories",
+                                     "logs,userCaches,logs"};
     args.insert(args.end(), c.flags.begin(), c.flags.end());
     const HostRun r = t.run(args);
     ASSERT_EQ(r.status, 0) << r.err;
@@ -73,13 +73,14 @@ TEST(HostRules, AddStoresEachTriggerAndKeepsTheDefaults) {
     ASSERT_EQ(rules.size(), 5u);  // the four shipped rules, then the new one
     EXPECT_EQ(rules[0].name, "Weekly deep clean");
     EXPECT_EQ(rules[4].trigger, c.trigger);
-    EXPECT_EQ(rules[4].categories, (std::vector<CleanCategory>{CleanCategory::logs, CleanCategory::userCaches}));
+    EXPECT_EQ(rules[4].categories,
+              (std::vector<CleanCategory>{CleanCategory::logs, CleanCategory::userCaches}));
     EXPECT_EQ(r.out, "Added rule \"Mine\" (" + rules[4].id + "): " + c.trigger.summary() + "\n");
   }
   Host t;
-  ASSERT_EQ(t.run({"rules", "add", "Careful", "--daily", "01:00", "--categories", "trash", "--max-risk", "review",
-                   "--dry-run", "--ac-power", "--idle-minutes", "15", "--skip-app", "code", "--skip-app",
-                   "org.gimp.GIMP"})
+  ASSERT_EQ(t.run({"rules", "add", "Careful", "--daily", "01:00", "--categories", "trash",
+                   "--max-risk", "review", "--dry-run", "--ac-power", "--idle-minutes", "15",
+                   "--skip-app", "code", "--skip-app", "org.gimp.GIMP"})
                 .status,
             0);
   const ScheduleRule rule = RuleStore(t.h.paths()).load(kNow).back();
@@ -89,7 +90,8 @@ TEST(HostRules, AddStoresEachTriggerAndKeepsTheDefaults) {
   EXPECT_EQ(rule.conditions.minIdleMinutes, 15);
   EXPECT_EQ(rule.conditions.skipIfAppsRunning, (std::vector<std::string>{"code", "org.gimp.GIMP"}));
   EXPECT_EQ(rule.createdAt, kNow);
-  EXPECT_EQ(t.run({"rules", "add", "careful", "--daily", "02:00", "--categories", "logs"}).status, 1);  // name taken
+  EXPECT_EQ(t.run({"rules", "add", "careful", "--daily", "02:00", "--categories", "logs"}).status,
+            1);  // name taken
 }
 
 TEST(HostRules, EveryBadFlagIsAUsageErrorThatWritesNothing) {
@@ -106,9 +108,9 @@ TEST(HostRules, EveryBadFlagIsAUsageErrorThatWritesNothing) {
       {"--free-below-percent", "100", "--categories", "logs"},
       {"--free-below-gb", "-1", "--categories", "logs"},
       {"--forecast-within-days", "nan", "--categories", "logs"},
-      {"--categories", "logs"},                                      // no trigger
+      {"--categories", "logs"},                                            // no trigger
       {"--daily", "03:00", "--every-hours", "2", "--categories", "logs"},  // two triggers
-      {"--daily", "03:00"},                                          // no categories
+      {"--daily", "03:00"},                                                // no categories
       {"--daily", "03:00", "--categories", "logs,cache"},
       {"--daily", "03:00", "--categories", ""},
       {"--daily", "03:00", "--categories", "logs", "--max-risk", "high"},
@@ -135,9 +137,11 @@ TEST(HostRules, EveryBadFlagIsAUsageErrorThatWritesNothing) {
     }
   }
   Host t;
-  const HostRun r = t.run({"rules", "add", "Mine", "--daily", "03:00", "--categories", "logs,cache"});
-  EXPECT_NE(r.err.find("\"cache\" is not a category; use a comma-separated list of userCaches, logs,"),
-            std::string::npos)
+  const HostRun r =
+      t.run({"rules", "add", "Mine", "--daily", "03:00", "--categories", "logs,cache"});
+  EXPECT_NE(
+      r.err.find("\"cache\" is not a category; use a comma-separated list of userCaches, logs,"),
+      std::string::npos)
       << r.err;
 }
 
@@ -181,8 +185,10 @@ TEST(HostAdmin, StatusRunAndClear) {
   AdminQueue(t.h.paths()).enqueue({queuedItem(stays, 2048)});
   const HostRun status = t.run({"admin", "status"});
   EXPECT_EQ(status.out,
-            "1 item(s) wait for administrator rights (2 KB); `kestrel admin run` removes them with one password "
-            "prompt:\n  " + stays.string() + "\t2 KB\n");
+            "1 item(s) wait for administrator rights (2 KB); `kestrel admin run` removes them with "
+            "one password "
+            "prompt:\n  " +
+                stays.string() + "\t2 KB\n");
   // The prompt is dismissed: nothing is removed, nothing leaves the queue.
   const HostRun declined = t.run({"admin", "run"});
   EXPECT_EQ(declined.status, 1);
@@ -190,7 +196,8 @@ TEST(HostAdmin, StatusRunAndClear) {
   EXPECT_NE(declined.out.find("1 item(s) still wait"), std::string::npos) << declined.out;
   EXPECT_EQ(AdminQueue(t.h.paths()).count(), 1u);
   EXPECT_TRUE(fs::exists(stays));
-  EXPECT_EQ(t.run({"admin", "clear"}).out, "Cleared 1 item(s) from the administrator queue; nothing was removed.\n");
+  EXPECT_EQ(t.run({"admin", "clear"}).out,
+            "Cleared 1 item(s) from the administrator queue; nothing was removed.\n");
   EXPECT_EQ(AdminQueue(t.h.paths()).count(), 0u);
   EXPECT_TRUE(fs::exists(stays));
   // Damaged settings never remove on the defaults.
@@ -217,8 +224,12 @@ TEST(HostShredder, SwitchSettingsAndReview) {
     int status;
   };
   const Case cases[] = {
-      {"quarantineFirst", "false", 0}, {"maxAutoSizeMB", "512", 0},  {"folders", "~/Downloads,~/Inbox", 0},
-      {"skipExtensions", "", 0},       {"quarantineFirst", "no", 2}, {"maxAutoSizeMB", "5GB", 2},
+      {"quarantineFirst", "false", 0},
+      {"maxAutoSizeMB", "512", 0},
+      {"folders", "~/Downloads,~/Inbox", 0},
+      {"skipExtensions", "", 0},
+      {"quarantineFirst", "no", 2},
+      {"maxAutoSizeMB", "5GB", 2},
       {"nosuchkey", "1", 2},
   };
   for (const auto& c : cases) {
@@ -240,20 +251,22 @@ TEST(HostAgents, InstallStartsBothAndStatusReports) {
   Host t;
   const HostRun r = t.run({"agents", "install"}, Layout::linux);
   ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("The Shredder is off; `kestrel shredder on` switches it on."), std::string::npos);
+  EXPECT_NE(r.out.find("The Shredder is off; `kestrel shredder on` switches it on."),
+            std::string::npos);
   const std::vector<std::vector<std::string>> calls = {
       {"systemctl", "--user", "daemon-reload"},
       {"systemctl", "--user", "enable", "--now", "com.orvo.kestrel.agent.timer"},
       {"systemctl", "--user", "daemon-reload"},
       {"systemctl", "--user", "enable", "--now", "com.orvo.kestrel.agent.shredder.service"}};
   EXPECT_EQ(t.tools, calls);
-  const std::string unit = test::readText(t.h.path(".config/systemd/user/com.orvo.kestrel.agent.service"));
+  const std::string unit =
+      test::readText(t.h.path(".config/systemd/user/com.orvo.kestrel.agent.service"));
   EXPECT_NE(unit.find("ExecStart=\"/bin/true\" run-scheduled\n"), std::string::npos) << unit;
   t.tools.clear();
   // Switching the Shredder on starts its installed service at once.
   ASSERT_EQ(t.run({"shredder", "on"}, Layout::linux).status, 0);
-  EXPECT_EQ(t.tools.back(),
-            (std::vector<std::string>{"systemctl", "--user", "restart", "com.orvo.kestrel.agent.shredder.service"}));
+  EXPECT_EQ(t.tools.back(), (std::vector<std::string>{"systemctl", "--user", "restart",
+                                                      "com.orvo.kestrel.agent.shredder.service"}));
   const HostRun status = t.run({"--json", "agents", "status"}, Layout::linux);
   const auto json = JsonText::parse(status.out);
   ASSERT_TRUE(json) << status.out;
@@ -271,7 +284,8 @@ TEST(HostCommandLine, HelpUsageAndStatus) {
   const HostRun sub = t.run({"rules", "add", "--help"});
   EXPECT_EQ(sub.status, 0);
   EXPECT_NE(sub.out.find("--forecast-within-days"), std::string::npos) << sub.out;
-  for (const auto& args : std::vector<std::vector<std::string>>{{}, {"bogus"}, {"rules"}, {"agents", "start"}}) {
+  for (const auto& args :
+       std::vector<std::vector<std::string>>{{}, {"bogus"}, {"rules"}, {"agents", "start"}}) {
     const HostRun r = t.run(args);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");

@@ -51,23 +51,33 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
   oldFolder(h, ".config/Code/GPUCache");
   oldFolder(h, ".config/Code/Service Worker/CacheStorage");
   oldFolder(h, ".config/Code/Local Storage");  // user data beside the caches
+  oldFolder(h, ".config/google-chrome/Default/Service Worker/CacheStorage");
+  oldFolder(h, ".config/google-chrome/Default/Local Storage");
+  oldFolder(h, ".config/chromium/GrShaderCache");
+  oldFolder(h, ".config/BraveSoftware/Brave-Browser/Profile 1/GPUCache");
   h.text("tagged/CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55\n# made by a tool\n");
   oldFolder(h, "tagged");
   h.text("work/out/CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55");
   oldFolder(h, "work/out");
   h.text("work/fake/CACHEDIR.TAG", "Signature: 0000000000000000000000000000000");
   oldFolder(h, "work/fake");
-  EXPECT_EQ(scan(h, UserCachesScanner()), (std::map<std::string, std::string>{
-                                              {".cache/some-app", "some-app"},
-                                              {".var/app/org.gimp.GIMP/cache", "org.gimp.GIMP"},
-                                              {"snap/firefox/common/.cache", "firefox"},
-                                              {".config/Code/Cache", "Code — Cache"},
-                                              {".config/Code/Code Cache", "Code — Code Cache"},
-                                              {".config/Code/GPUCache", "Code — GPUCache"},
-                                              {".config/Code/Service Worker/CacheStorage", "Code — Service Worker cache"},
-                                              {"tagged", "tagged"},
-                                              {"work/out", "out"},
-                                          }));
+  EXPECT_EQ(
+      scan(h, UserCachesScanner()),
+      (std::map<std::string, std::string>{
+          {".cache/some-app", "some-app"},
+          {".var/app/org.gimp.GIMP/cache", "org.gimp.GIMP"},
+          {"snap/firefox/common/.cache", "firefox"},
+          {".config/Code/Cache", "Code — Cache"},
+          {".config/Code/Code Cache", "Code — Code Cache"},
+          {".config/Code/GPUCache", "Code — GPUCache"},
+          {".config/Code/Service Worker/CacheStorage", "Code — Service Worker cache"},
+          {".config/google-chrome/Default/Service Worker/CacheStorage",
+           "google-chrome — Service Worker cache"},
+          {".config/chromium/GrShaderCache", "chromium — GrShaderCache"},
+          {".config/BraveSoftware/Brave-Browser/Profile 1/GPUCache", "BraveSoftware — GPUCache"},
+          {"tagged", "tagged"},
+          {"work/out", "out"},
+      }));
 
   // logs
   oldFolder(h, ".local/state/app/log");

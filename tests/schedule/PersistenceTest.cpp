@@ -95,6 +95,15 @@ TEST(PersistenceTest, LinuxScan) {
   h.text(".config/systemd/user/open.service", "[Service]\nExecStart=-\"" + open.string() + "\" --serve\n");
   h.link(".config/systemd/user/masked.service", "/dev/null");
   h.folder(".config/systemd/user/default.target.wants");
+  // Enabled from elsewhere (a package's unit) and once more beside its own definition: listed once
+  // each.
+  fs::create_directories(sys / "usr/lib/systemd/user");
+  std::ofstream(sys / "usr/lib/systemd/user/sync.service")
+      << "[Unit]\nDescription=Sync\n[Service]\nExecStart=\"" << ok.string() << "\"\n";
+  h.link(".config/systemd/user/default.target.wants/sync.service",
+         sys / "usr/lib/systemd/user/sync.service");
+  h.link(".config/systemd/user/default.target.wants/agent.service",
+         h.path(".config/systemd/user/agent.service"));
   h.text(".config/autostart/hidden.desktop", "[Desktop Entry]\nName=Hidden helper\nExec=\"" + hidden.string() + "\" %u\n");
   h.text(".config/autostart/off.desktop", "[Desktop Entry]\nName=Switched off\nHidden=true\n");
   fs::create_directories(sys / "etc/xdg/autostart");
@@ -115,22 +124,43 @@ TEST(PersistenceTest, LinuxScan) {
   const auto s = summary(items, h.home());
   using T = std::tuple<std::string, std::string, std::string, Words>;
   std::map<std::string, T> expected = {
-      {"userUnit:~/.config/systemd/user/agent.service", T{"Systemd Unit (you)", "My agent", ok.string(), {}}},
+      {"userUnit:~/.config/systemd/user/agent.service",
+       T{"Systemd Unit (you)", "My agent", ok.string(), {}}},
+      {"userUnit:~/.config/systemd/user/default.target.wants/sync.service",
+       T{"Systemd Unit (you)", "Sync", ok.string(), {}}},
       {"userUnit:~/.config/systemd/user/open.service",
        T{"Systemd Unit (you)", "open.service", open.string(), {"Program is writable by others"}}},
       {"autostartEntry:~/.config/autostart/hidden.desktop",
-       T{"Autostart Entry", "Hidden helper", hidden.string(), {"Program is hidden (its name starts with a dot)"}}},
-      {"sharedUserUnit:" + (sys / "etc/systemd/user/shared.service").string(), T{"Systemd Unit (all users)", "Shared", ok.string(), {}}},
+       T{"Autostart Entry",
+         "Hidden helper",
+         hidden.string(),
+         {"Program is hidden (its name starts with a dot)"}}},
+      {"sharedUserUnit:" + (sys / "etc/systemd/user/shared.service").string(),
+       T{"Systemd Unit (all users)", "Shared", ok.string(), {}}},
       {"systemService:" + (sys / "etc/systemd/system/miner.service").string(),
-       T{"Systemd Service (root)", "miner.service", (sys / "var/tmp/miner").string(), {"Program is missing", "Runs from a temporary folder"}}},
+       T{"Systemd Service (root)",
+         "miner.service",
+         (sys / "var/tmp/miner").string(),
+         {"Program is missing", "Runs from a temporary folder"}}},
       {"browserExtension:~/.config/google-chrome/Default/Extensions/abcdefgh",
-       T{"Browser Extension", "abcdefgh", (h.home() / ".config/google-chrome/Default/Extensions/abcdefgh").string(), {}}},
+       T{"Browser Extension",
+         "abcdefgh",
+         (h.home() / ".config/google-chrome/Default/Extensions/abcdefgh").string(),
+         {}}},
       {"browserExtension:~/.config/google-chrome/Default/Extensions/ijklmnop",
-       T{"Browser Extension", "Notes", (h.home() / ".config/google-chrome/Default/Extensions/ijklmnop").string(), {}}},
+       T{"Browser Extension",
+         "Notes",
+         (h.home() / ".config/google-chrome/Default/Extensions/ijklmnop").string(),
+         {}}},
       {"browserExtension:~/.mozilla/firefox/x1.default/extensions/blocker@example.org.xpi",
        T{"Browser Extension", "Blocker", "/p/blocker.xpi", {}}},
-      {"cronJob:30 2 * * * \"~/bin/agent\" --nightly", T{"Cron Job", "\"" + ok.string() + "\" --nightly", ok.string(), {}}},
-      {"cronJob:@reboot \"" + helper + "\"", T{"Cron Job", "\"" + helper + "\"", helper, {"Program is missing", "Runs from a temporary folder"}}},
+      {"cronJob:30 2 * * * \"~/bin/agent\" --nightly",
+       T{"Cron Job", "\"" + ok.string() + "\" --nightly", ok.string(), {}}},
+      {"cronJob:@reboot \"" + helper + "\"",
+       T{"Cron Job",
+         "\"" + helper + "\"",
+         helper,
+         {"Program is missing", "Runs from a temporary folder"}}},
   };
   // Scratch paths may hold the home's path inside the system folder's; compare by what matters.
   for (const auto& [id, v] : s) EXPECT_TRUE(expected.count(id)) << id;
@@ -163,21 +193,34 @@ TEST(PersistenceTest, MacosLaunchJobsAndSignatures) {
          "<key>Program</key><string>/Library/Example/.d</string>"
          "<key>ProgramArguments</key><array><string>d</string><string>-v</string></array></dict></plist>";
 
+  // Login items come from System Events: one "<name>\t<path>" line each.
+  const fs::path app = h.folder("Applications/Notes Sync.app");
+  tools.tool("osascript",
+             "Notes Sync\t" + app.string() + "\n\tnot a path\nGone\t/Applications/Gone.app\n");
+
   const auto items = PersistenceInspector::scan(Paths(h.home(), Layout::macos), true, {}, sys);
-  ASSERT_EQ(items.size(), 2u);
+  const auto script = tools.calls("osascript");
+  ASSERT_EQ(script.size(), 1u);
+  EXPECT_EQ(script[0][1], "tell application \"System Events\"");
+  ASSERT_EQ(items.size(), 4u);  // sorted by id: the daemon, the two login items, the agent
+  EXPECT_EQ(items[1].id, "loginItem:/Applications/Gone.app");
+  EXPECT_EQ(items[1].findings, Words{"Program is missing"});
+  EXPECT_EQ(items[2].label, "Notes Sync");
+  EXPECT_EQ(kindLabel(items[2].kind), "Login Item");
+  EXPECT_EQ(items[2].program, app.string());
   EXPECT_EQ(items[0].label, "com.example.d");
   EXPECT_EQ(kindLabel(items[0].kind), "Launch Daemon (root)");
   EXPECT_EQ(items[0].program, "/Library/Example/.d");
   EXPECT_EQ(items[0].arguments, Words{"-v"});
   EXPECT_EQ(items[0].findings, (Words{"Program is missing", "Program is hidden (its name starts with a dot)"}));
-  EXPECT_EQ(items[1].label, "com.example.helper");
-  EXPECT_EQ(kindLabel(items[1].kind), "Launch Agent (you)");
-  EXPECT_EQ(items[1].arguments, Words{"--background"});
-  EXPECT_EQ(items[1].findings, Words{"Not signed"});
+  EXPECT_EQ(items[3].label, "com.example.helper");
+  EXPECT_EQ(kindLabel(items[3].kind), "Launch Agent (you)");
+  EXPECT_EQ(items[3].arguments, Words{"--background"});
+  EXPECT_EQ(items[3].findings, Words{"Not signed"});
 
   tools.tool("codesign", "", 1, "a sealed resource is missing or invalid\n");
   const auto again = PersistenceInspector::scan(Paths(h.home(), Layout::macos), true, {}, sys);
-  EXPECT_EQ(again[1].findings, Words{"Signature is invalid"});
+  EXPECT_EQ(again[3].findings, Words{"Signature is invalid"});
 }
 
 }  // namespace

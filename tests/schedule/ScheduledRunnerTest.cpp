@@ -155,8 +155,9 @@ TEST(ScheduledRunnerTest, DamagedRulesRunNothingAndStayAsTheyAre) {
   EXPECT_TRUE(fs::exists(t.h.path("Library/Caches/com.example.a")));
   EXPECT_EQ(test::readText(t.h.paths().configFile()), settings);
   ASSERT_FALSE(t.log.empty());
-  EXPECT_EQ(t.log[0], "Settings file " + t.h.paths().configFile().string() +
-                          " is damaged (not valid JSON); nothing was removed. Fix it or delete it.");
+  EXPECT_EQ(t.log[0],
+            "Settings file " + t.h.paths().configFile().string() +
+                " is damaged (not valid JSON); nothing was removed. Fix it or delete it.");
   fs::remove(t.h.paths().configFile());
 
   // A missing file means the defaults, and the first tick writes them.

@@ -1,16 +1,17 @@
 // ShredderEngine: the four rules and their edge cases, disposal, the hash cache and watching.
-#include "core/clean/Quarantine.h"
-#include "core/shredder/ShredderEngine.h"
-#include "tests/support/ScratchHome.h"
-#include "tests/support/Wait.h"
-
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <fstream>
+#include <memory>
+#include <mutex>
+
+#include "core/clean/Quarantine.h"
+#include "core/shredder/ShredderEngine.h"
+#include "tests/support/ScratchHome.h"
+#include "tests/support/Wait.h"
 
 namespace kestrel::test {
 namespace {
@@ -198,6 +199,43 @@ TEST(ShredderEngine, ReadsOnlyFilesThatMayHaveATwinAndNeverTheSameFileTwice) {
   EXPECT_EQ(again.counters().bytesHashed, 6000u);
 }
 
+TEST(ShredderEngine, ACopyIsDisposedOfOnlyWhileItsTwinStillHoldsTheSameBytes) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  const fs::path kept = h.text("Downloads/report.pdf", std::string(6000, 'x'));
+  h.text("Downloads/other.pdf", std::string(6000, 'o'));
+  for (const char* rel : {"Downloads/report.pdf", "Downloads/other.pdf"}) h.age(rel, 3, now);
+  ShredderEngine engine(h.linuxPaths(), {}, on());
+  EXPECT_TRUE(engine.sweep(now).empty());  // both are in the index now
+  // The user edits the file the index remembers, then downloads its old content again.
+  h.text("Downloads/report.pdf", std::string(5999, 'x') + "!");
+  h.age("Downloads/report.pdf", 2, now);
+  const fs::path again = h.text("Downloads/report (1).pdf", std::string(6000, 'x'));
+  h.age("Downloads/report (1).pdf", 1, now);
+  EXPECT_TRUE(engine.sweep(now).empty());
+  EXPECT_EQ(test::readText(kept), std::string(5999, 'x') + "!");
+  EXPECT_EQ(test::readText(again), std::string(6000, 'x'));
+  EXPECT_GT(engine.counters().bytesCompared, 0u);
+}
+
+TEST(ShredderEngine, ApprovedCandidateWhoseTwinChangedStays) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  h.file("Downloads/clip.mov", 7000);
+  h.age("Downloads/clip.mov", 2, now);
+  const fs::path copy = h.file("Downloads/clip (1).mov", 7000);
+  h.age("Downloads/clip (1).mov", 1, now);
+  ShredderEngine engine(h.linuxPaths(), {}, on());
+  EXPECT_TRUE(engine.sweep(now).empty());
+  ShredReviewQueue queue(h.linuxPaths());
+  ASSERT_EQ(queue.all().size(), 1u);
+  const ShredCandidate candidate = queue.all()[0];
+  fs::remove(candidate.twinPath);  // the copy it duplicated is gone: this one may be the last
+  EXPECT_FALSE(engine.shredCandidate(candidate, now));
+  EXPECT_TRUE(fs::exists(copy));
+  EXPECT_TRUE(queue.all().empty());
+}
+
 TEST(ShredderEngine, ApprovedCandidateIsDisposedOfAndLeavesTheQueue) {
   ScratchHome h;
   const Date now = std::chrono::system_clock::now();
@@ -218,6 +256,60 @@ TEST(ShredderEngine, ApprovedCandidateIsDisposedOfAndLeavesTheQueue) {
   const fs::path outside = h.file("Documents/x.zip", 5000);
   EXPECT_FALSE(engine.shred(outside, ShredRule::duplicate, "r", std::nullopt, 5000, now));
   EXPECT_TRUE(fs::exists(outside));
+}
+
+// A watcher the test drives by hand: what it watches, and the changes it reports.
+class FakeWatcher : public FolderWatcher {
+ public:
+  struct Shared {
+    std::mutex lock;
+    std::vector<fs::path> folders;
+    OnChange onChange;
+  };
+  explicit FakeWatcher(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
+  size_t watch(const std::vector<fs::path>& folders, OnChange onChange) override {
+    std::lock_guard<std::mutex> guard(shared_->lock);
+    shared_->folders = folders;
+    shared_->onChange = std::move(onChange);
+    return folders.size();
+  }
+  void stop() noexcept override {
+    std::lock_guard<std::mutex> guard(shared_->lock);
+    shared_->onChange = nullptr;
+  }
+
+ private:
+  std::shared_ptr<Shared> shared_;
+};
+
+TEST(ShredderEngine, ADroppedNotificationLeadsToOneFullSweep) {
+  ScratchHome h;
+  const Date now = std::chrono::system_clock::now();
+  h.file("Downloads/a.zip", 6000);
+  h.age("Downloads/a.zip", 2, now);
+  const fs::path copy = h.file("Desktop/a (1).zip", 6000);
+  h.age("Desktop/a (1).zip", 1, now);
+  h.file("Desktop/a.zip", 6000);
+  h.age("Desktop/a.zip", 2, now);
+  auto shared = std::make_shared<FakeWatcher::Shared>();
+  Services services;
+  services.makeFolderWatcher = [shared] { return std::make_unique<FakeWatcher>(shared); };
+  ShredderEngine engine(h.linuxPaths(), {}, on(), services);
+  engine.setDebounce(std::chrono::milliseconds(50));
+  std::atomic<size_t> reported{0};
+  engine.startWatching([&](const std::vector<ShredEvent>& events) { reported += events.size(); });
+  FolderWatcher::OnChange fire;
+  {
+    std::lock_guard<std::mutex> guard(shared->lock);
+    EXPECT_EQ(shared->folders, (std::vector<fs::path>{h.path("Downloads"), h.path("Desktop")}));
+    fire = shared->onChange;
+  }
+  ASSERT_TRUE(fire);
+  fire({{}, true});  // the queue overflowed: nothing says where
+  EXPECT_TRUE(waitFor([&] { return reported.load() == 1; }, 5));
+  EXPECT_FALSE(fs::exists(copy));
+  EXPECT_EQ(engine.counters().sweeps, 1u);
+  engine.stopWatching();
 }
 
 TEST(ShredderEngine, TwentyQuickChangesMakeOneSweep) {

@@ -2,9 +2,9 @@
 // removal); ok() is false where the file system or the user cannot (tests then skip).
 #pragma once
 
-#include "core/system/Shell.h"
-
 #include <filesystem>
+
+#include "core/system/Shell.h"
 
 namespace kestrel::test {
 

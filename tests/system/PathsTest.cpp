@@ -116,6 +116,14 @@ TEST(Paths, LinuxHomeTakesAbsoluteXdgFoldersAndItsUserDirs) {
   EXPECT_EQ(linux.downloadsDir(), h.path("Dl"));
   EXPECT_EQ(linux.desktopDir(), h.path("Desktop"));
   EXPECT_EQ(linux.homeTrashDir(), h.path(".local/share/Trash"));
+  // The folders removals happen in stay inside the home: outside it the default is used, through a
+  // link the real folder.
+  const fs::path realShare = h.folder("disk/share");
+  h.link("share-link", realShare);
+  const Paths linked(h.home(), Layout::linux, {{}, h.outside("cache"), h.path("share-link"), {}});
+  EXPECT_EQ(linked.cacheHome(), fs::canonical(h.home()) / ".cache");
+  EXPECT_EQ(linked.dataHome(), fs::canonical(realShare));
+  EXPECT_EQ(linked.homeTrashDir(), fs::canonical(realShare) / "Trash");
   const Paths mac(h.home(), Layout::macos, {h.path("cfg"), {}, {}, {}});
   EXPECT_EQ(mac.downloadsDir(), h.path("Downloads"));
   EXPECT_EQ(mac.homeTrashDir(), h.path(".Trash"));

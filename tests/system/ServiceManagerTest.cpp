@@ -1,14 +1,13 @@
 // ServiceManager: the exact files of both systems (against golden copies), the tool calls of
 // install, reinstall, uninstall and legacy removal, and the errors users read.
-#include "core/system/ServiceManager.h"
-
-#include "tests/support/FakeTools.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <map>
+
+#include "core/system/ServiceManager.h"
+#include "tests/support/FakeTools.h"
 
 namespace kestrel {
 namespace {
@@ -32,12 +31,19 @@ TEST(ServiceManager, FilesMatchTheGoldenCopies) {
     std::vector<std::pair<std::string, std::string>> files;  // file name, golden copy
   };
   const Case cases[] = {
-      {Layout::macos, BackgroundAgent::scheduler, {{"com.orvo.kestrel.agent.plist", "scheduler.plist"}}},
-      {Layout::macos, BackgroundAgent::shredder, {{"com.orvo.kestrel.agent.shredder.plist", "shredder.plist"}}},
+      {Layout::macos,
+       BackgroundAgent::scheduler,
+       {{"com.orvo.kestrel.agent.plist", "scheduler.plist"}}},
+      {Layout::macos,
+       BackgroundAgent::shredder,
+       {{"com.orvo.kestrel.agent.shredder.plist", "shredder.plist"}}},
       {Layout::linux,
        BackgroundAgent::scheduler,
-       {{"com.orvo.kestrel.agent.service", "scheduler.service"}, {"com.orvo.kestrel.agent.timer", "scheduler.timer"}}},
-      {Layout::linux, BackgroundAgent::shredder, {{"com.orvo.kestrel.agent.shredder.service", "shredder.service"}}},
+       {{"com.orvo.kestrel.agent.service", "scheduler.service"},
+        {"com.orvo.kestrel.agent.timer", "scheduler.timer"}}},
+      {Layout::linux,
+       BackgroundAgent::shredder,
+       {{"com.orvo.kestrel.agent.shredder.service", "shredder.service"}}},
   };
   for (const auto& c : cases) {
     const Paths paths = fixedHome(c.layout);
@@ -49,8 +55,10 @@ TEST(ServiceManager, FilesMatchTheGoldenCopies) {
       EXPECT_EQ(files[i].text, golden(c.files[i].second));
     }
   }
-  EXPECT_EQ(fixedHome(Layout::macos).launchAgentsDir(), "/home/kestrel-golden/Library/LaunchAgents");
-  EXPECT_EQ(fixedHome(Layout::linux).launchAgentsDir(), "/home/kestrel-golden/.config/systemd/user");
+  EXPECT_EQ(fixedHome(Layout::macos).launchAgentsDir(),
+            "/home/kestrel-golden/Library/LaunchAgents");
+  EXPECT_EQ(fixedHome(Layout::linux).launchAgentsDir(),
+            "/home/kestrel-golden/.config/systemd/user");
 }
 
 TEST(ServiceManager, SystemdAcceptsTheUnits) {
@@ -62,7 +70,8 @@ TEST(ServiceManager, SystemdAcceptsTheUnits) {
   // A runtime folder of its own, so verify works without a logged-in user manager.
   const fs::path runtime = h.root() / "runtime";
   fs::create_directories(runtime);
-  std::vector<std::string> args = {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "verify", "--user"};
+  std::vector<std::string> args = {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze",
+                                   "verify", "--user"};
   for (const auto agentKind : {BackgroundAgent::scheduler, BackgroundAgent::shredder}) {
     for (const auto& f : manager->files(agentKind, agent.string())) {
       const fs::path unit = h.root() / "units" / f.path.filename();
@@ -107,10 +116,13 @@ TEST(ServiceManager, LaunchAgentInstallReinstallAndUninstall) {
   EXPECT_FALSE(manager->isInstalled(BackgroundAgent::shredder));
   EXPECT_EQ(test::readText(plist), manager->files(BackgroundAgent::scheduler, kAgent)[0].text);
   // A second install boots the loaded job out first; "already" from bootstrap is no error.
-  launchctl.answers["bootstrap"] = {5, "", "Bootstrap failed: 5: Input/output error: service already loaded"};
+  launchctl.answers["bootstrap"] = {
+      5, "", "Bootstrap failed: 5: Input/output error: service already loaded"};
   manager->install(BackgroundAgent::scheduler, kAgent);
-  const std::vector<std::vector<std::string>> installs = {{"bootout", domain, plist}, {"bootstrap", domain, plist},
-                                                          {"bootout", domain, plist}, {"bootstrap", domain, plist}};
+  const std::vector<std::vector<std::string>> installs = {{"bootout", domain, plist},
+                                                          {"bootstrap", domain, plist},
+                                                          {"bootout", domain, plist},
+                                                          {"bootstrap", domain, plist}};
   EXPECT_EQ(launchctl.calls, installs);
 
   launchctl.answers["bootstrap"] = {37, "", "Operation not permitted"};
@@ -154,7 +166,8 @@ TEST(ServiceManager, SystemdInstallAndUninstallCallSystemctl) {
   EXPECT_TRUE(fs::exists(units / "com.orvo.kestrel.agent.service"));
   EXPECT_TRUE(manager->isInstalled(BackgroundAgent::scheduler));
   EXPECT_TRUE(manager->isInstalled(BackgroundAgent::shredder));
-  EXPECT_TRUE(fs::is_directory(h.linuxPaths().logDir()));  // systemd appends to the log, it makes no folder
+  EXPECT_TRUE(
+      fs::is_directory(h.linuxPaths().logDir()));  // systemd appends to the log, it makes no folder
   manager->uninstall(BackgroundAgent::scheduler);
   manager->uninstall(BackgroundAgent::scheduler);  // nothing left: no call at all
   EXPECT_FALSE(manager->isInstalled(BackgroundAgent::scheduler));
@@ -182,12 +195,14 @@ TEST(ServiceManager, SystemdErrorsSayWhatToDo) {
   } catch (const ServiceError& e) {
     const std::string text = e.what();
     EXPECT_NE(text.find("No systemd user service manager answered"), std::string::npos) << text;
-    EXPECT_NE(text.find("*/15 * * * * '" + kAgent + "' run-scheduled >> '"), std::string::npos) << text;
+    EXPECT_NE(text.find("*/15 * * * * '" + kAgent + "' run-scheduled >> '"), std::string::npos)
+        << text;
   }
   EXPECT_FALSE(manager->isInstalled(BackgroundAgent::scheduler));
   EXPECT_EQ(manager->isActive(BackgroundAgent::scheduler), std::nullopt);
   // A manager that refuses to enable: its own words, after "systemctl: ".
-  tools.script("systemctl", "[ \"$2\" = enable ] && { echo 'Unit file is masked.' >&2; exit 1; }; exit 0");
+  tools.script("systemctl",
+               "[ \"$2\" = enable ] && { echo 'Unit file is masked.' >&2; exit 1; }; exit 0");
   try {
     manager->install(BackgroundAgent::shredder, kAgent);
     ADD_FAILURE() << "a refused enable must fail";

@@ -1,16 +1,17 @@
 // Stale project build products: the rebuildable folders of projects nobody changed for a while.
-#include "core/scan/scanners/Scanners.h"
-#include "core/system/FS.h"
-#include "core/system/FileStat.h"
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "core/scan/scanners/Scanners.h"
+#include "core/system/FS.h"
+#include "core/system/FileStat.h"
 
 namespace kestrel {
 namespace {
@@ -54,11 +55,12 @@ struct BuildFolder {
   std::string_view reason;
 };
 
-// The rebuildable folders. Review where rebuilding needs the network or minutes, safe for caches.
+// The rebuildable folders. Review where rebuilding needs the network or minutes (dependencies,
+// environments, compiled output), safe for caches that refill as the tools run.
 constexpr BuildFolder kBuildFolders[] = {
     {"node_modules", kNode, false, Risk::review, kDependencies},
     {"target", kCargo | kMaven, false, Risk::review, kCompiled},
-    {"build", kGradle, false, Risk::safe, kOutput},
+    {"build", kGradle, false, Risk::review, kOutput},
     {".gradle", kGradle, false, Risk::safe, kCache},
     {".venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
     {"venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
@@ -70,12 +72,12 @@ constexpr BuildFolder kBuildFolders[] = {
     {".nuxt", kNode, false, Risk::safe, kCache},
     {".dart_tool", kDart, false, Risk::safe, kCache},
     {"Pods", kPods | kXcode, false, Risk::review, kDependencies},
-    {"_build", kElixir, false, Risk::safe, kOutput},
-    {".stack-work", kHaskell, false, Risk::safe, kCache},
+    {"_build", kElixir, false, Risk::review, kOutput},
+    {".stack-work", kHaskell, false, Risk::review, kOutput},
     {"zig-cache", kZig, false, Risk::safe, kCache},
     {".zig-cache", kZig, false, Risk::safe, kCache},
 };
-constexpr BuildFolder kCMakeBuild{"", kCMake, false, Risk::safe, kOutput};
+constexpr BuildFolder kCMakeBuild{"", kCMake, false, Risk::review, kOutput};
 
 constexpr int64_t kMinimumSize = 1048576;
 // Levels below a root searched for projects; inside a project the walk goes as deep as the tree,
@@ -272,7 +274,15 @@ class ProjectWalk {
       platform::EntryStat st;
       const bool needStat = project >= 0 || type == platform::EntryType::unknown;
       if (needStat) {
-        if (!platform::statAt(fd, e.name.c_str(), st, true)) continue;  // vanished since the listing
+        if (!platform::statAt(fd, e.name.c_str(), st, true)) {
+          if (errno == ENOENT) continue;  // vanished since the listing
+          // Any other failure hides a date that may be recent: the project counts as in use.
+          if (project >= 0) {
+            markInUse(project);
+            return;
+          }
+          continue;
+        }
         type = st.type;
       }
       if (type == platform::EntryType::directory) {

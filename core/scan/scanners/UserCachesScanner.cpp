@@ -28,6 +28,22 @@ constexpr scanners::Location kLocations[] = {
     {On::linux, Base::config, "*/Code Cache", Shape::self, "Code Cache"},
     {On::linux, Base::config, "*/GPUCache", Shape::self, "GPUCache"},
     {On::linux, Base::config, "*/Service Worker/CacheStorage", Shape::self, "Service Worker cache"},
+    // Shader caches of Chromium-based apps, beside their profiles.
+    {On::linux, Base::config, "*/ShaderCache", Shape::self, "ShaderCache"},
+    {On::linux, Base::config, "*/GrShaderCache", Shape::self, "GrShaderCache"},
+    {On::linux, Base::config, "*/DawnCache", Shape::self, "DawnCache"},
+    // Chromium-based browsers keep the same folders in each profile ("google-chrome/Default",
+    // "BraveSoftware/Brave-Browser/Profile 1").
+    {On::linux, Base::config, "*/*/Cache", Shape::self, "Cache"},
+    {On::linux, Base::config, "*/*/Code Cache", Shape::self, "Code Cache"},
+    {On::linux, Base::config, "*/*/GPUCache", Shape::self, "GPUCache"},
+    {On::linux, Base::config, "*/*/Service Worker/CacheStorage", Shape::self,
+     "Service Worker cache"},
+    {On::linux, Base::config, "*/*/*/Cache", Shape::self, "Cache"},
+    {On::linux, Base::config, "*/*/*/Code Cache", Shape::self, "Code Cache"},
+    {On::linux, Base::config, "*/*/*/GPUCache", Shape::self, "GPUCache"},
+    {On::linux, Base::config, "*/*/*/Service Worker/CacheStorage", Shape::self,
+     "Service Worker cache"},
     // Folders their owners tagged as caches, in the home's top two levels.
     {On::linux, Base::home, "", Shape::taggedChildren},
     {On::linux, Base::home, "*", Shape::taggedChildren},

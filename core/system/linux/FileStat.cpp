@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 namespace kestrel::platform {
@@ -92,6 +93,35 @@ bool readDirectory(int fd, const std::function<void(const char*, EntryType)>& on
   }
 }
 
+namespace {
+
+// Each line of the mount table: its mount id (field 1) and mount point (field 5), with the
+// kernel's octal escapes (\040 for a blank) undone.
+void forEachMount(const std::function<void(uint64_t, const std::string&)>& visit) {
+  std::ifstream in("/proc/self/mountinfo");
+  for (std::string line; std::getline(in, line);) {
+    std::istringstream fields(line);
+    std::string id, parent, devno, root, point;
+    if (!(fields >> id >> parent >> devno >> root >> point)) continue;
+    try {
+      std::string decoded;
+      for (size_t i = 0; i < point.size(); ++i) {
+        if (point[i] == '\\' && i + 3 < point.size()) {
+          decoded += static_cast<char>(std::stoi(point.substr(i + 1, 3), nullptr, 8));
+          i += 3;
+        } else {
+          decoded += point[i];
+        }
+      }
+      visit(std::stoull(id), decoded);
+    } catch (const std::exception&) {
+      // a line this parser does not understand names no mount
+    }
+  }
+}
+
+}  // namespace
+
 bool statAt(int dirfd, const char* name, EntryStat& out, bool full) noexcept {
   struct statx sx;
   const unsigned mask = full ? (STATX_TYPE | STATX_BLOCKS | STATX_INO | STATX_MTIME) : (STATX_TYPE | STATX_BLOCKS);
@@ -118,7 +148,24 @@ std::optional<uint64_t> mountID(int fd) noexcept {
   handle->handle_bytes = MAX_HANDLE_SZ;
   int mount = 0;
   if (::name_to_handle_at(fd, "", handle, &mount, AT_EMPTY_PATH) == 0) return static_cast<uint64_t>(mount);
-  return std::nullopt;
+  // Neither (a file system without handles): the mount table's entry whose point is the longest
+  // prefix of the folder's path, so the walk still stops at a bind mount.
+  try {
+    const std::string where =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
+    std::optional<uint64_t> best;
+    size_t bestLength = 0;
+    forEachMount([&](uint64_t id, const std::string& point) {
+      const bool under = point == "/" || where == point || where.rfind(point + "/", 0) == 0;
+      if (under && point.size() >= bestLength) {
+        best = id;
+        bestLength = point.size();
+      }
+    });
+    return best;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
 std::optional<Date> addedToFolderDate(const std::filesystem::path& path) noexcept {
@@ -147,24 +194,10 @@ bool isRemoteVolume(const std::filesystem::path& path) noexcept {
 }
 
 std::vector<std::filesystem::path> mountPoints() {
-  // Field 5 of each mountinfo line, with the kernel's octal escapes (\040 for a blank) undone.
   std::vector<std::filesystem::path> out;
-  std::ifstream in("/proc/self/mountinfo");
-  for (std::string line; std::getline(in, line);) {
-    std::istringstream fields(line);
-    std::string id, parent, devno, root, point;
-    if (!(fields >> id >> parent >> devno >> root >> point)) continue;
-    std::string decoded;
-    for (size_t i = 0; i < point.size(); ++i) {
-      if (point[i] == '\\' && i + 3 < point.size()) {
-        decoded += static_cast<char>(std::stoi(point.substr(i + 1, 3), nullptr, 8));
-        i += 3;
-      } else {
-        decoded += point[i];
-      }
-    }
-    if (std::find(out.begin(), out.end(), decoded) == out.end()) out.emplace_back(decoded);
-  }
+  forEachMount([&](uint64_t, const std::string& point) {
+    if (std::find(out.begin(), out.end(), point) == out.end()) out.emplace_back(point);
+  });
   return out;
 }
 

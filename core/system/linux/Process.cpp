@@ -15,7 +15,9 @@ int closeOnExecPipe(int fds[2]) noexcept { return ::pipe2(fds, O_CLOEXEC) == 0 ?
 std::string executablePath() {
   char buffer[PATH_MAX];
   const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer);
-  return n > 0 && static_cast<size_t>(n) < sizeof buffer ? std::string(buffer, static_cast<size_t>(n)) : std::string();
+  return n > 0 && static_cast<size_t>(n) < sizeof buffer
+             ? std::string(buffer, static_cast<size_t>(n))
+             : std::string();
 }
 
 }  // namespace kestrel::platform

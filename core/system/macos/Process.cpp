@@ -2,10 +2,9 @@
 #include "core/system/Process.h"
 
 #include <fcntl.h>
-#include <unistd.h>
-
 #include <mach-o/dyld.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>

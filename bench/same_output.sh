@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Runs every read-only command (and a dry-run clean of every category) of two builds of the
+# agent on the same synthetic home and compares their output byte for byte: the proof that a
+# change meant to alter no behaviour (a re-layering) altered none.
+# Usage: bench/same_output.sh BEFORE AFTER [scale]   (commits; each is built into a scratch worktree)
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+before=${1:?before commit}
+after=${2:?after commit}
+scale=${3:-0.05}
+work=$(mktemp -d)
+trap 'git -C "$here" worktree remove --force "$work/before" >/dev/null 2>&1 || true;
+      git -C "$here" worktree remove --force "$work/after" >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+
+build() {
+  git -C "$here" worktree add --detach "$work/$1" "$2" >/dev/null
+  cmake -S "$work/$1" -B "$work/$1/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTREL_TESTS=OFF \
+    -DKESTREL_BENCH=OFF >/dev/null
+  cmake --build "$work/$1/build" --target KestrelAgent >/dev/null
+}
+build before "$before"
+build after "$after"
+
+"$here/../shared/tools/make-home" --root "$work/home" --scale "$scale" --big 0.01 --small-bytes 0.1 --quiet
+categories=$(HOME="$work/home" "$work/after/build/KestrelAgent" clean | sed 's/^Categories: //; s/, / /g')
+commands=("scan" "scan --json" "forecast" "quarantine list" "rules" "help")
+for c in $categories; do commands+=("clean --category $c --max-risk caution --dry-run"); done
+
+same=0 differ=0
+for cmd in "${commands[@]}"; do
+  # Each build gets its own copy of the home, so nothing one run writes reaches the other.
+  for side in before after; do
+    rm -rf "$work/home-$side" && cp -a "$work/home" "$work/home-$side"
+    # shellcheck disable=SC2086 # the command's words are meant to split
+    HOME="$work/home-$side" KESTREL_LAYOUT=macos "$work/$side/build/KestrelAgent" $cmd >"$work/out-$side" 2>&1 || true
+  done
+  if cmp -s "$work/out-before" "$work/out-after"; then
+    same=$((same + 1))
+  else
+    differ=$((differ + 1))
+    echo "differs: $cmd"
+    diff "$work/out-before" "$work/out-after" | head -5
+  fi
+done
+echo "$same of $((same + differ)) commands byte-identical ($(wc -l <"$work/out-after") lines in the last)"
+[ "$differ" -eq 0 ]
