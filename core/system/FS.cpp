@@ -105,6 +105,9 @@ class SizeWalk {
         continue;
       }
       const std::string& name = top.subdirs[top.next++];
+      // One descriptor per level: past kMaxWalkDepth levels the walk holds no more and leaves the
+      // rest uncounted (a size may come out low, never a removal wrong).
+      if (stack.size() >= kMaxWalkDepth) continue;
       const int child = platform::openDirectoryAt(top.fd.get(), name.c_str());
       if (child < 0) continue;  // vanished, unreadable or replaced by a non-folder: nothing to add
       if (mount_ && platform::mountID(child) != mount_) {
