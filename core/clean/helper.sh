@@ -90,7 +90,7 @@ settings() {
   MAX_PATH=1024
   ALLOWED_ROOTS=("/Library/Caches/" "/Library/Logs/" "/private/var/log/" "/private/var/folders/"
     "/Library/LaunchDaemons/" "/Library/LaunchAgents/" "/Library/Application Support/"
-    "/Library/Containers/" "/Applications/")
+    "/Library/Containers/" "/Applications/" "/var/crash/")
 }
 
 reply() {

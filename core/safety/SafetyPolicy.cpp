@@ -188,6 +188,7 @@ SafetyPolicy::SafetyPolicy(Paths paths, const std::vector<std::string>& userProt
     for (const auto& own : {paths_.configDir(), paths_.stateDir(), paths_.dataDir()})
       homeBlocked_.push_back(own.string());
     for (const auto& files : platform::otherVolumeTrashes(paths_)) otherVolumeTrashes_.push_back(files.string());
+    systemCrashDir_ = normalize(paths_.systemCrashDir().string(), paths_.home());
   }
   homeBlocked_.push_back(paths_.launchAgentPlist().string());
 }
@@ -299,6 +300,20 @@ std::optional<std::string> SafetyPolicy::placeOf(const std::string& path) const 
   return p;
 }
 
+std::optional<Verdict> SafetyPolicy::judgeCrashReport(const std::string& p) const {
+  if (systemCrashDir_.empty() || parentOf(p) != systemCrashDir_) return std::nullopt;
+  const std::string name = p.substr(p.rfind('/') + 1);
+  constexpr std::string_view kSuffix = ".crash";
+  if (name.size() <= kSuffix.size() || !name.ends_with(kSuffix) || name.front() == '.') return std::nullopt;
+  // The folder is shared by every user (sticky): another user's report, a link or anything but a
+  // plain file stays where it is.
+  struct stat st;
+  if (::lstat(p.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  if (st.st_uid == ::geteuid()) return Verdict::allowed();
+  if (st.st_uid == 0) return Verdict::needsAdmin();
+  return std::nullopt;
+}
+
 Verdict SafetyPolicy::check(const std::string& path, Memo* memo) const {
   const std::string p = normalize(path, paths_.home(), stripPrivate_);
   if (p.empty() || p.front() != '/') return Verdict::blocked("Not an absolute path");
@@ -327,6 +342,9 @@ Verdict SafetyPolicy::check(const std::string& path, Memo* memo) const {
   const std::string resolvedItem = joinHome(resolveLinks(parent), lastName);
   // A spelling of a place inside the home folder through a link (the home reached another way).
   if (resolvedItem != p && isAtOrUnder(resolvedItem, home_)) return check(resolvedItem, memo);
+  // Reached without a link: the crash folder's reports are the one exception inside /var.
+  if (resolvedItem == p)
+    if (auto v = judgeCrashReport(p)) return *v;
   for (const std::string* candidate : {&p, &resolvedItem}) {
     if (candidate == &resolvedItem && resolvedItem == p) break;
     for (auto root : ProtectedLists::kSystemLocations)

@@ -91,6 +91,10 @@ class SafetyPolicy {
   std::vector<std::string> topLevel_;
   std::vector<std::string> homeBlocked_;
   std::vector<std::string> otherVolumeTrashes_;  // Linux: the user's Trash folders on other volumes
+  std::string systemCrashDir_;                    // Linux: the crash handler's report folder
+  // The verdict for a report directly in the crash folder: the user's own file allowed, root's
+  // needing administrator rights; nothing for any other path.
+  std::optional<Verdict> judgeCrashReport(const std::string& p) const;
   std::function<bool(const std::string&)> isWritable_;
   bool stripPrivate_;  // the platform's standardisation drops a leading "/private" (macOS)
 };

@@ -163,15 +163,18 @@ Paths Paths::fromEnvironment() {
   xdg.cache = env("XDG_CACHE_HOME");
   xdg.data = env("XDG_DATA_HOME");
   xdg.state = env("XDG_STATE_HOME");
+  // Tests point the system's own folders (the crash reports) into a scratch folder.
+  const char* root = std::getenv("KESTREL_SYSTEM_ROOT");
+  const fs::path systemRoot = root && root[0] == '/' ? fs::path(root) : fs::path("/");
   const char* home = std::getenv("HOME");
-  if (home && home[0] == '/') return Paths(home, layout, xdg);
+  if (home && home[0] == '/') return Paths(home, layout, xdg).withSystemRoot(systemRoot);
   // No usable HOME: ask the password database, as login shells do.
   std::vector<char> buf(16384);
   struct passwd pw {};
   struct passwd* result = nullptr;
   if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return Paths(result->pw_dir, layout, xdg);
-  return Paths("/", layout, xdg);
+    return Paths(result->pw_dir, layout, xdg).withSystemRoot(systemRoot);
+  return Paths("/", layout, xdg).withSystemRoot(systemRoot);
 }
 
 Paths Paths::withSystemRoot(const fs::path& root) const {

@@ -82,6 +82,8 @@ class Paths {
   fs::path lib(std::string_view component) const { return library() / fs::path(component); }
   // Where files outside the home live ("/" except in tests, which point it into a scratch folder).
   const fs::path& systemRoot() const { return systemRoot_; }
+  // Where the system's crash handler (apport) writes the reports of crashed programs (Linux).
+  fs::path systemCrashDir() const { return systemRoot_ / "var/crash"; }
   Paths withSystemRoot(const fs::path& root) const;
 
   // The system's own folders. macOS keeps everything in one support folder; Linux follows the

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
 
 namespace kestrel {
@@ -190,6 +191,45 @@ TEST(SafetyPolicy, UserRulesThatAreEmptyOrRelative) {
   }
   const SafetyPolicy relative(h.paths(), {"Projects/keep", "~/x", ""}, writableOnly({}));
   EXPECT_EQ(relative.relativeProtected(), std::vector<std::string>{"Projects/keep"});
+}
+
+TEST(SafetyPolicy, TheCrashFolderGivesUpOnlyTheUsersOwnReports) {
+  ScratchHome h;
+  const fs::path crash = h.root() / "system/var/crash";
+  fs::create_directories(crash / "sub");
+  fs::create_directories(crash / "folder.crash");
+  for (const char* name : {"mine.crash", "notes.txt", ".hidden.crash", "sub/deep.crash", "theirs.crash"})
+    std::ofstream(crash / name) << "report";
+  fs::create_symlink(crash / "mine.crash", crash / "link.crash");
+  fs::create_symlink(crash, h.root() / "to-crash");
+  const bool othersOwn = test::disown(crash / "theirs.crash");
+  const SafetyPolicy onLinux(h.linuxPaths(), {}, writableOnly({}));
+  const Verdict outside = Verdict::blocked("Outside allowed locations");
+  struct Case {
+    fs::path path;
+    Verdict expected;
+  } cases[] = {
+      {crash / "mine.crash", Verdict::allowed()},
+      {crash / "notes.txt", outside},
+      {crash / ".hidden.crash", outside},
+      {crash / "sub/deep.crash", outside},
+      {crash / "folder.crash", outside},
+      {crash / "link.crash", outside},
+      {crash / "gone.crash", outside},
+      {h.root() / "to-crash/mine.crash", outside},  // only reached without a link
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(onLinux.check(c.path.string()), c.expected);
+  }
+  if (othersOwn) {
+    EXPECT_EQ(onLinux.check((crash / "theirs.crash").string()), outside);
+  }
+  // The macOS table has no such folder.
+  EXPECT_EQ(SafetyPolicy(h.paths(), {}, writableOnly({})).check((crash / "mine.crash").string()), outside);
+  // The user's own rules still come first.
+  EXPECT_TRUE(SafetyPolicy(h.linuxPaths(), {crash.string()}, writableOnly({})).check((crash / "mine.crash").string())
+                  .isBlocked());
 }
 
 TEST(SafetyPolicy, HomeReachedThroughALinkStaysHome) {

@@ -30,7 +30,7 @@ void oldFile(ScratchHome& h, const std::string& rel, int64_t bytes = 200000, dou
 
 // Title of every item the scanner lists, keyed by its path relative to the home.
 std::map<std::string, std::string> scan(const ScratchHome& h, const JunkScanner& scanner, Layout layout = Layout::linux) {
-  ScanContext context{Paths(h.home(), layout), AppConfig{}, kNow};
+  ScanContext context{layout == Layout::linux ? h.linuxPaths() : h.paths(), AppConfig{}, kNow};
   std::map<std::string, std::string> out;
   for (const auto& item : scanner.scan(context))
     out[fs::path(*item.path()).lexically_relative(h.home()).string()] = item.title;
@@ -55,6 +55,7 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
   oldFolder(h, ".config/google-chrome/Default/Local Storage");
   oldFolder(h, ".config/chromium/GrShaderCache");
   oldFolder(h, ".config/BraveSoftware/Brave-Browser/Profile 1/GPUCache");
+  oldFolder(h, ".config/BraveSoftware/Brave-Browser/ShaderCache");
   h.text("tagged/CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55\n# made by a tool\n");
   oldFolder(h, "tagged");
   h.text("work/out/CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55");
@@ -75,6 +76,7 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
            "google-chrome — Service Worker cache"},
           {".config/chromium/GrShaderCache", "chromium — GrShaderCache"},
           {".config/BraveSoftware/Brave-Browser/Profile 1/GPUCache", "BraveSoftware — GPUCache"},
+          {".config/BraveSoftware/Brave-Browser/ShaderCache", "BraveSoftware — ShaderCache"},
           {"tagged", "tagged"},
           {"work/out", "out"},
       }));
@@ -102,8 +104,17 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
   // crashReports
   oldFile(h, ".config/Chromium/Crashpad/completed/abc.dmp");
   oldFile(h, ".config/Chromium/Crashpad/pending/def.dmp");
-  EXPECT_EQ(scan(h, CrashReportsScanner()),
-            (std::map<std::string, std::string>{{".config/Chromium/Crashpad/completed/abc.dmp", "abc.dmp"}}));
+  // The system crash handler's shared folder: the user's own reports only.
+  for (const char* name : {"_usr_bin_gedit.1000.crash", "_usr_bin_gedit.1000.upload", "theirs.crash"})
+    oldFile(h, std::string("../system/var/crash/") + name);
+  fs::create_symlink("_usr_bin_gedit.1000.crash", h.root() / "system/var/crash/link.crash");
+  const bool othersOwn = test::disown(h.root() / "system/var/crash/theirs.crash");
+  auto crashes = scan(h, CrashReportsScanner());
+  if (!othersOwn) crashes.erase("../system/var/crash/theirs.crash");
+  EXPECT_EQ(crashes, (std::map<std::string, std::string>{
+                         {".config/Chromium/Crashpad/completed/abc.dmp", "abc.dmp"},
+                         {"../system/var/crash/_usr_bin_gedit.1000.crash", "_usr_bin_gedit.1000.crash"}}));
+  EXPECT_TRUE(scan(h, CrashReportsScanner(), Layout::macos).empty());
 
   // oldDownloads and installers, in the localised Download folder of user-dirs.dirs
   h.text(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements\"\n");

@@ -24,6 +24,8 @@ const bool kEnvironmentSet = [] {
   // Other volumes' Trash folders are looked for only below this (no) folder, so a test's clean
   // never reaches a real mounted disk; a test with a scratch volume points it at its own.
   ::setenv("KESTREL_VOLUMES_ROOT", "/nonexistent-kestrel-test-volumes", 1);
+  // Nor the system's crash reports: a test that wants some makes its own system folder.
+  ::setenv("KESTREL_SYSTEM_ROOT", "/nonexistent-kestrel-test-system", 1);
   return true;
 }();
 

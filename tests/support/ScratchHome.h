@@ -23,8 +23,9 @@ class ScratchHome {
   const fs::path& root() const { return root_; }  // the scratch folder (home lives inside it)
   const fs::path& home() const { return home_; }
   // The macOS table, which most fixtures are shaped for; `linuxPaths` for a Linux-shaped home.
-  Paths paths() const { return Paths(home_, Layout::macos); }
-  Paths linuxPaths() const { return Paths(home_, Layout::linux); }
+  // The system's own folders (the crash reports) are looked for in the scratch folder's "system".
+  Paths paths() const { return Paths(home_, Layout::macos).withSystemRoot(root_ / "system"); }
+  Paths linuxPaths() const { return Paths(home_, Layout::linux).withSystemRoot(root_ / "system"); }
   fs::path path(std::string_view rel) const { return home_ / fs::path(rel); }
 
   // Writes `bytes` bytes ('x') or the given text at rel, creating parent folders.

@@ -94,6 +94,7 @@ fs::path baseFolder(const Paths& paths, Base base) {
     case Base::desktop: return paths.desktopDir();
     case Base::homeTrash: return paths.homeTrashDir();
     case Base::system: return paths.systemRoot();
+    case Base::systemCrash: return paths.systemCrashDir();
   }
   return paths.home();
 }

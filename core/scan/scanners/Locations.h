@@ -11,7 +11,7 @@ namespace kestrel::scanners {
 
 enum class On { macos, linux, both };
 // The folder a row's pattern starts from.
-enum class Base { home, library, cache, config, data, state, downloads, desktop, homeTrash, system };
+enum class Base { home, library, cache, config, data, state, downloads, desktop, homeTrash, system, systemCrash };
 enum class Shape {
   children,        // each child of the folder is looked at
   self,            // the folder (or file) itself is looked at

@@ -28,10 +28,13 @@ constexpr scanners::Location kLocations[] = {
     {On::linux, Base::config, "*/Code Cache", Shape::self, "Code Cache"},
     {On::linux, Base::config, "*/GPUCache", Shape::self, "GPUCache"},
     {On::linux, Base::config, "*/Service Worker/CacheStorage", Shape::self, "Service Worker cache"},
-    // Shader caches of Chromium-based apps, beside their profiles.
+    // Shader caches of Chromium-based apps, beside their profiles ("<App>/", "<Maker>/<App>/").
     {On::linux, Base::config, "*/ShaderCache", Shape::self, "ShaderCache"},
     {On::linux, Base::config, "*/GrShaderCache", Shape::self, "GrShaderCache"},
     {On::linux, Base::config, "*/DawnCache", Shape::self, "DawnCache"},
+    {On::linux, Base::config, "*/*/ShaderCache", Shape::self, "ShaderCache"},
+    {On::linux, Base::config, "*/*/GrShaderCache", Shape::self, "GrShaderCache"},
+    {On::linux, Base::config, "*/*/DawnCache", Shape::self, "DawnCache"},
     // Chromium-based browsers keep the same folders in each profile ("google-chrome/Default",
     // "BraveSoftware/Brave-Browser/Profile 1").
     {On::linux, Base::config, "*/*/Cache", Shape::self, "Cache"},
