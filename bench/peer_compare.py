@@ -43,10 +43,17 @@ def why_left(home, rel):
     if SESSION_LOG.search(rel):
         return "the running session's own log (its .old rotation is offered)"
     parts = rel.split("/")
-    if parts[0] == ".config":
+    for n in range(1, len(parts)):
+        link = os.path.join(home, *parts[:n])
+        if os.path.islink(link):
+            return (f"reached through a link (`{os.path.relpath(link, home)}` → `{os.readlink(link)}`): "
+                    "we remove a link, never what it leads to")
+    if rel.startswith(".local/share/Trash/info/"):
+        return "the Trash's record of an item (removed together with the item we offer)"
+    if parts[0] == ".config" or (parts[0] == "snap" and len(parts) > 3 and parts[2] == "common"):
         cut = next((n for n, part in enumerate(parts) if part in CACHE_NAMES), None)
         if cut is None:
-            return "an app's settings or data in ~/.config, never offered"
+            return "an app's settings or data (~/.config, a snap's own folder), never offered"
         candidate, floor, what = os.path.join(home, *parts[:cut + 1]), 65536, "64 KiB"
     elif parts[0] == ".cache" and len(parts) > 2:
         candidate = os.path.join(home, ".cache", parts[1])

@@ -46,6 +46,9 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
   oldFolder(h, ".var/app/org.gimp.GIMP/cache");
   oldFolder(h, ".var/app/org.gimp.GIMP/data");
   oldFolder(h, "snap/firefox/common/.cache");
+  oldFolder(h, ".java/deployment/cache");
+  oldFolder(h, "snap/chromium/common/chromium/Default/Service Worker/CacheStorage");
+  oldFolder(h, "snap/chromium/common/chromium/Default/Service Worker/Database");  // site data
   oldFolder(h, ".config/Code/Cache");
   oldFolder(h, ".config/Code/Code Cache");
   oldFolder(h, ".config/Code/GPUCache");
@@ -68,6 +71,8 @@ TEST(LinuxLocations, EveryRowOfEveryCategoryFindsItsItems) {
           {".cache/some-app", "some-app"},
           {".var/app/org.gimp.GIMP/cache", "org.gimp.GIMP"},
           {"snap/firefox/common/.cache", "firefox"},
+          {".java/deployment/cache", "Java deployment cache"},
+          {"snap/chromium/common/chromium/Default/Service Worker/CacheStorage", "chromium — Service Worker cache"},
           {".config/Code/Cache", "Code — Cache"},
           {".config/Code/Code Cache", "Code — Code Cache"},
           {".config/Code/GPUCache", "Code — GPUCache"},

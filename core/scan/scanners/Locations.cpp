@@ -100,7 +100,8 @@ fs::path baseFolder(const Paths& paths, Base base) {
 }
 
 std::string Found::title() const {
-  if (row.shape != Shape::self || match.empty()) return child.name;
+  if (row.shape != Shape::self) return child.name;
+  if (match.empty()) return row.suffix.empty() ? child.name : std::string(row.suffix);
   return row.suffix.empty() ? std::string(match) : std::string(match) + " — " + std::string(row.suffix);
 }
 

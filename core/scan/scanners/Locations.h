@@ -26,7 +26,7 @@ struct Location {
   std::string_view pattern;
   Shape shape;
   // For `self` rows below a "*": the item is titled "<match> — <suffix>" (just "<match>" when
-  // empty).
+  // empty); for other `self` rows the suffix, when given, is the whole title.
   std::string_view suffix = {};
   // Only children this accepts are visited (`children` rows); all when null.
   bool (*accept)(const Child&) = nullptr;

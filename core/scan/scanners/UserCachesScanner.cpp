@@ -23,6 +23,8 @@ constexpr scanners::Location kLocations[] = {
     // Sandboxed apps: one item per app.
     {On::linux, Base::home, ".var/app/*/cache", Shape::self},
     {On::linux, Base::home, "snap/*/common/.cache", Shape::self},
+    // Java's download cache of applets and launched applications.
+    {On::linux, Base::home, ".java/deployment/cache", Shape::self, "Java deployment cache"},
     // Chromium-based apps keep their caches beside their settings.
     {On::linux, Base::config, "*/Cache", Shape::self, "Cache"},
     {On::linux, Base::config, "*/Code Cache", Shape::self, "Code Cache"},
@@ -46,6 +48,12 @@ constexpr scanners::Location kLocations[] = {
     {On::linux, Base::config, "*/*/*/Code Cache", Shape::self, "Code Cache"},
     {On::linux, Base::config, "*/*/*/GPUCache", Shape::self, "GPUCache"},
     {On::linux, Base::config, "*/*/*/Service Worker/CacheStorage", Shape::self,
+     "Service Worker cache"},
+    // and so do the snap-packaged ones, in their own folder ("snap/chromium/common/chromium/Default").
+    {On::linux, Base::home, "snap/*/common/*/*/Cache", Shape::self, "Cache"},
+    {On::linux, Base::home, "snap/*/common/*/*/Code Cache", Shape::self, "Code Cache"},
+    {On::linux, Base::home, "snap/*/common/*/*/GPUCache", Shape::self, "GPUCache"},
+    {On::linux, Base::home, "snap/*/common/*/*/Service Worker/CacheStorage", Shape::self,
      "Service Worker cache"},
     // Folders their owners tagged as caches, in the home's top two levels.
     {On::linux, Base::home, "", Shape::taggedChildren},
