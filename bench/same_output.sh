@@ -21,16 +21,24 @@ build() {
 build before "$before"
 build after "$after"
 
-"$here/../shared/tools/make-home" --root "$work/home" --scale "$scale" --big 0.01 --small-bytes 0.1 --quiet
-categories=$(HOME="$work/home" "$work/after/build/KestrelAgent" clean | sed 's/^Categories: //; s/, / /g')
+# Each run gets a home of its own, built afresh with one reference time: a copy would carry the
+# access times the previous copy's reading left, which the "last used" filters read.
+now=$(date +%s)
+fresh_home() {
+  rm -rf "$1"
+  "$here/../shared/tools/make-home" --root "$1" --scale "$scale" --big 0.01 --small-bytes 0.1 --now "$now" --quiet >/dev/null
+}
+fresh_home "$work/home"
+# "clean" without a category prints the category list and exits with the usage status.
+usage=$(HOME="$work/home" "$work/after/build/KestrelAgent" clean 2>/dev/null || true)
+categories=$(printf '%s\n' "$usage" | sed -n 's/^Categories: //p' | sed 's/, / /g')
 commands=("scan" "scan --json" "forecast" "quarantine list" "rules" "help")
 for c in $categories; do commands+=("clean --category $c --max-risk caution --dry-run"); done
 
 same=0 differ=0
 for cmd in "${commands[@]}"; do
-  # Each build gets its own copy of the home, so nothing one run writes reaches the other.
   for side in before after; do
-    rm -rf "$work/home-$side" && cp -a "$work/home" "$work/home-$side"
+    fresh_home "$work/home-$side"
     # shellcheck disable=SC2086 # the command's words are meant to split
     HOME="$work/home-$side" KESTREL_LAYOUT=macos "$work/$side/build/KestrelAgent" $cmd >"$work/out-$side" 2>&1 || true
   done
@@ -39,7 +47,7 @@ for cmd in "${commands[@]}"; do
   else
     differ=$((differ + 1))
     echo "differs: $cmd"
-    diff "$work/out-before" "$work/out-after" | head -5
+    diff "$work/out-before" "$work/out-after" | head -5 || true
   fi
 done
 echo "$same of $((same + differ)) commands byte-identical ($(wc -l <"$work/out-after") lines in the last)"
