@@ -2,7 +2,6 @@
 // reader behind the audit log and the shredder history. The first byte picks the reader. Records
 // that decode write back and read back the same; the JSON-lines reader takes the same lines read
 // from the start as read from the end.
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -38,9 +37,8 @@ void roundTrip(std::string_view text, Decode decode, Encode encode) {
 }
 
 void jsonLines(std::string_view text) {
-  static const std::filesystem::path file =
-      std::filesystem::temp_directory_path() /
-      ("kestrel-fuzz-lines-" + std::to_string(::getpid()) + ".jsonl");
+  static const FuzzScratch scratch("kestrel-fuzz-lines");
+  const std::filesystem::path& file = scratch.path();
   std::ofstream(file, std::ios::binary | std::ios::trunc)
       .write(text.data(), static_cast<std::streamsize>(text.size()));
   const JsonLines lines(file);
