@@ -38,9 +38,10 @@ for c in $categories; do commands+=("clean --category $c --max-risk caution --dr
 same=0 differ=0
 for cmd in "${commands[@]}"; do
   for side in before after; do
-    fresh_home "$work/home-$side"
+    # One home path for both sides: the JSON forms print absolute paths.
+    fresh_home "$work/home"
     # shellcheck disable=SC2086 # the command's words are meant to split
-    HOME="$work/home-$side" KESTREL_LAYOUT=macos "$work/$side/build/KestrelAgent" $cmd >"$work/out-$side" 2>&1 || true
+    HOME="$work/home" KESTREL_LAYOUT=macos "$work/$side/build/KestrelAgent" $cmd >"$work/out-$side" 2>&1 || true
   done
   if cmp -s "$work/out-before" "$work/out-after"; then
     same=$((same + 1))
