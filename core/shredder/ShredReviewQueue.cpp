@@ -46,14 +46,21 @@ void ShredReviewQueue::change(const std::function<bool(List&)>& edit) noexcept {
   }
 }
 
-void ShredReviewQueue::add(const ShredCandidate& candidate) noexcept {
+void ShredReviewQueue::add(const ShredCandidate& candidate) noexcept { add(std::vector<ShredCandidate>{candidate}); }
+
+void ShredReviewQueue::add(const std::vector<ShredCandidate>& candidates) noexcept {
+  if (candidates.empty()) return;
   change([&](List& list) {
-    if (std::any_of(list.begin(), list.end(), [&](const ShredCandidate& c) { return c.path == candidate.path; }))
-      return false;
-    std::erase_if(list, [](const ShredCandidate& c) { return !stillThere(c); });
-    list.push_back(candidate);
+    bool changed = false;
+    for (const auto& candidate : candidates) {
+      if (std::any_of(list.begin(), list.end(), [&](const ShredCandidate& c) { return c.path == candidate.path; }))
+        continue;
+      if (!changed) std::erase_if(list, [](const ShredCandidate& c) { return !stillThere(c); });
+      list.push_back(candidate);
+      changed = true;
+    }
     if (list.size() > kCapacity) list.erase(list.begin(), list.end() - kCapacity);
-    return true;
+    return changed;
   });
 }
 

@@ -21,6 +21,8 @@ class ShredReviewQueue {
   // Queues the candidate unless its path is queued already; past kCapacity the oldest go.
   // Candidates whose files vanished are dropped on the way. Best effort: write errors are lost.
   void add(const ShredCandidate& candidate) noexcept;
+  // The same for several, in one change of the file.
+  void add(const std::vector<ShredCandidate>& candidates) noexcept;
   // Drops the candidate of `path`; best effort.
   void remove(const std::string& path) noexcept;
   // Empties the queue; best effort.

@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <set>
+#include <thread>
 
 #include "core/store/JSONStore.h"
 #include "core/system/FS.h"
@@ -26,6 +28,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int64_t kMinSettleSeconds = 4;
 constexpr int64_t kMinDuplicateBytes = 4097;
+// Larger groups of one length are hashed file by file (one read buffer per member otherwise).
+constexpr size_t kMaxGroupReadMembers = 64;
 constexpr std::array<std::string_view, 7> kPartialExtensions = {"download", "crdownload", "part", "partial",
                                                                 "tmp",      "opdownload", "aria2"};
 constexpr std::array<std::string_view, 3> kInstallerExtensions = {"dmg", "pkg", "mpkg"};
@@ -228,10 +232,85 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     }
   }
 
+  auto settled = [&](const Listed& f) { return now - f.modified > std::chrono::seconds(settle); };
+
+  // Files of one length are read side by side once: each gets its hash and the proof of which
+  // others hold the same bytes. A duplicate proved so needs no second reading at disposal, as
+  // long as both files are unchanged since.
+  struct Proved {
+    FileHash::GroupMember member;
+    size_t group = 0;
+  };
+  std::map<std::string, Proved> proved;  // by name
+  {
+    std::map<int64_t, std::vector<const Listed*>> groups;
+    // Files whose hash is remembered are not read again; they are compared at disposal.
+    for (const auto& f : files)
+      if (qualifies(f) && settled(f) && sizeCount[f.st.st_size] >= 2 && !hashes_.find(f.st))
+        groups[f.st.st_size].push_back(&f);
+    std::erase_if(groups, [](const auto& g) { return g.second.size() < 2 || g.second.size() > kMaxGroupReadMembers; });
+    std::vector<const std::vector<const Listed*>*> work;
+    for (const auto& [size, members] : groups) work.push_back(&members);
+    std::vector<std::vector<FileHash::GroupMember>> results(work.size());
+    std::atomic<size_t> nextGroup{0};
+    std::atomic<uint64_t> read{0};
+    // Two readers: hashing and copying out of the page cache both cost processor time.
+    auto reader = [&] {
+      for (size_t g; (g = nextGroup.fetch_add(1)) < work.size();) {
+        uint64_t bytes = 0;
+        try {
+          std::vector<const char*> names;
+          std::vector<struct stat> expected;
+          for (const Listed* m : *work[g]) {
+            names.push_back(m->name.c_str());
+            expected.push_back(m->st);
+          }
+          results[g] = FileHash::readGroup(dirFd.get(), names, expected, &bytes);
+        } catch (const std::bad_alloc&) {
+          // no result: its files are hashed one by one further down
+        }
+        read += bytes;
+      }
+    };
+    std::thread second;
+    if (work.size() > 1) {
+      try {
+        second = std::thread(reader);
+      } catch (const std::system_error&) {
+        // one reader then
+      }
+    }
+    reader();
+    if (second.joinable()) second.join();
+    bytesHashed_ += read.load();
+    for (size_t g = 0; g < work.size(); ++g) {
+      const auto& members = *work[g];
+      filesHashed_ += members.size();
+      for (size_t i = 0; i < results[g].size(); ++i) {
+        if (!results[g][i].hash) continue;
+        hashes_.put(results[g][i].seen, *results[g][i].hash);
+        proved[members[i]->name] = Proved{results[g][i], g};
+      }
+    }
+  }
+  // Both files compared side by side in this sweep, and neither changed since.
+  auto provedSame = [&](const std::string& a, const std::string& b) {
+    if (fs::path(a).parent_path() != folder || fs::path(b).parent_path() != folder) return false;
+    const auto pa = proved.find(fs::path(a).filename().string()), pb = proved.find(fs::path(b).filename().string());
+    if (pa == proved.end() || pb == proved.end() || pa->second.group != pb->second.group ||
+        pa->second.member.sameAs != pb->second.member.sameAs)
+      return false;
+    struct stat sa, sb;
+    return ::fstatat(dirFd.get(), fs::path(a).filename().c_str(), &sa, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ::fstatat(dirFd.get(), fs::path(b).filename().c_str(), &sb, AT_SYMLINK_NOFOLLOW) == 0 &&
+           FileHash::unchanged(pa->second.member.seen, sa) && FileHash::unchanged(pb->second.member.seen, sb);
+  };
+
+  std::vector<ShredCandidate> held;  // for the review queue, written once when the folder is done
   for (const auto& f : files) {
     if (among(kPartialExtensions, lowerExtension(f.name))) continue;
     const fs::path path = folder / f.name;
-    if (!(now - f.modified > std::chrono::seconds(settle))) {
+    if (!settled(f)) {
       // Departure from waiting for the periodic sweep: a duplicate still settling gets one more
       // sweep at the moment it will have settled.
       if (qualifies(f)) {
@@ -275,7 +354,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     if (std::find(s.ignoredPaths.begin(), s.ignoredPaths.end(), disposePath) != s.ignoredPaths.end()) continue;
     if (s.isSkipped(disposePath)) {
       if (s.reviewSkipped) {
-        review_.add(ShredCandidate{disposePath, keptPath, size, std::string(ShredRule::duplicate),
+        held.push_back(ShredCandidate{disposePath, keptPath, size, std::string(ShredRule::duplicate),
                                    "Identical to " + keptName + ", but ." + lowerExtension(disposePath) +
                                        " is on your skip list",
                                    now});
@@ -285,7 +364,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     // The index remembers content as it was: the copy kept may have been edited since, and a 64-bit
     // hash is no proof. Only byte-for-byte equal files go; otherwise this file takes the entry.
     uint64_t compared = 0;
-    const bool same = FileHash::sameContent(disposePath, keptPath, &compared);
+    const bool same = provedSame(disposePath, keptPath) || FileHash::sameContent(disposePath, keptPath, &compared);
     bytesCompared_ += compared;
     if (!same) {
       std::lock_guard<std::mutex> guard(indexLock_);
@@ -299,6 +378,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
       index_[key] = keptPath;
     }
   }
+  review_.add(held);
   return events;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kestrel::FileHash {
 
@@ -21,6 +22,22 @@ std::optional<uint64_t> ofFileAt(int dirFd, const char* name, const struct stat*
 // changed length while read). Adds the bytes read to `bytesRead`.
 bool sameContent(const std::string& a, const std::string& b,
                  uint64_t* bytesRead = nullptr) noexcept;
+
+// Reads files of one length side by side, block by block, each once: every member gets its hash
+// and the index of the first member holding the same bytes (compared byte for byte). A member that
+// could not be read whole, or whose status changed while it was read, gets neither. `seen` is the member's status when its reading ended, for the caller to tell later
+// that it is still the file compared.
+struct GroupMember {
+  std::optional<uint64_t> hash;
+  std::optional<size_t> sameAs;  // the first member (maybe itself) holding these bytes
+  struct stat seen {};
+};
+std::vector<GroupMember> readGroup(int dirFd, const std::vector<const char*>& names,
+                                   const std::vector<struct stat>& expected, uint64_t* bytesRead);
+
+// True when `now` is the same file as `then`, unchanged since: device, inode, length and the
+// modification and status-change times.
+bool unchanged(const struct stat& then, const struct stat& now) noexcept;
 
 // Sixteen lower-case hexadecimal digits.
 std::string text(uint64_t hash);

@@ -197,6 +197,17 @@ TEST(ShredderEngine, ReadsOnlyFilesThatMayHaveATwinAndNeverTheSameFileTwice) {
   h.age("Downloads/same-size-2.txt", 1, now);
   EXPECT_TRUE(again.sweep(now).empty());
   EXPECT_EQ(again.counters().bytesHashed, 6000u);
+  // Two copies read side by side: the newer goes without either being read a second time.
+  h.text("Downloads/disk.iso", std::string(7000, 'q'));
+  h.text("Downloads/disk (1).iso", std::string(7000, 'q'));
+  h.age("Downloads/disk.iso", 2, now);
+  h.age("Downloads/disk (1).iso", 1, now);
+  const auto before = again.counters();
+  const auto events = again.sweep(now);
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(fs::path(events[0].path).filename(), "disk (1).iso");
+  EXPECT_EQ(again.counters().bytesHashed - before.bytesHashed, 14000u);
+  EXPECT_EQ(again.counters().bytesCompared, before.bytesCompared);
 }
 
 TEST(ShredderEngine, ACopyIsDisposedOfOnlyWhileItsTwinStillHoldsTheSameBytes) {
