@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 
 namespace kestrel::test {
 namespace {
@@ -137,12 +138,24 @@ TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitched
   EXPECT_EQ(readText(h.path("Downloads/a (1).zip")), std::string(6000, 'x'));
 }
 
+// The files moved into the quarantine so far.
+size_t quarantined(const ScratchHome& h) {
+  size_t n = 0;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(h.paths().quarantineDir(), ec);
+       !ec && it != fs::recursive_directory_iterator(); it.increment(ec))
+    if (it->path().parent_path().filename() == "items") ++n;
+  return n;
+}
+
 TEST(ShredderBinary, KilledMidSweepLeavesEveryFileInPlaceOrInTheQuarantine) {
-  constexpr int kPairs = 120;
-  for (int delayMs : {40, 150, 400}) {
-    SCOPED_TRACE(delayMs);
+  constexpr size_t kPairs = 300;
+  // Killed as soon as this many copies are in the quarantine (0: at once, before any sweep).
+  size_t midSweep = 0;
+  for (size_t killAfter : {size_t{0}, size_t{1}, kPairs / 2}) {
+    SCOPED_TRACE(killAfter);
     ScratchHome h;
-    for (int i = 0; i < kPairs; ++i) {
+    for (size_t i = 0; i < kPairs; ++i) {
       const std::string content(5000 + i, static_cast<char>('a' + i % 26));
       h.text("Downloads/f" + std::to_string(i) + ".bin", content);
       h.age("Downloads/f" + std::to_string(i) + ".bin", 2);
@@ -152,19 +165,25 @@ TEST(ShredderBinary, KilledMidSweepLeavesEveryFileInPlaceOrInTheQuarantine) {
     ShredderStore(h.paths()).save(switchedOn());
     {
       Watcher watcher(h, h.root() / "shredder.log");
-      waitFor([] { return false; }, delayMs / 1000.0);
+      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+      while (killAfter > 0 && quarantined(h) < killAfter && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
       watcher.kill9();
     }
+    const size_t in = quarantined(h);
+    if (in > 0 && in < kPairs) ++midSweep;
     // Whatever the moment, after recovery each copy is in place or restorable.
     Quarantine q(h.paths());
     q.recover(std::chrono::system_clock::now());
     for (const auto& s : q.sessions()) EXPECT_TRUE(q.restore(s.id, std::chrono::system_clock::now()).empty());
-    for (int i = 0; i < kPairs; ++i) {
+    for (size_t i = 0; i < kPairs; ++i) {
       const std::string content(5000 + i, static_cast<char>('a' + i % 26));
       EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + ".bin")), content);
       EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + " (1).bin")), content);
     }
   }
+  // The kills did land inside a sweep, not only before or after one.
+  EXPECT_GE(midSweep, 1u);
 }
 
 }  // namespace
