@@ -2,7 +2,8 @@
 # Runs every read-only command (and a dry-run clean of every category) of two builds of the
 # agent on the same synthetic home and compares their output byte for byte: the proof that a
 # change meant to alter no behaviour (a re-layering) altered none.
-# Usage: bench/same_output.sh BEFORE AFTER [scale]   (commits; each is built into a scratch worktree)
+# Usage: bench/same_output.sh BEFORE AFTER [scale]   (commits; each is built into a scratch worktree
+# unless AGENT_BEFORE and AGENT_AFTER name agents built from them)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 before=${1:?before commit}
@@ -18,8 +19,15 @@ build() {
     -DKESTREL_BENCH=OFF >/dev/null
   cmake --build "$work/$1/build" --target KestrelAgent >/dev/null
 }
-build before "$before"
-build after "$after"
+# AGENT_BEFORE / AGENT_AFTER: agents built already from those commits (nothing is built then).
+if [ -n "${AGENT_BEFORE:-}" ] && [ -n "${AGENT_AFTER:-}" ]; then
+  mkdir -p "$work/before/build" "$work/after/build"
+  ln -s "$AGENT_BEFORE" "$work/before/build/KestrelAgent"
+  ln -s "$AGENT_AFTER" "$work/after/build/KestrelAgent"
+else
+  build before "$before"
+  build after "$after"
+fi
 
 # Each run gets a home of its own, built afresh with one reference time: a copy would carry the
 # access times the previous copy's reading left, which the "last used" filters read.
