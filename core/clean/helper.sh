@@ -26,10 +26,10 @@ main() {
   # user's own "priv-" folder where the arguments say, not something a link leads to.
   if [ ! -d "$dir" ] || [ -L "$dir" ]; then exit 1; fi
   local expected owner app_uid
-  expected=$(cd -P -- "${dir%/*}" 2>/dev/null && pwd -P) || exit 1
+  expected=$(cd -P -- "${dir%/*}" 2>/dev/null && here) || exit 1
   expected="$expected/${dir##*/}"
   cd -P -- "$dir" || exit 1
-  [ "$(pwd -P)" = "$expected" ] || exit 1
+  [ "$(here)" = "$expected" ] || exit 1
   [[ "${expected##*/}" == priv-* ]] || exit 1
   # Numeric owner of the folder; ls -n is the form both systems share.
   # shellcheck disable=SC2012
@@ -126,6 +126,13 @@ shape_ok() {
   return 1
 }
 
+# The folder this shell is really in, as the kernel knows it. The shell's own "pwd -P" resolves
+# the name "cd" was given once more, link by link, so a link swapped in between could make it
+# name an allowed folder while the shell stands somewhere else.
+here() {
+  /bin/pwd -P
+}
+
 # True when the physical folder path "$1/" lies at or below an allowed root.
 root_ok() {
   local root
@@ -142,7 +149,7 @@ remove_one() {
   shape_ok "$p" || return 1
   (
     cd -P -- "${p%/*}" 2>/dev/null || exit 1
-    root_ok "$(pwd -P)/" || exit 1
+    root_ok "$(here)/" || exit 1
     /bin/rm -rf -- "./$name" || exit 1
     [ ! -e "./$name" ] && [ ! -L "./$name" ]
   )
@@ -183,7 +190,7 @@ handle() {
          [ "${DECODED%/*}" = "/Library/LaunchDaemons" ] &&
          out=$(
            cd -P -- /Library/LaunchDaemons 2>/dev/null || exit 1
-           if [ "$(pwd -P)" != "/Library/LaunchDaemons" ] || [ ! -f "./$name" ] || [ -L "./$name" ]; then
+           if [ "$(here)" != "/Library/LaunchDaemons" ] || [ ! -f "./$name" ] || [ -L "./$name" ]; then
              exit 1
            fi
            /bin/launchctl bootout system "/Library/LaunchDaemons/$name" 2>&1
@@ -226,10 +233,10 @@ handle() {
 # physical parent.
 cleanup() {
   exec 3<&- 4<&- 2>/dev/null
-  local here
-  here=$(pwd -P)
+  local folder
+  folder=$(here)
   rm -f -- cmd out helper.sh
-  cd -P .. && rmdir -- "./${here##*/}" 2>/dev/null
+  cd -P .. && rmdir -- "./${folder##*/}" 2>/dev/null
 }
 
 main "$@"; exit
