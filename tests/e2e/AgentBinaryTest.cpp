@@ -8,9 +8,9 @@ namespace {
 
 TEST(AgentBinary, PrintsUsageForUnknownCommandsWithOrWithoutHome) {
   ScratchHome h;
-  // {arguments, HOME set}; without HOME the home comes from the password database.
-  const std::pair<std::vector<std::string>, bool> cases[] = {
-      {{}, true}, {{"help"}, true}, {{"Scan"}, true}, {{"help"}, false}};
+  // {arguments, HOME set}; without HOME the home comes from the password database. Which words
+  // count as unknown is the dispatcher's own test.
+  const std::pair<std::vector<std::string>, bool> cases[] = {{{"help"}, true}, {{"help"}, false}};
   for (const auto& [args, withHome] : cases) {
     SCOPED_TRACE((args.empty() ? "<none>" : args[0]) + (withHome ? "" : " without HOME"));
     auto r = runAgentBinary(h, args, withHome);

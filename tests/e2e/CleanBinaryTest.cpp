@@ -1,39 +1,67 @@
-// End to end: "clean" and "quarantine" through the built binary on a scratch home.
+// End to end: "scan", "clean" and "quarantine" through the built binary on a scratch home, with a
+// folder whose name is not UTF-8 beside an ordinary one.
+#include "core/base/ByteFormat.h"
+#include "core/base/Json.h"
+#include "core/base/Text.h"
+#include "core/system/FS.h"
 #include "tests/e2e/RunAgent.h"
 
 #include <gtest/gtest.h>
+
+#include <set>
 
 namespace kestrel::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-TEST(CleanBinary, DryRunThenCleanThenUndo) {
+TEST(CleanBinary, DryRunThenCleanThenUndoKeepTheExactNames) {
   ScratchHome h;
-  h.file("Library/Caches/com.example.app/cache.db", 200000);
-  h.age("Library/Caches/com.example.app/cache.db", 3);
-  h.age("Library/Caches/com.example.app", 3);
-  h.text("Library/Application Support/orvo Kestrel/config.json", R"({"disposalOverrides": {"userCaches": "quarantine"}})");
+  const std::string bad = "Library/Caches/bad\xff", ordinary = "Library/Caches/ordinary";
+  for (const auto& rel : {bad, ordinary}) h.oldFolder(rel, 70000);
+  h.text("Library/Application Support/orvo Kestrel/config.json",
+         R"({"disposalOverrides": {"userCaches": "quarantine"}})");
+  const std::string badPath = h.path(bad).string(), ordinaryPath = h.path(ordinary).string();
+  const std::string size = ByteFormat::string(FS::allocatedSize(badPath) + FS::allocatedSize(ordinaryPath));
 
-  auto dry = runAgentBinary(h, {"clean", "--category", "userCaches", "--dry-run"});
+  // scan --json: valid UTF-8; the id and path keep the byte, the title shows U+FFFD.
+  const auto scan = runAgentBinary(h, {"scan", "--json"});
+  ASSERT_EQ(scan.status, 0) << scan.err;
+  EXPECT_TRUE(Utf8::isValid(scan.out));
+  EXPECT_NE(scan.out.find(R"(Caches\/bad\udcff")"), std::string::npos) << scan.out;
+  const auto items = JsonText::parse(scan.out);
+  ASSERT_TRUE(items && items->is_array());
+  std::set<std::string> ids;
+  for (const auto& item : *items) {
+    ids.insert(item.at("id").get<std::string>());
+    if (item.at("id") == badPath) {
+      EXPECT_EQ(item.at("target").at("path").at("_0").get<std::string>(), badPath);
+      EXPECT_EQ(item.at("title").get<std::string>(), "bad\xEF\xBF\xBD");
+    }
+  }
+  EXPECT_EQ(ids, (std::set<std::string>{badPath, ordinaryPath}));
+
+  const auto dry = runAgentBinary(h, {"clean", "--category", "userCaches", "--dry-run"});
   EXPECT_EQ(dry.status, 0);
   EXPECT_NE(dry.out.find(" to quarantine"), std::string::npos) << dry.out;
-  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.example.app/cache.db")));
+  EXPECT_TRUE(fs::exists(h.path(bad + "/blob")));
 
-  auto clean = runAgentBinary(h, {"clean", "--category", "userCaches"});
-  EXPECT_EQ(clean.status, 0);
-  EXPECT_EQ(clean.out, "201 KB to quarantine\n");
-  EXPECT_FALSE(fs::exists(h.path("Library/Caches/com.example.app")));
-
-  auto list = runAgentBinary(h, {"quarantine", "list"});
-  ASSERT_EQ(list.status, 0);
+  // clean → quarantine list → restore: both back, byte-identical.
+  const auto clean = runAgentBinary(h, {"clean", "--category", "userCaches"});
+  ASSERT_EQ(clean.status, 0) << clean.err;
+  EXPECT_EQ(clean.out, size + " to quarantine\n");
+  EXPECT_FALSE(lexists(badPath));
+  EXPECT_FALSE(lexists(ordinaryPath));
+  const auto list = runAgentBinary(h, {"quarantine", "list"});
+  ASSERT_EQ(list.status, 0) << list.err;
+  EXPECT_NE(list.out.find("\t" + size + "\t2 items\tManual\texpires "), std::string::npos) << list.out;
   const std::string id = list.out.substr(0, list.out.find('\t'));
-  EXPECT_NE(list.out.find("\t201 KB\t1 items\tManual\texpires "), std::string::npos) << list.out;
-  auto restore = runAgentBinary(h, {"quarantine", "restore", id});
-  EXPECT_EQ(restore.out, "Restored.\n");
-  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.example.app/cache.db")));
-  auto missing = runAgentBinary(h, {"quarantine", "purge", id});
-  EXPECT_NE(missing.status, 0);
+  const auto restore = runAgentBinary(h, {"quarantine", "restore", id});
+  EXPECT_EQ(restore.out, "Restored.\n") << restore.err;
+  for (const auto& rel : {bad, ordinary}) {
+    SCOPED_TRACE(rel);
+    EXPECT_EQ(readText(h.path(rel + "/blob")), std::string(70000, 'x'));
+  }
 }
 
 }  // namespace

@@ -46,9 +46,7 @@ TEST(HostileFilesBinary, AStoreReplacedByAFifoNeverHangsItsCommand) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.store + " " + c.args.front());
     ScratchHome h;
-    h.file("Library/Caches/com.app/blob", 200000);
-    h.age("Library/Caches/com.app/blob", 10);
-    h.age("Library/Caches/com.app", 10);
+    h.oldFolder("Library/Caches/com.app");
     h.folder(kSupport + session + "items");
     ASSERT_EQ(::mkfifo(h.path(kSupport + c.store).c_str(), 0600), 0);
     const auto started = std::chrono::steady_clock::now();
@@ -81,9 +79,8 @@ TEST(HostileFilesBinary, ALogFolderItCannotFullySeeIsNotOffered) {
 
 TEST(HostileFilesBinary, ARemovalStopsAtABindMount) {
   ScratchHome h;
-  h.file("Library/Caches/com.app/blob", 200000);
+  h.oldFolder("Library/Caches/com.app");
   h.folder("Library/Caches/com.app/mnt");
-  h.age("Library/Caches/com.app/blob", 10);
   h.age("Library/Caches/com.app", 10);
   const fs::path target = h.outside("precious");
   for (int i = 0; i < 5; ++i) h.file("../outside/precious/file" + std::to_string(i), 100000);

@@ -1,6 +1,5 @@
-// End to end: "scan" and "scan --json" on a synthetic home, checked against the file system.
+// End to end: "scan" and "scan --json" on a synthetic home: stable, safe and in agreement.
 #include "core/safety/SafetyPolicy.h"
-#include "core/scan/scanners/Scanners.h"
 #include "core/base/ByteFormat.h"
 #include "core/base/Json.h"
 #include "core/system/Shell.h"
@@ -8,11 +7,8 @@
 #include "tests/e2e/RunAgent.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <map>
-#include <regex>
 #include <set>
 
 namespace kestrel::test {
@@ -29,27 +25,7 @@ void makeHome(const ScratchHome& h) {
   ASSERT_EQ(r.status, 0) << r.stderr;
 }
 
-// Regular files below a folder, counted by their blocks; links never followed.
-int64_t regularBytes(const fs::path& p) {
-  struct stat st;
-  if (::lstat(p.c_str(), &st) != 0) return 0;
-  if (S_ISREG(st.st_mode)) return static_cast<int64_t>(st.st_blocks) * 512;
-  if (!S_ISDIR(st.st_mode)) return 0;
-  int64_t sum = 0;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(p, ec); !ec && it != fs::recursive_directory_iterator();
-       it.increment(ec))
-    if (::lstat(it->path().c_str(), &st) == 0 && S_ISREG(st.st_mode)) sum += static_cast<int64_t>(st.st_blocks) * 512;
-  return sum;
-}
-
-double secondsSinceModified(const fs::path& p) {
-  struct stat st;
-  EXPECT_EQ(::lstat(p.c_str(), &st), 0) << p;
-  return static_cast<double>(::time(nullptr) - st.st_mtim.tv_sec);
-}
-
-TEST(ScanBinary, SyntheticHomeTableJsonAndFiltersAgree) {
+TEST(ScanBinary, SyntheticHomeTableAndJsonAgreeAndStaySafe) {
   if (!fs::exists(kMakeHome)) GTEST_SKIP() << "the synthetic-home tool is not installed";
   ScratchHome h;
   ASSERT_NO_FATAL_FAILURE(makeHome(h));
@@ -66,9 +42,8 @@ TEST(ScanBinary, SyntheticHomeTableJsonAndFiltersAgree) {
   const auto parsed = JsonText::parse(json1.out);
   ASSERT_TRUE(parsed && parsed->is_array());
   ASSERT_GT(parsed->size(), 10u);
-  std::map<std::string, std::pair<int64_t, int>> byCategory;  // raw value → size, count
-  std::map<std::string, std::set<std::string>> listed;        // raw value → ids
-  std::vector<std::string> order;
+  int64_t total = 0;
+  std::vector<std::string> order;  // the categories, in the JSON's order
   std::set<std::string> paths;
   const SafetyPolicy policy(h.paths(), {});
   const std::string home = h.home().string();
@@ -76,9 +51,7 @@ TEST(ScanBinary, SyntheticHomeTableJsonAndFiltersAgree) {
     const std::string category = item.at("category");
     const std::string path = item.at("target").at("path").at("_0");
     if (order.empty() || order.back() != category) order.push_back(category);
-    byCategory[category].first += item.at("size").get<int64_t>();
-    byCategory[category].second += 1;
-    listed[category].insert(item.at("id"));
+    total += item.at("size").get<int64_t>();
     SCOPED_TRACE(path);
     EXPECT_FALSE(policy.check(path).isBlocked()) << policy.check(path).text;
     EXPECT_EQ(path.rfind(home + "/", 0), 0u);
@@ -89,51 +62,11 @@ TEST(ScanBinary, SyntheticHomeTableJsonAndFiltersAgree) {
     for (fs::path parent = fs::path(p).parent_path(); parent.string().size() > home.size(); parent = parent.parent_path())
       EXPECT_EQ(paths.count(parent.string()), 0u) << p;
 
-  // The table: one line per non-empty category in the JSON's order, then the total.
-  std::string expected;
-  int64_t total = 0;
-  for (const auto& category : order) {
-    const auto [size, count] = byCategory[category];
-    std::string name(displayName(*categoryFromRaw(category)));
-    std::string bytes = ByteFormat::string(size);
-    expected += name + std::string(36 - name.size(), ' ') + bytes + std::string(12 - bytes.size(), ' ') + "(" +
-                std::to_string(count) + " items)\n";
-    total += size;
-  }
-  expected += "Total reclaimable: " + ByteFormat::string(total) + "\n";
-  EXPECT_EQ(table.out, expected);
-
-  // The filters, against an independent look at the home. User caches: every child that is not
-  // excluded, at least an hour old and at least 64 KiB.
-  std::set<std::string> caches;
-  for (const auto& e : fs::directory_iterator(h.path("Library/Caches"))) {
-    const std::string name = e.path().filename().string();
-    if (std::find(kCacheExclusions.begin(), kCacheExclusions.end(), name) != kCacheExclusions.end()) continue;
-    if (name == ".DS_Store" || name == ".localized") continue;
-    if (secondsSinceModified(e.path()) < 3600) continue;
-    if (regularBytes(e.path()) >= 65536) caches.insert(e.path().string());
-  }
-  EXPECT_EQ(listed["userCaches"], caches);
-  EXPECT_FALSE(caches.empty());
-
-  // Trash: every child, no filter.
-  std::set<std::string> trash;
-  for (const auto& e : fs::directory_iterator(h.path(".Trash")))
-    if (e.path().filename() != ".DS_Store" && e.path().filename() != ".localized") trash.insert(e.path().string());
-  EXPECT_EQ(listed["trash"], trash);
-
-  // Package caches: at least 1 MiB and an hour old; never also listed as a user cache.
-  for (const auto& id : listed["packageCaches"]) {
-    EXPECT_GE(regularBytes(id), 1048576) << id;
-    EXPECT_GE(secondsSinceModified(id), 3600) << id;
-    EXPECT_EQ(listed["userCaches"].count(id), 0u);
-  }
-  // Logs never hold crash reports or the agent's own log folder; crash reports are not empty.
-  for (const auto& id : listed["logs"]) {
-    EXPECT_NE(fs::path(id).filename(), "DiagnosticReports");
-    EXPECT_NE(fs::path(id).filename(), "orvo Kestrel");
-  }
-  for (const auto& id : listed["crashReports"]) EXPECT_GT(regularBytes(id), 0) << id;
+  // The table's layout is checked in process; here it has a line per category and the JSON
+  // form's total (each filter is checked at its boundary by the scanner tests).
+  EXPECT_EQ(table.out.substr(table.out.rfind('\n', table.out.size() - 2) + 1),
+            "Total reclaimable: " + ByteFormat::string(total) + "\n");
+  EXPECT_EQ(std::count(table.out.begin(), table.out.end(), '\n'), static_cast<std::ptrdiff_t>(order.size() + 1));
 }
 
 TEST(ScanBinary, LinksOutOfHomeAndBrokenFoldersDoNotLeak) {

@@ -41,10 +41,6 @@ TEST(ScheduleBinary, RunScheduledRunRuleAndRules) {
             std::string::npos)
       << r.out;
   EXPECT_TRUE(RuleStore(h.paths()).load()[3].lastRun);
-
-  r = runAgentBinary(h, {"run-rule", "No such rule"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "No rule named No such rule\n");
 }
 
 }  // namespace

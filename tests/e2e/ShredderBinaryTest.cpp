@@ -68,55 +68,27 @@ ShredderSettings switchedOn() {
   return s;
 }
 
-TEST(ShredderBinary, OnLinuxItWatchesTheLocalisedDownloadFolder) {
-  ScratchHome h;
-  FakeTools tools(h.root() / "bin");
-  tools.tool("notify-send");
-  // No timer sweep in the way: the copy settles and is disposed of by the watcher's own sweep.
-  ScopedEnv tick("KESTREL_SHRED_TICK_SECONDS", "60");
-  ScopedEnv debounce("KESTREL_SHRED_DEBOUNCE_SECONDS", "0.2");
-  h.text(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/T\u00e9l\u00e9chargements\"\n");
-  h.folder("Desktop");
-  h.file("T\u00e9l\u00e9chargements/a.zip", 6000);
-  h.age("T\u00e9l\u00e9chargements/a.zip", 1);
-  ShredderStore(h.linuxPaths()).save(switchedOn());
-
-  Watcher watcher(h, h.root() / "shredder.log", "linux");
-  ASSERT_TRUE(waitFor(
-      [&] { return watcher.logHas("Shredder watching: T\u00e9l\u00e9chargements, Desktop\n"); },
-      10))
-      << watcher.log();
-  h.file("T\u00e9l\u00e9chargements/a (1).zip", 6000);
-  EXPECT_TRUE(waitFor([&] { return watcher.logHas(" shredded a (1).zip"); }, 10)) << watcher.log();
-  EXPECT_FALSE(fs::exists(h.path("T\u00e9l\u00e9chargements/a (1).zip")));
-  // The copy went into the quarantine of the data folder, and comes back from there.
-  const auto list = runAgentLinux(h, {"quarantine", "list"});
-  ASSERT_FALSE(list.out.empty()) << list.err;
-  EXPECT_TRUE(fs::is_directory(h.path(".local/share/orvo-kestrel/Quarantine")));
-  EXPECT_EQ(
-      runAgentLinux(h, {"quarantine", "restore", list.out.substr(0, list.out.find('\t'))}).out,
-      "Restored.\n");
-  EXPECT_TRUE(fs::exists(h.path("T\u00e9l\u00e9chargements/a (1).zip")));
-  EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
-}
-
 TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitchedOff) {
   ScratchHome h;
   FakeTools tools(h.root() / "bin");
   tools.tool("notify-send");
   ScopedEnv tick("KESTREL_SHRED_TICK_SECONDS", "1");
   ScopedEnv debounce("KESTREL_SHRED_DEBOUNCE_SECONDS", "0.2");
+  // The Linux table, whose Download folder is the localised one user-dirs.dirs names.
+  const std::string downloads = "T\u00e9l\u00e9chargements";
+  h.text(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/" + downloads + "\"\n");
   h.folder("Desktop");
-  h.file("Downloads/a.zip", 6000);
-  h.age("Downloads/a.zip", 1);
-  ShredderStore(h.paths()).save(switchedOn());
+  h.file(downloads + "/a.zip", 6000);
+  h.age(downloads + "/a.zip", 1);
+  ShredderStore(h.linuxPaths()).save(switchedOn());
 
-  Watcher watcher(h, h.root() / "shredder.log");
-  ASSERT_TRUE(waitFor([&] { return watcher.logHas("Shredder watching: Downloads, Desktop\n"); }, 10)) << watcher.log();
+  Watcher watcher(h, h.root() / "shredder.log", "linux");
+  ASSERT_TRUE(waitFor([&] { return watcher.logHas("Shredder watching: " + downloads + ", Desktop\n"); }, 10))
+      << watcher.log();
   // A copy keeping its date, moved in as a browser finishes a download.
   const fs::path staged = h.outside("stage") / "a.zip";
-  ASSERT_EQ(Shell::run("cp", {"-p", h.path("Downloads/a.zip").string(), staged.string()}, 10).status, 0);
-  fs::rename(staged, h.path("Downloads/a (1).zip"));
+  ASSERT_EQ(Shell::run("cp", {"-p", h.path(downloads + "/a.zip").string(), staged.string()}, 10).status, 0);
+  fs::rename(staged, h.path(downloads + "/a (1).zip"));
   EXPECT_TRUE(waitFor([&] { return watcher.logHas(" shredded a (1).zip — Byte-identical to a.zip, which you already had\n"); }, 10))
       << watcher.log();
   EXPECT_TRUE(waitFor([&] { return !tools.calls("notify-send").empty(); }, 5));
@@ -124,18 +96,21 @@ TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitched
   ASSERT_EQ(calls.size(), 1u);
   EXPECT_EQ(calls[0], (std::vector<std::string>{"--app-name=orvo Kestrel", "--", "Shredder: 6 KB reclaimed",
                                                  "a (1).zip — Byte-identical to a.zip, which you already had"}));
-  EXPECT_FALSE(fs::exists(h.path("Downloads/a (1).zip")));
+  EXPECT_FALSE(fs::exists(h.path(downloads + "/a (1).zip")));
 
   ShredderSettings off = switchedOn();
   off.enabled = false;
-  ShredderStore(h.paths()).save(off);
+  ShredderStore(h.linuxPaths()).save(off);
   EXPECT_EQ(watcher.waitExit(5), 0);
 
-  // Nothing lost: the duplicate comes back from the quarantine.
-  const auto list = runAgentBinary(h, {"quarantine", "list"});
-  const std::string id = list.out.substr(0, list.out.find('\t'));
-  EXPECT_EQ(runAgentBinary(h, {"quarantine", "restore", id}).out, "Restored.\n");
-  EXPECT_EQ(readText(h.path("Downloads/a (1).zip")), std::string(6000, 'x'));
+  // Nothing lost: the duplicate comes back from the quarantine in the data folder.
+  const auto list = runAgentLinux(h, {"quarantine", "list"});
+  ASSERT_FALSE(list.out.empty()) << list.err;
+  EXPECT_TRUE(fs::is_directory(h.path(".local/share/orvo-kestrel/Quarantine")));
+  EXPECT_EQ(runAgentLinux(h, {"quarantine", "restore", list.out.substr(0, list.out.find('\t'))}).out,
+            "Restored.\n");
+  EXPECT_EQ(readText(h.path(downloads + "/a (1).zip")), std::string(6000, 'x'));
+  EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
 }
 
 // The files moved into the quarantine so far.

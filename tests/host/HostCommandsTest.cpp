@@ -253,16 +253,9 @@ TEST(HostAgents, InstallStartsBothAndStatusReports) {
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.out.find("The Shredder is off; `kestrel shredder on` switches it on."),
             std::string::npos);
-  const std::vector<std::vector<std::string>> calls = {
-      {"systemctl", "--user", "daemon-reload"},
-      {"systemctl", "--user", "enable", "--now", "com.orvo.kestrel.agent.timer"},
-      {"systemctl", "--user", "daemon-reload"},
-      {"systemctl", "--user", "enable", "--now", "com.orvo.kestrel.agent.shredder.service"}};
-  EXPECT_EQ(t.tools, calls);
-  const std::string unit =
-      test::readText(t.h.path(".config/systemd/user/com.orvo.kestrel.agent.service"));
-  EXPECT_NE(unit.find("ExecStart=\"/bin/true\" run-scheduled\n"), std::string::npos) << unit;
-  t.tools.clear();
+  // The unit files and the systemctl calls of an install are the service manager's own tests.
+  EXPECT_EQ(t.tools.back(), (std::vector<std::string>{"systemctl", "--user", "enable", "--now",
+                                                      "com.orvo.kestrel.agent.shredder.service"}));
   // Switching the Shredder on starts its installed service at once.
   ASSERT_EQ(t.run({"shredder", "on"}, Layout::linux).status, 0);
   EXPECT_EQ(t.tools.back(), (std::vector<std::string>{"systemctl", "--user", "restart",

@@ -110,6 +110,14 @@ fs::path ScratchHome::link(std::string_view rel, const fs::path& target) {
   return p;
 }
 
+fs::path ScratchHome::oldFolder(std::string_view rel, int64_t bytes, double days) {
+  const std::string blob = std::string(rel) + "/blob";
+  file(blob, bytes);
+  age(blob, days);
+  age(rel, days);
+  return path(rel);
+}
+
 void ScratchHome::age(std::string_view rel, double days, Date now) {
   const fs::path p = path(rel);
   const auto t = now - std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(days * 86400.0));

@@ -35,6 +35,8 @@ class ScratchHome {
   fs::path link(std::string_view rel, const fs::path& target);
   // Sets access and modification times to `now` minus `days` (fractions allowed), without following links.
   void age(std::string_view rel, double days, Date now = std::chrono::system_clock::now());
+  // A folder at rel holding one file "blob" of `bytes` bytes, both aged by `days` (an old cache).
+  fs::path oldFolder(std::string_view rel, int64_t bytes = 200000, double days = 10);
   // A folder outside the home but inside the scratch folder.
   fs::path outside(std::string_view rel);
 
