@@ -11,8 +11,8 @@
 #include <atomic>
 #include <cctype>
 #include <set>
-#include <thread>
 
+#include "core/base/Workers.h"
 #include "core/store/JSONStore.h"
 #include "core/system/FS.h"
 #include "core/system/FileHash.h"
@@ -238,8 +238,8 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
   // others hold the same bytes. A duplicate proved so needs no second reading at disposal, as
   // long as both files are unchanged since.
   struct Proved {
-    FileHash::GroupMember member;
-    size_t group = 0;
+    std::string sameAs;  // the name of the first file of the group holding the same bytes
+    struct stat seen {};
   };
   std::map<std::string, Proved> proved;  // by name
   {
@@ -272,16 +272,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
         read += bytes;
       }
     };
-    std::thread second;
-    if (work.size() > 1) {
-      try {
-        second = std::thread(reader);
-      } catch (const std::system_error&) {
-        // one reader then
-      }
-    }
-    reader();
-    if (second.joinable()) second.join();
+    runOnWorkers(work.size() > 1 ? 2 : 1, reader);
     bytesHashed_ += read.load();
     for (size_t g = 0; g < work.size(); ++g) {
       const auto& members = *work[g];
@@ -289,7 +280,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
       for (size_t i = 0; i < results[g].size(); ++i) {
         if (!results[g][i].hash) continue;
         hashes_.put(results[g][i].seen, *results[g][i].hash);
-        proved[members[i]->name] = Proved{results[g][i], g};
+        proved[members[i]->name] = Proved{members[*results[g][i].sameAs]->name, results[g][i].seen};
       }
     }
   }
@@ -297,13 +288,11 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
   auto provedSame = [&](const std::string& a, const std::string& b) {
     if (fs::path(a).parent_path() != folder || fs::path(b).parent_path() != folder) return false;
     const auto pa = proved.find(fs::path(a).filename().string()), pb = proved.find(fs::path(b).filename().string());
-    if (pa == proved.end() || pb == proved.end() || pa->second.group != pb->second.group ||
-        pa->second.member.sameAs != pb->second.member.sameAs)
-      return false;
+    if (pa == proved.end() || pb == proved.end() || pa->second.sameAs != pb->second.sameAs) return false;
     struct stat sa, sb;
     return ::fstatat(dirFd.get(), fs::path(a).filename().c_str(), &sa, AT_SYMLINK_NOFOLLOW) == 0 &&
            ::fstatat(dirFd.get(), fs::path(b).filename().c_str(), &sb, AT_SYMLINK_NOFOLLOW) == 0 &&
-           FileHash::unchanged(pa->second.member.seen, sa) && FileHash::unchanged(pb->second.member.seen, sb);
+           FileHash::unchanged(pa->second.seen, sa) && FileHash::unchanged(pb->second.seen, sb);
   };
 
   std::vector<ShredCandidate> held;  // for the review queue, written once when the folder is done

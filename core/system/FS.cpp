@@ -3,6 +3,7 @@
 
 #include "core/system/FileStat.h"
 #include "core/base/UniqueFd.h"
+#include "core/base/Workers.h"
 
 #include <fcntl.h>
 #include <sys/statvfs.h>
@@ -36,16 +37,7 @@ class SizeWalk {
   int64_t run(int rootFd, unsigned workers) {
     mount_ = platform::mountID(rootFd);
     queue_.push_back(rootFd);
-    std::vector<std::thread> threads;
-    for (unsigned i = 1; i < workers; ++i) {
-      try {
-        threads.emplace_back([this] { work(); });
-      } catch (const std::system_error&) {
-        break;  // fewer helpers: the calling thread walks what they would have taken
-      }
-    }
-    work();
-    for (auto& t : threads) t.join();
+    runOnWorkers(workers, [this] { work(); });
     for (int fd : queue_) ::close(fd);  // left over only after a cancel
     return total_.load();
   }
