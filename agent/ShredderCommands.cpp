@@ -58,6 +58,16 @@ std::optional<AppConfig> loadConfigForRemoval(const Context& ctx) {
   return loaded.value.value_or(AppConfig{});
 }
 
+// What a sweep that did not run says, for the log. True when the shredder was switched off.
+bool reportNotRun(const Context& ctx, const SweepResult& result) {
+  if (result.status == SweepResult::Status::off) {
+    ctx.stamp("Shredder is off; exiting.");
+    return true;
+  }
+  if (!result.message.empty()) ctx.stamp(result.message);
+  return false;
+}
+
 }  // namespace
 
 int runShredWatch(Context& ctx) {
@@ -70,6 +80,8 @@ int runShredWatch(Context& ctx) {
   const auto config = loadConfigForRemoval(ctx);
   if (!config) return 1;
   ShredderEngine engine(ctx.paths, *config, settings, ctx.services);
+  // Every sweep acts on the settings files as they are then, and a change of them is watched.
+  engine.followSettingsFiles();
   // Test knobs: the watcher's quiet time before a sweep and the periodic timer.
   engine.setDebounce(std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_DEBOUNCE_SECONDS", 5.0)));
   const auto tick = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -79,38 +91,35 @@ int runShredWatch(Context& ctx) {
   for (const auto& folder : engine.watchedURLs()) names += (names.empty() ? "" : ", ") + folder.filename().string();
   ctx.stamp("Shredder watching: " + names);
 
-  // The engine's thread hands its events over; this thread prints them and runs the timer.
+  // The engine's thread hands its sweeps over; this thread prints them and runs the timer.
   std::mutex lock;
   std::condition_variable arrived;
-  std::deque<std::vector<ShredEvent>> pending;
-  engine.startWatching([&](const std::vector<ShredEvent>& events) {
+  std::deque<SweepResult> pending;
+  engine.startWatching([&](const SweepResult& result) {
     std::lock_guard<std::mutex> guard(lock);
-    pending.push_back(events);
+    pending.push_back(result);
     arrived.notify_all();
   });
-  (void)engine.sweep(ctx.now());
+  // The first and the timer's sweeps print nothing of their events.
+  auto ownSweep = [&] { return reportNotRun(ctx, engine.sweep(ctx.now())); };
+  // Stopped before this frame's queue goes, so no sweep hands results to it while it does.
+  if (ownSweep()) return engine.stopWatching(), 0;
 
   auto next = std::chrono::steady_clock::now() + tick;
   std::unique_lock<std::mutex> guard(lock);
   for (;;) {
     arrived.wait_until(guard, next, [&] { return !pending.empty(); });
     while (!pending.empty()) {
-      const auto events = std::move(pending.front());
+      const SweepResult result = std::move(pending.front());
       pending.pop_front();
       guard.unlock();
-      printEvents(ctx, events, engine.settings().notifyEachEvent);
+      if (reportNotRun(ctx, result)) return engine.stopWatching(), 0;
+      printEvents(ctx, result.events, engine.settings().notifyEachEvent);
       guard.lock();
     }
     if (std::chrono::steady_clock::now() < next) continue;
     guard.unlock();
-    const ShredderSettings fresh = store.load();
-    if (!fresh.approved || !fresh.enabled) {
-      // Stopped before this frame's queue goes, so no sweep hands events to it while it does.
-      engine.stopWatching();
-      return 0;
-    }
-    engine.setSettings(fresh);
-    (void)engine.sweep(ctx.now());  // the timer's own sweep prints nothing
+    if (ownSweep()) return engine.stopWatching(), 0;
     next += tick;
     guard.lock();
   }
@@ -120,12 +129,14 @@ int runShredNow(Context& ctx) {
   const auto config = loadConfigForRemoval(ctx);
   if (!config) return 1;
   ShredderEngine engine(ctx.paths, *config, ShredderStore(ctx.paths).load(), ctx.services);
-  const auto events = engine.sweep(ctx.now());
-  if (events.empty()) {
+  const SweepResult result = engine.sweep(ctx.now());
+  if (result.status == SweepResult::Status::busy) {
+    ctx.out << result.message << '\n';
+  } else if (result.events.empty()) {
     ctx.out << "Nothing to shred.\n";
   } else {
     std::string text;
-    for (const auto& e : events) {
+    for (const auto& e : result.events) {
       if (!text.empty()) text += '\n';
       text += e.name() + " — " + e.reason + " (" + ByteFormat::string(e.size) + ")";
     }

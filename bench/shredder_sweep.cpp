@@ -33,17 +33,17 @@ int main(int argc, char** argv) {
 
   auto t = std::chrono::steady_clock::now();
   ShredderEngine first(paths, {}, s);
-  const auto events = first.sweep(now);
+  const auto events = first.sweep(now).events;
   const double firstSeconds = seconds(t);
   const auto c1 = first.counters();
 
   t = std::chrono::steady_clock::now();
   ShredderEngine fresh(paths, {}, s);
-  const auto again = fresh.sweep(now);
+  const auto again = fresh.sweep(now).events;
   const double freshSeconds = seconds(t);
 
   t = std::chrono::steady_clock::now();
-  const auto third = first.sweep(now);
+  const auto third = first.sweep(now).events;
   const double sameSeconds = seconds(t);
 
   std::printf("first=%.3f events=%zu filesRead=%llu bytesRead=%llu second=%.4f secondEvents=%zu secondBytesRead=%llu "

@@ -13,9 +13,12 @@
 #include <set>
 
 #include "core/base/Workers.h"
+#include "core/shredder/ShredderStore.h"
+#include "core/store/ConfigStore.h"
 #include "core/store/JSONStore.h"
 #include "core/system/FS.h"
 #include "core/system/FileHash.h"
+#include "core/system/FileLock.h"
 #include "core/system/FileStat.h"
 #include "core/system/StoreFile.h"
 #include "core/system/Trash.h"
@@ -134,10 +137,35 @@ std::vector<fs::path> ShredderEngine::watchedURLs() const {
   return out;
 }
 
-std::vector<ShredEvent> ShredderEngine::sweep(Date now) {
-  const ShredderSettings s = settings();
-  if (!s.approved || !s.enabled) return {};
+SweepResult ShredderEngine::sweep(Date now) {
+  SweepResult result;
   std::lock_guard<std::mutex> guard(sweepLock_);
+  const auto damage = refreshSettings();
+  const ShredderSettings s = settings();
+  if (!s.approved || !s.enabled) {
+    result.status = SweepResult::Status::off;
+    return result;
+  }
+  if (damage) {
+    result.status = SweepResult::Status::damagedSettings;
+    result.message = ConfigStore(paths_).damagedMessage(*damage);
+    return result;
+  }
+  // Another process sweeping the same folders with other settings could dispose of the other
+  // copy of a pair this sweep disposes of: sweeps take turns across processes.
+  const auto lock = FileLock::acquire(paths_.shredderSweepLockFile(), lockWait);
+  if (!lock) {
+    result.status = SweepResult::Status::busy;
+    result.message = std::string(ShredderBusy::kText);
+    return result;
+  }
+  // The index may have been changed by another process's sweep since it was read.
+  loadIndex();
+  result.events = sweepLocked(now);
+  return result;
+}
+
+std::vector<ShredEvent> ShredderEngine::sweepLocked(Date now) {
   ++sweeps_;
   settleAt_.reset();
   sweepThread_ = std::this_thread::get_id();
@@ -156,6 +184,68 @@ std::vector<ShredEvent> ShredderEngine::sweep(Date now) {
   hashes_.save();
   if (settleAt_) noteSettle(*settleAt_);
   return events;
+}
+
+ShredderEngine::FileSeen ShredderEngine::seen(const fs::path& file) {
+  FileSeen f;
+  struct stat st;
+  // Followed like the stores follow a final link when they read.
+  if (::stat(file.c_str(), &st) != 0) return f;
+  f.exists = true;
+  f.dev = st.st_dev;
+  f.ino = st.st_ino;
+  f.size = st.st_size;
+  f.modified = platform::modifiedTime(st);
+  f.changed = platform::changedTime(st);
+  return f;
+}
+
+void ShredderEngine::followSettingsFiles() {
+  std::lock_guard<std::mutex> guard(seenLock_);
+  following_ = true;
+  settingsSeen_.reset();  // the first sweep reads both files afresh
+}
+
+std::optional<std::string> ShredderEngine::refreshSettings() {
+  if (!following_) return std::nullopt;
+  // Looked at before reading: a change after this look is seen by the next one.
+  const SettingsSeen now{seen(paths_.configFile()), seen(paths_.shredderSettingsFile())};
+  std::optional<SettingsSeen> before;
+  {
+    std::lock_guard<std::mutex> guard(seenLock_);
+    before = settingsSeen_;
+  }
+  if (!before || now.config != before->config) {
+    const ConfigStore store(paths_);
+    auto loaded = store.loadChecked();
+    if (loaded.damaged()) {
+      settingsDamage_ = loaded.reason;
+    } else {
+      settingsDamage_.reset();
+      config_ = loaded.value.value_or(AppConfig{});
+      policy_ = SafetyPolicy(paths_, config_.protectedPaths, services_);
+    }
+  }
+  if (!before || now.shredder != before->shredder) setSettings(ShredderStore(paths_).load());
+  {
+    std::lock_guard<std::mutex> guard(seenLock_);
+    settingsSeen_ = now;
+  }
+  // The watched folders may have changed with the settings.
+  if (watcher_) {
+    const auto folders = foldersToWatch();
+    if (folders != watchedNow_) {
+      watchedNow_ = folders;
+      watcher_->watch(folders, [this](const FolderWatcher::Change& c) { onFolderChange(c); });
+    }
+  }
+  return settingsDamage_;
+}
+
+std::vector<fs::path> ShredderEngine::foldersToWatch() const {
+  std::vector<fs::path> folders = watchedURLs();
+  if (following_) folders.push_back(paths_.configDir());
+  return folders;
 }
 
 std::vector<ShredderEngine::Listed> ShredderEngine::listFolder(const fs::path& folder, int& dirFd) const {
@@ -285,7 +375,8 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     }
   }
   // Both files compared side by side in this sweep, and neither changed since.
-  auto provedSame = [&](const std::string& a, const std::string& b) {
+  const std::function<bool(const std::string&, const std::string&)> provedSame = [&](const std::string& a,
+                                                                                     const std::string& b) {
     if (fs::path(a).parent_path() != folder || fs::path(b).parent_path() != folder) return false;
     const auto pa = proved.find(fs::path(a).filename().string()), pb = proved.find(fs::path(b).filename().string());
     if (pa == proved.end() || pb == proved.end() || pa->second.sameAs != pb->second.sameAs) return false;
@@ -334,6 +425,8 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     }
     struct stat recordedStat;
     if (::lstat(recorded.c_str(), &recordedStat) != 0) continue;
+    // Two names of one file: removing either frees nothing.
+    if (recordedStat.st_dev == f.st.st_dev && recordedStat.st_ino == f.st.st_ino) continue;
     const auto mine = ageKey(f), theirs = ageKey(Listed{recorded, recordedStat, platform::modifiedTime(recordedStat)});
     // Of two copies exactly as old the one already recorded stays.
     const bool disposeRecorded = s.keepNewest ? mine > theirs : mine < theirs;
@@ -352,10 +445,7 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
     }
     // The index remembers content as it was: the copy kept may have been edited since, and a 64-bit
     // hash is no proof. Only byte-for-byte equal files go; otherwise this file takes the entry.
-    uint64_t compared = 0;
-    const bool same = provedSame(disposePath, keptPath) || FileHash::sameContent(disposePath, keptPath, &compared);
-    bytesCompared_ += compared;
-    if (!same) {
+    if (!twinHolds(disposePath, keptPath, provedSame)) {
       std::lock_guard<std::mutex> guard(indexLock_);
       index_[key] = path.string();
       continue;
@@ -369,6 +459,19 @@ std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now)
   }
   review_.add(held);
   return events;
+}
+
+bool ShredderEngine::twinHolds(const std::string& disposed, const std::string& kept,
+                               const std::function<bool(const std::string&, const std::string&)>& provedSame) {
+  struct stat sd, sk;
+  if (::lstat(disposed.c_str(), &sd) != 0 || ::lstat(kept.c_str(), &sk) != 0) return false;
+  if (!S_ISREG(sd.st_mode) || !S_ISREG(sk.st_mode)) return false;
+  if (sd.st_dev == sk.st_dev && sd.st_ino == sk.st_ino) return false;
+  if (provedSame && provedSame(disposed, kept)) return true;
+  uint64_t compared = 0;
+  const bool same = FileHash::sameContent(disposed, kept, &compared);
+  bytesCompared_ += compared;
+  return same;
 }
 
 std::vector<ShredEvent> ShredderEngine::aged(const fs::path& folder, Date now, int64_t days, std::string_view rule,
@@ -499,11 +602,13 @@ std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string
 }
 
 std::optional<ShredEvent> ShredderEngine::shredCandidate(const ShredCandidate& candidate, Date now) {
+  std::lock_guard<std::mutex> guard(sweepLock_);
+  const auto lock = FileLock::acquire(paths_.shredderSweepLockFile(), lockWait);
+  if (!lock) throw ShredderBusy();
   const std::string twinName = fs::path(candidate.twinPath).filename().string();
   // Approved a while ago: the copy it duplicated may be gone or changed since, and this file may
   // now be the only one. It then stays, and leaves the queue.
-  if (candidate.rule == ShredRule::duplicate &&
-      !FileHash::sameContent(candidate.path, candidate.twinPath)) {
+  if (candidate.rule == ShredRule::duplicate && !twinHolds(candidate.path, candidate.twinPath, nullptr)) {
     review_.remove(candidate.path);
     return std::nullopt;
   }
@@ -559,7 +664,7 @@ void ShredderEngine::scheduleSweep(Clock::time_point at) {
   wake_.notify_all();
 }
 
-void ShredderEngine::startWatching(OnEvents onEvents) {
+void ShredderEngine::startWatching(OnSweep onSweep) {
   stopWatching();
   {
     std::lock_guard<std::mutex> guard(watchLock_);
@@ -567,24 +672,36 @@ void ShredderEngine::startWatching(OnEvents onEvents) {
     stopping_ = false;
     due_.reset();
   }
-  worker_ = std::thread([this, onEvents = std::move(onEvents)] { runWatchLoop(onEvents); });
+  worker_ = std::thread([this, onSweep = std::move(onSweep)] { runWatchLoop(onSweep); });
+  std::lock_guard<std::mutex> guard(sweepLock_);
   watcher_ = services_.makeFolderWatcher();
   if (watcher_) {
-    watcher_->watch(watchedURLs(), [this](const FolderWatcher::Change&) {
-      // An overflow needs nothing more: every sweep looks at every folder.
-      std::chrono::duration<double> d;
-      {
-        std::lock_guard<std::mutex> guard(watchLock_);
-        d = debounce_;
-      }
-      scheduleSweep(Clock::now() + std::chrono::duration_cast<Clock::duration>(d));
-    });
+    watchedNow_ = foldersToWatch();
+    watcher_->watch(watchedNow_, [this](const FolderWatcher::Change& c) { onFolderChange(c); });
   }
 }
 
+void ShredderEngine::onFolderChange(const FolderWatcher::Change& change) {
+  // An overflow needs nothing more: every sweep looks at every folder. In the settings folder
+  // only a change of the two settings files counts (on macOS it holds the quarantine and the
+  // logs, which sweeps write themselves).
+  if (!change.overflow && following_ && change.folder == paths_.configDir()) {
+    const auto folders = watchedURLs();
+    if (std::find(folders.begin(), folders.end(), change.folder) == folders.end()) {
+      const SettingsSeen now{seen(paths_.configFile()), seen(paths_.shredderSettingsFile())};
+      std::lock_guard<std::mutex> guard(seenLock_);
+      if (settingsSeen_ && now == *settingsSeen_) return;
+    }
+  }
+  std::chrono::duration<double> d;
+  {
+    std::lock_guard<std::mutex> guard(watchLock_);
+    d = debounce_;
+  }
+  scheduleSweep(Clock::now() + std::chrono::duration_cast<Clock::duration>(d));
+}
+
 void ShredderEngine::stopWatching() {
-  if (watcher_) watcher_->stop();
-  watcher_.reset();
   {
     std::lock_guard<std::mutex> guard(watchLock_);
     stopping_ = true;
@@ -593,9 +710,13 @@ void ShredderEngine::stopWatching() {
     wake_.notify_all();
   }
   if (worker_.joinable()) worker_.join();
+  std::lock_guard<std::mutex> guard(sweepLock_);
+  if (watcher_) watcher_->stop();
+  watcher_.reset();
+  watchedNow_.clear();
 }
 
-void ShredderEngine::runWatchLoop(OnEvents onEvents) {
+void ShredderEngine::runWatchLoop(OnSweep onSweep) {
   std::unique_lock<std::mutex> lock(watchLock_);
   for (;;) {
     // Sleeps until the next due sweep, or until told; never wakes on its own otherwise.
@@ -605,8 +726,8 @@ void ShredderEngine::runWatchLoop(OnEvents onEvents) {
     if (!due_ || Clock::now() < *due_) continue;
     due_.reset();
     lock.unlock();
-    const auto events = sweep(services_.now());
-    if (!events.empty() && onEvents) onEvents(events);
+    const SweepResult result = sweep(services_.now());
+    if (onSweep && (!result.events.empty() || result.status != SweepResult::Status::done)) onSweep(result);
     lock.lock();
   }
 }

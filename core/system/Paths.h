@@ -111,6 +111,8 @@ class Paths {
   fs::path shredderIndexFile() const { return stateDir() / "shredder-index.json"; }
   // The shredder's cache of content hashes, by file identity (safe to delete: it is rebuilt).
   fs::path shredderHashCacheFile() const { return stateDir() / "shredder-hashes.cache"; }
+  // Held by every shredder sweep of any process while it decides and disposes.
+  fs::path shredderSweepLockFile() const { return stateDir() / "shredder-sweep.lock"; }
   // Removals waiting for administrator rights, kept until a run removes them.
   fs::path adminQueueFile() const { return stateDir() / "admin-queue.json"; }
   // Held while one administrator batch runs, so two never take the same items.

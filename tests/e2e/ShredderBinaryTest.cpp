@@ -1,6 +1,7 @@
 // End to end: "shred-watch" through the built binary, watching a scratch home's Download folder.
 #include "core/clean/Quarantine.h"
 #include "core/shredder/ShredderStore.h"
+#include "core/store/ConfigStore.h"
 #include "core/system/Shell.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/FakeTools.h"
@@ -14,6 +15,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <random>
+#include <sstream>
 #include <thread>
 
 namespace kestrel::test {
@@ -113,6 +116,63 @@ TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitched
   EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
 }
 
+// How many times `text` occurs in `log`.
+size_t count(const std::string& log, const std::string& text) {
+  size_t n = 0;
+  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+  return n;
+}
+
+// A pair of copies in `folder`: "<stem>.zip" two days old and "<stem> (1).zip" one day old.
+void copies(ScratchHome& h, const std::string& folder, const std::string& stem) {
+  h.file(folder + "/" + stem + ".zip", 6000);
+  h.age(folder + "/" + stem + ".zip", 2);
+  h.file(folder + "/" + stem + " (1).zip", 6000);
+  h.age(folder + "/" + stem + " (1).zip", 1);
+}
+
+TEST(ShredderBinary, WatchActsOnTheSettingsOfNow) {
+  ScratchHome h;
+  // No timer tick during the test: only watching the settings can explain what happens.
+  ScopedEnv debounce("KESTREL_SHRED_DEBOUNCE_SECONDS", "0.2");
+  h.folder("Downloads");
+  h.folder("Desktop");
+  const Paths paths = h.linuxPaths();
+  ShredderStore(paths).save(switchedOn());
+  Watcher watcher(h, h.root() / "shredder.log", "linux");
+  ASSERT_TRUE(waitFor([&] { return watcher.logHas("Shredder watching: Downloads, Desktop\n"); }, 10)) << watcher.log();
+
+  // A folder protected a moment ago is left alone; the other watched folder is still swept.
+  AppConfig config;
+  config.protectedPaths = {"~/Downloads"};
+  ConfigStore(paths).save(config);
+  copies(h, "Downloads", "a");
+  copies(h, "Desktop", "b");
+  ASSERT_TRUE(waitFor([&] { return watcher.logHas(" shredded b (1).zip"); }, 10)) << watcher.log();
+  EXPECT_TRUE(fs::exists(h.path("Downloads/a (1).zip")));
+
+  // Damaged settings stop every disposal and say so. Each change arrives as one rename, so each
+  // makes one sweep.
+  h.file("Desktop/c.zip", 6000);
+  h.age("Desktop/c.zip", 2);
+  const auto moveIn = [&](const std::string& rel, const std::string& content, double days) {
+    const fs::path staged = h.text("../stage/" + fs::path(rel).filename().string(), content);
+    h.age("../stage/" + fs::path(rel).filename().string(), days);
+    fs::rename(staged, h.path(rel));
+  };
+  moveIn(".config/orvo-kestrel/config.json", "{\"protectedPaths\": [", 0);
+  const std::string damaged = "Settings file " + paths.configFile().string() + " is damaged (";
+  ASSERT_TRUE(waitFor([&] { return count(watcher.log(), damaged) == 1; }, 10)) << watcher.log();
+  moveIn("Desktop/c (1).zip", std::string(6000, 'x'), 1);
+  ASSERT_TRUE(waitFor([&] { return count(watcher.log(), damaged) == 2; }, 10)) << watcher.log();
+  EXPECT_TRUE(fs::exists(h.path("Desktop/c (1).zip")));
+
+  // Switched off from the command line, it stops within a debounce period.
+  EXPECT_EQ(runHostBinary(h, {"shredder", "off"}, {"KESTREL_LAYOUT=linux"}).status, 0);
+  EXPECT_EQ(watcher.waitExit(5), 0) << watcher.log();
+  EXPECT_TRUE(watcher.logHas("Shredder is off; exiting.\n"));
+}
+
 // The files moved into the quarantine so far.
 size_t quarantined(const ScratchHome& h) {
   size_t n = 0;
@@ -159,6 +219,70 @@ TEST(ShredderBinary, KilledMidSweepLeavesEveryFileInPlaceOrInTheQuarantine) {
   }
   // The kills did land inside a sweep, not only before or after one.
   EXPECT_GE(midSweep, 1u);
+}
+
+// A "shred-now" of its own, on the Linux table with its own settings folder (so two of them
+// can hold opposite settings while sharing the home, the state and the quarantine).
+pid_t startShredNow(const ScratchHome& h, const fs::path& configHome) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    ::dup2(null, 1);
+    ::setenv("HOME", h.home().c_str(), 1);
+    ::setenv("KESTREL_LAYOUT", "linux", 1);
+    ::setenv("XDG_CONFIG_HOME", configHome.c_str(), 1);
+    ::execl(KESTREL_AGENT_BINARY, KESTREL_AGENT_BINARY, "shred-now", static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  return pid;
+}
+
+TEST(ShredderBinary, TwoSweepsWithOppositeSettingsNeverDisposeOfBothCopies) {
+  constexpr int kRounds = 200;
+  std::mt19937 random(20261126);
+  std::string content(4 << 20, '\0');
+  for (auto& c : content) c = static_cast<char>(random());
+  int killedRunning = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE(round);
+    ScratchHome h;
+    const bool quarantineFirst = round % 2 == 0;
+    fs::path configs[2];
+    for (int i = 0; i < 2; ++i) {
+      configs[i] = h.outside("config" + std::to_string(i));
+      ShredderSettings s = switchedOn();
+      s.keepNewest = i == 1;
+      s.quarantineFirst = quarantineFirst;
+      ShredderStore(Paths(h.home(), Layout::linux, {configs[i], {}, {}, {}})).save(s);
+    }
+    h.text("Downloads/report.bin", content);
+    h.age("Downloads/report.bin", 2);
+    h.text("Downloads/report (1).bin", content);
+    h.age("Downloads/report (1).bin", 1);
+    const pid_t pids[2] = {startShredNow(h, configs[0]), startShredNow(h, configs[1])};
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
+    ::kill(pids[round % 4 < 2 ? 0 : 1], SIGKILL);
+    for (pid_t pid : pids) {
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+      if (WIFSIGNALED(status)) ++killedRunning;
+    }
+
+    const bool older = readText(h.path("Downloads/report.bin")) == content;
+    const bool newer = readText(h.path("Downloads/report (1).bin")) == content;
+    ASSERT_TRUE(older || newer) << "both copies were disposed of";
+    if (!quarantineFirst) continue;
+    // Every copy disposed of comes back, through the binary as a user would do it.
+    const auto list = runAgentLinux(h, {"quarantine", "list"});
+    std::istringstream lines(list.out);
+    for (std::string line; std::getline(lines, line);)
+      EXPECT_EQ(runAgentLinux(h, {"quarantine", "restore", line.substr(0, line.find('\t'))}).out, "Restored.\n");
+    EXPECT_EQ(readText(h.path("Downloads/report.bin")), content);
+    EXPECT_EQ(readText(h.path("Downloads/report (1).bin")), content);
+  }
+  // Some kills landed while the process ran, and some after it had ended.
+  EXPECT_GT(killedRunning, 0);
+  EXPECT_LT(killedRunning, kRounds);
 }
 
 }  // namespace

@@ -21,18 +21,34 @@ struct Builder {
   ScratchHome& h;
   Date now;
 
+  // A link at rel to `target` (relative to its folder), it and its folders 41 days old.
+  void link(const std::string& rel, const std::string& target) {
+    fs::create_directories(h.path(rel).parent_path());
+    fs::create_symlink(target, h.path(rel));
+    for (fs::path p(rel); !p.empty(); p = p.parent_path()) h.age(p.string(), 41, now);
+  }
   // A file of `bytes` bytes, it and its folders (up to the home) `days` old.
   void file(const std::string& rel, int64_t bytes, double days) {
     h.file(rel, bytes);
     fs::path p(rel);
     for (; !p.empty(); p = p.parent_path()) h.age(p.string(), days, now);
   }
-  // A project folder with its marker and a source file, `days` old, and build folders of 2 MiB.
+  // A project folder with its marker and a source file, `days` old, and build folders of 2 MiB
+  // shaped as their tools make them.
   void project(const std::string& rel, const std::string& marker, double days,
                const std::vector<std::string>& buildFolders = {}) {
-    for (const auto& b : buildFolders) file(rel + "/" + b + "/blob", 2 * kMiB, days + 1);
+    for (const auto& b : buildFolders) file(rel + "/" + b + "/" + shapedBlob(b), 2 * kMiB, days + 1);
     file(rel + "/" + marker, 10, days);
     file(rel + "/src/main.txt", 10, days);
+  }
+  // Where a build folder's tool puts its bytes (environments get no "pyvenv.cfg" here).
+  static std::string shapedBlob(const std::string& folder) {
+    static const std::map<std::string, std::string> kShapes = {
+        {"node_modules", "pkg/index.js"}, {"target", ".rustc_info.json"},   {"build", "classes/Main.class"},
+        {".gradle", "buildOutputCleanup/x"}, {".mypy_cache", "3.11/m.json"}, {".next", "cache/x"},
+        {"Pods", "Manifest.lock"},        {"_build", "dev/lib/x.beam"},     {".tox", "py311/pyvenv.cfg"}};
+    const auto it = kShapes.find(folder);
+    return it == kShapes.end() ? "blob" : it->second;
   }
 };
 
@@ -149,9 +165,76 @@ TEST(ProjectArtifactsScanner, StaleProjectsOfferTheirBuildFoldersOnly) {
        [](Builder& b) {
          b.project("Developer/ios", "Podfile", 40, {"Pods"});
          b.file("Developer/ios2/App.xcodeproj/project.pbxproj", 10, 40);
-         b.file("Developer/ios2/Pods/blob", 2 * kMiB, 41);
+         b.file("Developer/ios2/Pods/Manifest.lock", 2 * kMiB, 41);
        },
        {"Developer/ios/Pods", "Developer/ios2/Pods"}},
+      // Only what the tool made is offered; the same name on anything else is sources.
+      {"__pycache__ holding anything but compiled Python",
+       [](Builder& b) {
+         b.project("src/py", "setup.py", 40);
+         b.file("src/py/a/__pycache__/m.cpython-311.pyc", 2 * kMiB, 41);
+         b.file("src/py/b/__pycache__/m.cpython-311.pyc", 2 * kMiB, 41);
+         b.file("src/py/b/__pycache__/results.csv", 10, 41);
+       },
+       {"src/py/a/__pycache__"}},
+      {"a build folder that is a repository of its own",
+       [](Builder& b) {
+         b.project("Developer/rust", "Cargo.toml", 40, {"target"});
+         b.file("Developer/rust/target/.git/HEAD", 10, 41);
+         b.project("Developer/rust2", "Cargo.toml", 40, {"target"});
+         b.file("Developer/rust2/target/.hg/store", 10, 41);
+       },
+       {}},
+      {"target without Cargo's or Maven's shape; a cache tag is enough",
+       [](Builder& b) {
+         b.project("Developer/rust", "Cargo.toml", 40);
+         b.file("Developer/rust/target/debug/tool", 2 * kMiB, 41);
+         b.project("Developer/mvn", "pom.xml", 40);
+         b.file("Developer/mvn/target/app.jar", 2 * kMiB, 41);
+         b.h.text("Developer/mvn/target/CACHEDIR.TAG", "Signature: 8a477f597d28d172789f06886806bc55\n");
+         b.h.age("Developer/mvn/target/CACHEDIR.TAG", 41, b.now);
+         b.h.age("Developer/mvn/target", 41, b.now);
+       },
+       {"Developer/mvn/target"}},
+      {"node_modules holds package folders, links to them and scopes only",
+       [](Builder& b) {
+         b.project("work/a", "package.json", 40, {"node_modules"});
+         b.file("work/a/node_modules/@scope/pkg/index.js", 10, 41);
+         b.file("work/a/node_modules/.package-lock.json", 10, 41);
+         b.link("work/a/node_modules/linked", "pkg");
+         b.project("work/b", "package.json", 40, {"node_modules"});
+         b.file("work/b/node_modules/notes.txt", 10, 41);
+         b.project("work/c", "package.json", 40, {"node_modules"});
+         b.file("work/c/node_modules/@scope/stray.txt", 10, 41);
+       },
+       {"work/a/node_modules"}},
+      // Activity behind links inside a project is the project's own.
+      {"sources in a linked folder edited today",
+       [](Builder& b) {
+         b.project("work/app", "package.json", 40, {"node_modules"});
+         b.file("shared/src/today.js", 10, 0);
+         b.link("work/app/src/shared", "../../../shared/src");
+       },
+       {}},
+      {"linked sources untouched, a link to an edited file, a loop",
+       [](Builder& b) {
+         b.project("work/old", "package.json", 40, {"node_modules"});
+         b.file("shared/old/lib.js", 10, 40);
+         b.link("work/old/lib", "../../shared/old");
+         b.link("shared/old/loop", "..");
+         b.link("work/old/lib2", "../../shared/old");  // the same folder, judged once
+         b.project("work/file", "package.json", 40, {"node_modules"});
+         b.file("notes/today.md", 10, 0);
+         b.link("work/file/NOTES.md", "../../notes/today.md");
+       },
+       {"work/old/node_modules"}},
+      {"a link out of the home leaves the project unknown",
+       [](Builder& b) {
+         b.project("work/out", "package.json", 40, {"node_modules"});
+         b.file("../outside/src/a.js", 10, 40);
+         b.link("work/out/src/ext", "../../../../outside/src");
+       },
+       {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -168,7 +251,7 @@ TEST(ProjectArtifactsScanner, ItemsNameTheProjectAndTheirRisk) {
   const Date now = std::chrono::system_clock::now();
   Builder b{h, now};
   b.project("Developer/shop", "package.json", 45, {"node_modules", ".next"});
-  b.file("Developer/shop/node_modules/big", 3 * kMiB, 46);
+  b.file("Developer/shop/node_modules/big/index.js", 3 * kMiB, 46);
   const auto items = scanProjects(h, now);
   ASSERT_EQ(items.size(), 2u);
   EXPECT_EQ(items[0].title, "shop — node_modules");  // largest first

@@ -44,6 +44,7 @@ TEST(ShredderEngine, DuplicateRuleEdgeCases) {
     bool approved = true;
     const char* disposed;  // "new", "old" or "none"
     bool reviewed = false;
+    bool hardLink = false;  // the newcomer is a second name of the first file
   } cases[] = {
       {"4,096 bytes never count", 4096, 10 * kSecond, false, "zip", true, "none"},
       {"4,097 bytes count", 4097, 10 * kSecond, false, "zip", true, "new"},
@@ -52,6 +53,8 @@ TEST(ShredderEngine, DuplicateRuleEdgeCases) {
       {"skip list goes to review", 5000, 10 * kSecond, false, "mp4", true, "none", true},
       {"partial downloads are never looked at", 5000, 10 * kSecond, false, "crdownload", true, "none"},
       {"enabled but not approved does nothing", 5000, 10 * kSecond, false, "zip", false, "none"},
+      {"a hard link frees nothing", 5000, 10 * kSecond, false, "zip", true, "none", false, true},
+      {"a hard link frees nothing, keeping the newest", 5000, 10 * kSecond, true, "zip", true, "none", false, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -59,14 +62,16 @@ TEST(ShredderEngine, DuplicateRuleEdgeCases) {
     const Date now = std::chrono::system_clock::now();
     const std::string oldRel = std::string("Downloads/movie.") + c.ext;
     const std::string newRel = std::string("Downloads/movie (1).") + c.ext;
-    const fs::path old = h.file(oldRel, c.size), fresh = h.file(newRel, c.size);
+    const fs::path old = h.file(oldRel, c.size);
+    const fs::path fresh = c.hardLink ? h.path(newRel) : h.file(newRel, c.size);
+    if (c.hardLink) fs::create_hard_link(old, fresh);
     h.age(oldRel, 2, now);
-    h.age(newRel, c.newcomerDaysOld, now);
+    if (!c.hardLink) h.age(newRel, c.newcomerDaysOld, now);
     ShredderSettings s = on();
     s.keepNewest = c.keepNewest;
     s.approved = c.approved;
     ShredderEngine engine(h.linuxPaths(), {}, s);
-    const auto events = engine.sweep(now);
+    const auto events = engine.sweep(now).events;
     const std::string expect = c.disposed;
     EXPECT_EQ(events.size(), expect == "none" ? 0u : 1u);
     EXPECT_EQ(fs::exists(fresh), expect != "new");
@@ -128,7 +133,7 @@ TEST(ShredderEngine, AgedRulesAndTheTrash) {
   s.maxAutoSizeMB = 1;
   s.tidyScreenshotsAfterDays = 10;
   ShredderEngine engine(h.linuxPaths(), {}, s);
-  const auto events = engine.sweep(now);
+  const auto events = engine.sweep(now).events;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(fs::exists(h.path(c.rel)), !c.gone);
@@ -158,7 +163,7 @@ TEST(ShredderEngine, QuarantinedDuplicateRestoresAndDeletionIsFinal) {
     ShredderSettings s = on();
     s.quarantineFirst = quarantineFirst;
     ShredderEngine engine(h.linuxPaths(), {}, s);
-    const auto events = engine.sweep(now);
+    const auto events = engine.sweep(now).events;
     ASSERT_EQ(events.size(), 1u);
     EXPECT_FALSE(fs::exists(copy));
     EXPECT_EQ(events[0].quarantineSession.has_value(), quarantineFirst);
@@ -182,20 +187,20 @@ TEST(ShredderEngine, ReadsOnlyFilesThatMayHaveATwinAndNeverTheSameFileTwice) {
     h.age(rel, 1, now);
   {
     ShredderEngine engine(h.linuxPaths(), {}, on());
-    EXPECT_TRUE(engine.sweep(now).empty());
+    EXPECT_TRUE(engine.sweep(now).events.empty());
     EXPECT_EQ(engine.counters().filesHashed, 2u);
     EXPECT_EQ(engine.counters().bytesHashed, 12000u);
-    EXPECT_TRUE(engine.sweep(now).empty());
+    EXPECT_TRUE(engine.sweep(now).events.empty());
     EXPECT_EQ(engine.counters().bytesHashed, 12000u);
   }
   // A new engine (a new process) finds the hashes in the cache.
   ShredderEngine again(h.linuxPaths(), {}, on());
-  EXPECT_TRUE(again.sweep(now).empty());
+  EXPECT_TRUE(again.sweep(now).events.empty());
   EXPECT_EQ(again.counters().bytesHashed, 0u);
   // A file rewritten in place is read again.
   h.text("Downloads/same-size-2.txt", std::string(6000, 'c'));
   h.age("Downloads/same-size-2.txt", 1, now);
-  EXPECT_TRUE(again.sweep(now).empty());
+  EXPECT_TRUE(again.sweep(now).events.empty());
   EXPECT_EQ(again.counters().bytesHashed, 6000u);
   // Two copies read side by side: the newer goes without either being read a second time.
   h.text("Downloads/disk.iso", std::string(7000, 'q'));
@@ -203,7 +208,7 @@ TEST(ShredderEngine, ReadsOnlyFilesThatMayHaveATwinAndNeverTheSameFileTwice) {
   h.age("Downloads/disk.iso", 2, now);
   h.age("Downloads/disk (1).iso", 1, now);
   const auto before = again.counters();
-  const auto events = again.sweep(now);
+  const auto events = again.sweep(now).events;
   ASSERT_EQ(events.size(), 1u);
   EXPECT_EQ(fs::path(events[0].path).filename(), "disk (1).iso");
   EXPECT_EQ(again.counters().bytesHashed - before.bytesHashed, 14000u);
@@ -217,13 +222,13 @@ TEST(ShredderEngine, ACopyIsDisposedOfOnlyWhileItsTwinStillHoldsTheSameBytes) {
   h.text("Downloads/other.pdf", std::string(6000, 'o'));
   for (const char* rel : {"Downloads/report.pdf", "Downloads/other.pdf"}) h.age(rel, 3, now);
   ShredderEngine engine(h.linuxPaths(), {}, on());
-  EXPECT_TRUE(engine.sweep(now).empty());  // both are in the index now
+  EXPECT_TRUE(engine.sweep(now).events.empty());  // both are in the index now
   // The user edits the file the index remembers, then downloads its old content again.
   h.text("Downloads/report.pdf", std::string(5999, 'x') + "!");
   h.age("Downloads/report.pdf", 2, now);
   const fs::path again = h.text("Downloads/report (1).pdf", std::string(6000, 'x'));
   h.age("Downloads/report (1).pdf", 1, now);
-  EXPECT_TRUE(engine.sweep(now).empty());
+  EXPECT_TRUE(engine.sweep(now).events.empty());
   EXPECT_EQ(test::readText(kept), std::string(5999, 'x') + "!");
   EXPECT_EQ(test::readText(again), std::string(6000, 'x'));
   EXPECT_GT(engine.counters().bytesCompared, 0u);
@@ -237,7 +242,7 @@ TEST(ShredderEngine, ApprovedCandidateWhoseTwinChangedStays) {
   const fs::path copy = h.file("Downloads/clip (1).mov", 7000);
   h.age("Downloads/clip (1).mov", 1, now);
   ShredderEngine engine(h.linuxPaths(), {}, on());
-  EXPECT_TRUE(engine.sweep(now).empty());
+  EXPECT_TRUE(engine.sweep(now).events.empty());
   ShredReviewQueue queue(h.linuxPaths());
   ASSERT_EQ(queue.all().size(), 1u);
   const ShredCandidate candidate = queue.all()[0];
@@ -255,7 +260,7 @@ TEST(ShredderEngine, ApprovedCandidateIsDisposedOfAndLeavesTheQueue) {
   const fs::path copy = h.file("Downloads/clip (1).mov", 7000);
   h.age("Downloads/clip (1).mov", 1, now);
   ShredderEngine engine(h.linuxPaths(), {}, on());
-  EXPECT_TRUE(engine.sweep(now).empty());
+  EXPECT_TRUE(engine.sweep(now).events.empty());
   ShredReviewQueue queue(h.linuxPaths());
   ASSERT_EQ(queue.all().size(), 1u);
   const auto e = engine.shredCandidate(queue.all()[0], now);
@@ -308,7 +313,7 @@ TEST(ShredderEngine, ADroppedNotificationLeadsToOneFullSweep) {
   ShredderEngine engine(h.linuxPaths(), {}, on(), services);
   engine.setDebounce(std::chrono::milliseconds(50));
   std::atomic<size_t> reported{0};
-  engine.startWatching([&](const std::vector<ShredEvent>& events) { reported += events.size(); });
+  engine.startWatching([&](const SweepResult& r) { reported += r.events.size(); });
   FolderWatcher::OnChange fire;
   {
     std::lock_guard<std::mutex> guard(shared->lock);
@@ -343,7 +348,7 @@ TEST(ShredderEngine, AFreshDuplicateIsSweptAgainOnceItHasSettled) {
   ShredderEngine engine(h.linuxPaths(), {}, on());
   engine.setDebounce(std::chrono::milliseconds(100));
   std::atomic<int> disposed{0};
-  engine.startWatching([&](const std::vector<ShredEvent>& events) { disposed += static_cast<int>(events.size()); });
+  engine.startWatching([&](const SweepResult& r) { disposed += static_cast<int>(r.events.size()); });
   // The download lands 2 seconds after it was written (a browser renaming its partial file).
   const fs::path staged = h.outside("stage") / "staged.pdf";
   std::ofstream(staged) << std::string(9000, 'x');

@@ -116,10 +116,13 @@ void forEachLocation(const ScanContext& context, CleanCategory category, std::sp
 }
 
 bool holdsCacheDirTag(const Child& folder) {
-  static constexpr std::string_view kSignature = "Signature: 8a477f597d28d172789f06886806bc55";
   UniqueFd dir(platform::openDirectoryAt(folder.parentFd, folder.name.c_str()));
-  if (!dir) return false;
-  UniqueFd tag(::openat(dir.get(), "CACHEDIR.TAG", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  return dir && holdsCacheDirTag(dir.get());
+}
+
+bool holdsCacheDirTag(int folderFd) {
+  static constexpr std::string_view kSignature = "Signature: 8a477f597d28d172789f06886806bc55";
+  UniqueFd tag(::openat(folderFd, "CACHEDIR.TAG", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!tag) return false;
   char head[kSignature.size()];
   size_t got = 0;

@@ -52,5 +52,7 @@ void forEachLocation(const ScanContext& context, CleanCategory category, std::sp
 
 // True when the child folder holds a "CACHEDIR.TAG" file starting with the tag's signature.
 bool holdsCacheDirTag(const Child& folder);
+// The same for an open folder.
+bool holdsCacheDirTag(int folderFd);
 
 }  // namespace kestrel::scanners

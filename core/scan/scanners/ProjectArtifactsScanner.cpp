@@ -1,4 +1,5 @@
 // Stale project build products: the rebuildable folders of projects nobody changed for a while.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -6,84 +7,31 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "core/scan/scanners/BuildFolders.h"
 #include "core/scan/scanners/Scanners.h"
 #include "core/system/FS.h"
 #include "core/system/FileStat.h"
+#include "core/system/SafeFiles.h"
 
 namespace kestrel {
 namespace {
 
-// Kinds of project, as bits: a build folder is recognised only beside the marker of its tool.
-enum Kind : unsigned {
-  kNode = 1u << 0, kCargo = 1u << 1, kPython = 1u << 2, kGradle = 1u << 3, kMaven = 1u << 4,
-  kGo = 1u << 5, kCMake = 1u << 6, kXcode = 1u << 7, kDart = 1u << 8, kElixir = 1u << 9,
-  kHaskell = 1u << 10, kZig = 1u << 11, kPods = 1u << 12, kOther = 1u << 13,
-};
-
-struct Marker {
-  std::string_view name;
-  unsigned kind;
-};
-
-// Files whose presence makes a folder a project.
-constexpr Marker kMarkers[] = {
-    {"package.json", kNode},        {"package-lock.json", kNode},  {"yarn.lock", kNode},
-    {"pnpm-lock.yaml", kNode},      {"pnpm-workspace.yaml", kNode}, {"Cargo.toml", kCargo},
-    {"pyproject.toml", kPython},    {"setup.py", kPython},          {"setup.cfg", kPython},
-    {"requirements.txt", kPython},  {"Pipfile", kPython},           {"tox.ini", kPython},
-    {"build.gradle", kGradle},      {"build.gradle.kts", kGradle},  {"settings.gradle", kGradle},
-    {"settings.gradle.kts", kGradle}, {"pom.xml", kMaven},          {"go.mod", kGo},
-    {"CMakeLists.txt", kCMake},     {"pubspec.yaml", kDart},        {"mix.exs", kElixir},
-    {"stack.yaml", kHaskell},       {"build.zig", kZig},            {"Podfile", kPods},
-    {"Package.swift", kOther},      {"Gemfile", kOther},            {"composer.json", kOther},
-    {"deno.json", kOther},
-};
-
-constexpr std::string_view kDependencies = "Installed dependencies; installing them again needs the network";
-constexpr std::string_view kCompiled = "Build output; rebuilt by the next build, which may take minutes";
-constexpr std::string_view kCache = "Build cache; rebuilt automatically when needed";
-constexpr std::string_view kOutput = "Build output; rebuilt by the next build";
-
-struct BuildFolder {
-  std::string_view name;
-  unsigned besides;  // marker kinds of which one must sit beside it; 0: anywhere inside a project
-  bool venv;         // only when it holds "pyvenv.cfg"
-  Risk risk;
-  std::string_view reason;
-};
-
-// The rebuildable folders. Review where rebuilding needs the network or minutes (dependencies,
-// environments, compiled output), safe for caches that refill as the tools run.
-constexpr BuildFolder kBuildFolders[] = {
-    {"node_modules", kNode, false, Risk::review, kDependencies},
-    {"target", kCargo | kMaven, false, Risk::review, kCompiled},
-    {"build", kGradle, false, Risk::review, kOutput},
-    {".gradle", kGradle, false, Risk::safe, kCache},
-    {".venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
-    {"venv", 0, true, Risk::review, "Python environment; recreating it needs the network"},
-    {"__pycache__", 0, false, Risk::safe, kCache},
-    {".pytest_cache", 0, false, Risk::safe, kCache},
-    {".mypy_cache", 0, false, Risk::safe, kCache},
-    {".tox", kPython, false, Risk::review, "Test environments; recreating them needs the network"},
-    {".next", kNode, false, Risk::safe, kCache},
-    {".nuxt", kNode, false, Risk::safe, kCache},
-    {".dart_tool", kDart, false, Risk::safe, kCache},
-    {"Pods", kPods | kXcode, false, Risk::review, kDependencies},
-    {"_build", kElixir, false, Risk::review, kOutput},
-    {".stack-work", kHaskell, false, Risk::review, kOutput},
-    {"zig-cache", kZig, false, Risk::safe, kCache},
-    {".zig-cache", kZig, false, Risk::safe, kCache},
-};
-constexpr BuildFolder kCMakeBuild{"", kCMake, false, Risk::review, kOutput};
+using scanners::BuildFolder;
+using scanners::kCMake;
+using scanners::kXcode;
 
 constexpr int64_t kMinimumSize = 1048576;
 // Levels below a root searched for projects; inside a project the walk goes as deep as the tree,
 // up to kProjectDepth, past which the project counts as in use (its newest change is unknown).
 constexpr int kSearchDepth = 5;
 constexpr int kProjectDepth = 64;
+// Bounds of the look into folders that links inside a project lead to.
+constexpr int kLinkedDepth = 16;
+constexpr size_t kLinkedEntries = 100000;
 // What in a git folder changes when the user commits, checks out or stages.
 constexpr const char* kGitActivity[] = {"logs/HEAD", "HEAD", "index", "ORIG_HEAD"};
 
@@ -173,9 +121,83 @@ class ProjectWalk {
 
   const BuildFolder* buildFolder(const std::string& name, unsigned kindsHere, int project) const {
     if (project < 0) return nullptr;
-    for (const auto& b : kBuildFolders)
+    for (const auto& b : scanners::buildFolders())
       if (name == b.name && (b.besides == 0 || (b.besides & kindsHere))) return &b;
     return nullptr;
+  }
+
+  // Sources may live where a link in the project leads: changes there count as the project's.
+  // A link to a file counts by the file's date; a link to a folder by what the folder holds.
+  void followLink(int dirFd, const std::string& name, int project) {
+    struct stat st {};
+    if (::fstatat(dirFd, name.c_str(), &st, 0) != 0) return;  // dangling: its own date counted
+    if (S_ISREG(st.st_mode)) return touch(project, platform::modifiedTime(st));
+    if (!S_ISDIR(st.st_mode)) return;
+    const Activity a = linkedActivity(dirFd, name, 0);
+    if (!a.known) return markInUse(project);
+    if (a.newest) touch(project, *a.newest);
+  }
+
+  struct Activity {
+    bool known = true;
+    std::optional<Date> newest;
+    void add(const Activity& other) {
+      known = known && other.known;
+      if (other.newest && (!newest || *other.newest > *newest)) newest = other.newest;
+    }
+  };
+
+  // The newest change inside the folder the link `name` leads to, followed only into the home
+  // folder, each folder once (a folder met again adds nothing), to a bounded depth and number of
+  // entries; unknown past those bounds or outside the home.
+  Activity linkedActivity(int dirFd, const std::string& name, int depth) {
+    UniqueFd fd(::openat(dirFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0) return {false, std::nullopt};
+    const auto key = std::make_pair(st.st_dev, st.st_ino);
+    if (const auto it = linked_.find(key); it != linked_.end()) return it->second;
+    linked_[key] = Activity{};  // met again while it is looked at: a loop, which adds nothing
+    const auto real = platform::pathOfDescriptor(fd.get());
+    const Activity a = real && isInsideHome(*real) && depth < kLinkedDepth ? activityInside(fd.get(), depth)
+                                                                           : Activity{false, std::nullopt};
+    return linked_[key] = a;
+  }
+
+  Activity activityInside(int fd, int depth) {
+    std::vector<Entry> entries;
+    if (!platform::readDirectory(fd, [&](const char* n, platform::EntryType t) { entries.push_back({n, t}); }))
+      return {false, std::nullopt};
+    linkedEntries_ += entries.size();
+    if (linkedEntries_ > kLinkedEntries) return {false, std::nullopt};
+    Activity out;
+    for (const auto& e : entries) {
+      platform::EntryStat st;
+      if (!platform::statAt(fd, e.name.c_str(), st, true)) {
+        if (errno != ENOENT) return {false, std::nullopt};
+        continue;
+      }
+      if (st.type == platform::EntryType::directory) {
+        if (depth + 1 >= kLinkedDepth) return {false, std::nullopt};
+        UniqueFd child(platform::openDirectoryAt(fd, e.name.c_str()));
+        if (!child) return {false, std::nullopt};
+        out.add(activityInside(child.get(), depth + 1));
+      } else {
+        out.add({true, st.modified});
+        if (st.type == platform::EntryType::symlink) {
+          struct stat target {};
+          if (::fstatat(fd, e.name.c_str(), &target, 0) != 0) continue;
+          if (S_ISREG(target.st_mode)) out.add({true, platform::modifiedTime(target)});
+          else if (S_ISDIR(target.st_mode)) out.add(linkedActivity(fd, e.name, depth + 1));
+        }
+      }
+      if (!out.known) return out;
+    }
+    return out;
+  }
+
+  bool isInsideHome(const std::string& real) const {
+    const std::string home = context_.home().string();
+    return real.size() > home.size() && real.compare(0, home.size(), home) == 0 && real[home.size()] == '/';
   }
 
   bool sameMount(int fd) const {
@@ -193,17 +215,9 @@ class ProjectWalk {
     if (!context_.oldEnough(st.modified)) return;
     UniqueFd folder(platform::openDirectoryAt(dirFd, name.c_str()));
     if (!folder || !sameMount(folder.get())) return;
-    if (kind.venv) {
-      platform::EntryStat cfg;
-      if (!platform::statAt(folder.get(), "pyvenv.cfg", cfg, false) || cfg.type != platform::EntryType::regular) return;
-    }
-    // A folder that holds a project of its own is sources, whatever its name.
-    bool holdsMarker = false;
-    platform::readDirectory(folder.get(), [&](const char* entry, platform::EntryType) {
-      for (const auto& m : kMarkers)
-        if (m.name == entry) holdsMarker = true;
-    });
-    if (holdsMarker || ::lseek(folder.get(), 0, SEEK_SET) != 0) return;  // the walk below lists it again
+    // Only what the tool made is offered: a folder of sources that shares the name is not.
+    if (!scanners::madeByItsTool(folder.get(), kind)) return;
+    if (::lseek(folder.get(), 0, SEEK_SET) != 0) return;  // the measure lists it again
     const int64_t size = FS::allocatedSizeOfFolder(folder.release(), context_.isCancelled);
     if (context_.isCancelled()) {
       markInUse(project);  // a measure cut short, and a project not fully seen
@@ -244,8 +258,7 @@ class ProjectWalk {
     unsigned kindsHere = 0;
     bool hasGit = false, hasCMakeCache = false;
     for (const auto& e : entries) {
-      for (const auto& m : kMarkers)
-        if (e.name == m.name) kindsHere |= m.kind;
+      kindsHere |= scanners::markerKinds(e.name);
       if (endsWith(e.name, ".xcodeproj") || endsWith(e.name, ".xcworkspace")) kindsHere |= kXcode;
       if (e.name == ".git") hasGit = true;
       if (e.name == "CMakeCache.txt") hasCMakeCache = true;
@@ -289,6 +302,7 @@ class ProjectWalk {
         folders.push_back(&e);
       } else if (project >= 0) {
         touch(project, st.modified);  // files and links alike; a folder's own date is not the user's
+        if (type == platform::EntryType::symlink) followLink(fd, e.name, project);
       }
     }
 
@@ -314,7 +328,7 @@ class ProjectWalk {
       visit(child.get(), path / e->name, real / e->name, depth + 1, project, project >= 0 ? projectDepth + 1 : 0);
       if (cmakeBuildFound_) {
         cmakeBuildFound_ = false;
-        build.emplace_back(e, &kCMakeBuild);
+        build.emplace_back(e, &scanners::cmakeBuildFolder());
       }
     }
     for (const auto& [e, b] : build) offer(fd, e->name, path / e->name, real / e->name, project, *b);
@@ -328,6 +342,8 @@ class ProjectWalk {
   std::vector<Project> projects_;
   std::vector<Found> found_;
   bool cmakeBuildFound_ = false;
+  std::map<std::pair<dev_t, ino_t>, Activity> linked_;  // folders reached through links, judged once
+  size_t linkedEntries_ = 0;
 };
 
 // The roots to search: the setting's ("~" and "~/…" are the home; other relative entries are
