@@ -288,6 +288,25 @@ void forgetTrashEntry(const fs::path& entry) noexcept {
   }
 }
 
+namespace {
+
+// Opens `name` in `parent` as a real folder (never through a link) owned by the user.
+UniqueFd ownRealFolder(int parent, const char* name) {
+  UniqueFd fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+  struct stat st;
+  if (!fd || ::fstat(fd.get(), &st) != 0 || st.st_uid != ::getuid()) return UniqueFd();
+  return fd;
+}
+
+// True when `trash` in the open folder `parent` is the user's own Trash with its "files" folder,
+// both real folders of the user's.
+bool isOwnTrash(int parent, const char* trash) {
+  const UniqueFd fd = ownRealFolder(parent, trash);
+  return fd && ownRealFolder(fd.get(), "files");
+}
+
+}  // namespace
+
 std::vector<fs::path> otherVolumeTrashes(const Paths& paths) {
   std::vector<fs::path> out;
   const std::string uid = std::to_string(::getuid());
@@ -300,17 +319,24 @@ std::vector<fs::path> otherVolumeTrashes(const Paths& paths) {
   for (const auto& top : mountPoints()) {
     const std::string point = top.string(), root = volumesRoot.string();
     if (root != "/" && point != root && point.rfind(root + "/", 0) != 0) continue;
-    struct stat st;
-    if (::stat(top.c_str(), &st) != 0 || (haveHome && st.st_dev == homeStat.st_dev)) continue;
-    if (::access(top.c_str(), W_OK) != 0) continue;  // a volume the user cannot write holds no Trash of theirs
-    struct stat shared;
-    const fs::path sharedTrash = top / ".Trash";
-    if (::lstat(sharedTrash.c_str(), &shared) == 0 && S_ISDIR(shared.st_mode) && (shared.st_mode & S_ISVTX)) {
-      const fs::path files = sharedTrash / uid / "files";
-      if (::lstat(files.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) out.push_back(files);
+    // Anyone who can write a volume can plant names in it: every folder on the way is opened
+    // without following a link, and only the user's own folders count.
+    UniqueFd topFd;
+    try {
+      topFd = top == "/" ? UniqueFd(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+                         : SafeFS::openFolder(Anchor::open("/"), top);
+    } catch (const std::exception&) {
+      continue;  // a mount point reached through a link, or gone: no Trash of the user's there
     }
-    const fs::path files = top / (".Trash-" + uid) / "files";
-    if (::lstat(files.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) out.push_back(files);
+    struct stat st;
+    if (!topFd || ::fstat(topFd.get(), &st) != 0 || (haveHome && st.st_dev == homeStat.st_dev)) continue;
+    if (::faccessat(topFd.get(), ".", W_OK, 0) != 0) continue;  // the user cannot write it: no Trash of theirs
+    // The shared ".Trash" counts only as a real folder with the sticky bit.
+    UniqueFd shared(::openat(topFd.get(), ".Trash", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    if (shared && ::fstat(shared.get(), &st) == 0 && (st.st_mode & S_ISVTX) && isOwnTrash(shared.get(), uid.c_str()))
+      out.push_back(top / ".Trash" / uid / "files");
+    const std::string own = ".Trash-" + uid;
+    if (isOwnTrash(topFd.get(), own.c_str())) out.push_back(top / own / "files");
   }
   return out;
 }

@@ -6,8 +6,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <functional>
 
 namespace kestrel::test {
 namespace {
@@ -98,6 +100,84 @@ TEST(HostileFilesBinary, ARemovalStopsAtABindMount) {
   EXPECT_NE(r.stdout.find("  failed: " + h.path("Library/Caches/com.app").string()), std::string::npos) << r.stdout;
   for (int i = 0; i < 5; ++i) EXPECT_EQ(fs::file_size(target / ("file" + std::to_string(i))), 100000u) << i;
   EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.app/mnt")));
+}
+
+// Another user of a shared volume plants names where the user's Trash folders would be: only the
+// user's own real folders (and a shared ".Trash" that is a real sticky folder) ever count.
+TEST(HostileFilesBinary, OnlyTheUsersOwnTrashFoldersOnAVolumeAreListed) {
+  ScratchHome h;
+  const fs::path volume = h.outside("usb");
+  if (::geteuid() != 0 || Shell::run("mount", {"-t", "tmpfs", "-o", "size=4m", "tmpfs", volume.string()}, 10).status != 0)
+    GTEST_SKIP() << "needs root to mount a scratch volume and give folders to another user";
+  struct Unmount {
+    fs::path at;
+    ~Unmount() { Shell::run("umount", {at.string()}, 10); }
+  } unmount{volume};
+  const std::string uid = std::to_string(::getuid());
+  const fs::path own = volume / (".Trash-" + uid), shared = volume / ".Trash";
+  auto folder = [](const fs::path& p, mode_t mode = 0700) {
+    fs::create_directories(p);
+    ::chmod(p.c_str(), mode);
+    return p;
+  };
+  h.file("Documents/files/report.docx", 5000);
+  struct Case {
+    const char* name;
+    std::function<fs::path()> plant;  // makes the layout; returns the folder an item goes in
+    bool listed;
+  } cases[] = {
+      {"own real folder", [&] { return folder(own / "files"); }, true},
+      {"own folder is a link into the home", [&] {
+         fs::create_symlink(h.path("Documents"), own);
+         return h.path("Documents/files");
+       }, false},
+      {"files is a link", [&] {
+         folder(own);
+         fs::create_symlink(h.path("Documents/files"), own / "files");
+         return h.path("Documents/files");
+       }, false},
+      {"own folder belongs to someone else", [&] {
+         const fs::path files = folder(own / "files");
+         disown(own);
+         return files;
+       }, false},
+      {"files belongs to someone else", [&] {
+         const fs::path files = folder(own / "files");
+         disown(files);
+         return files;
+       }, false},
+      {"shared sticky .Trash", [&] {
+         folder(shared, 01777);
+         return folder(shared / uid / "files");
+       }, true},
+      {"shared .Trash without the sticky bit", [&] {
+         folder(shared, 0777);
+         return folder(shared / uid / "files");
+       }, false},
+      {"shared .Trash is a link to a sticky folder", [&] {
+         folder(volume / "elsewhere", 01777);
+         fs::create_symlink(volume / "elsewhere", shared);
+         return folder(volume / "elsewhere" / uid / "files");
+       }, false},
+      {"the user's folder in the shared .Trash belongs to someone else", [&] {
+         folder(shared, 01777);
+         const fs::path files = folder(shared / uid / "files");
+         disown(shared / uid);
+         return files;
+       }, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    for (const auto& e : fs::directory_iterator(volume)) fs::remove_all(e.path());
+    const fs::path files = c.plant();
+    h.file("../outside/usb/planted.bin", 5000);
+    const std::string item = c.listed ? "planted.bin" : "report.docx";
+    if (c.listed) fs::rename(volume / "planted.bin", files / item);
+    const auto scan = runAgentLinux(h, {"scan", "--json"}, {"KESTREL_VOLUMES_ROOT=" + volume.string()});
+    ASSERT_EQ(scan.status, 0) << scan.err;
+    // Whatever path the listing would reach it by.
+    EXPECT_EQ(scan.out.find("\"title\" : \"" + item + "\"") != std::string::npos, c.listed) << scan.out;
+  }
 }
 
 }  // namespace
