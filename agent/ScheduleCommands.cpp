@@ -25,6 +25,13 @@ const date::time_zone* userZone() {
   }
 }
 
+// The rules file exists but does not decode: said as the tick says it; nothing runs.
+int reportDamaged(Context& ctx, const RuleStore& store, const std::string& reason) {
+  ctx.out << store.damagedMessage(reason) << '\n';
+  ctx.out.flush();
+  return 1;
+}
+
 }  // namespace
 
 int runScheduled(Context& ctx) {
@@ -40,18 +47,17 @@ int runRule(Context& ctx) {
   }
   const std::string& wanted = ctx.args[0];
   const RuleStore store(ctx.paths);
-  std::vector<ScheduleRule> rules;
-  std::error_code ec;
-  if (!fs::exists(fs::symlink_status(ctx.paths.rulesFile(), ec))) {
+  auto loaded = store.loadChecked(ctx.now());
+  if (loaded.damaged()) return reportDamaged(ctx, store, loaded.reason);
+  std::vector<ScheduleRule> rules = std::move(*loaded.value);
+  if (loaded.status == JSONStore::FileRead::Status::missing) {
     // The shipped rules get fresh ids on every load: written now, the one found here is the one
     // the tick runs.
     try {
       rules = store.update([](std::vector<ScheduleRule>&) {}, ctx.now());
     } catch (const std::exception&) {
-      rules = store.load(ctx.now());
+      // Not written: the tick below writes the rules it runs.
     }
-  } else {
-    rules = store.load(ctx.now());
   }
   // Ids are kept in their upper-case form; a lower-case id is not the same text.
   for (const auto& rule : rules) {
@@ -69,7 +75,10 @@ int runRules(Context& ctx) {
   const Date now = ctx.now();
   const SystemState state = ScheduledRunner::probe(ctx.paths, ctx.services, now);
   const date::time_zone* zone = userZone();
-  for (const auto& rule : RuleStore(ctx.paths).load(now)) {
+  const RuleStore store(ctx.paths);
+  const auto loaded = store.loadChecked(now);
+  if (loaded.damaged()) return reportDamaged(ctx, store, loaded.reason);
+  for (const auto& rule : *loaded.value) {
     ctx.out << (rule.enabled ? "\u25CF " : "\u25CB ") << rule.name << " \u2014 " << rule.trigger.summary()
             << " \u2014 last: " << (rule.lastRun ? Dates::description(*rule.lastRun) : "never")
             << " \u2014 now: " << RuleEvaluator::evaluate(rule, state, now, zone).text() << '\n';

@@ -188,7 +188,11 @@ std::string categoriesText(const ScheduleRule& rule) {
 }
 
 int list(Context& ctx) {
-  const auto rules = RuleStore(ctx.paths).load(ctx.now());
+  const RuleStore store(ctx.paths);
+  const auto loaded = store.loadChecked(ctx.now());
+  if (loaded.damaged())
+    throw JSONStore::StoreError(JSONStore::StoreError::Kind::damaged, store.damagedMessage(loaded.reason));
+  const auto& rules = *loaded.value;
   if (ctx.json) {
     ctx.printJson(toJson(rules));
     return kOK;

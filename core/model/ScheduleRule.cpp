@@ -302,7 +302,12 @@ ScheduleRule scheduleRuleFromJson(const Json& j) {
   r.notify = JsonDecode::boolean(j, "notify");
   r.dryRun = JsonDecode::boolean(j, "dryRun");
   r.createdAt = requiredDate(j, "createdAt");
-  if (JsonDecode::has(j, "lastRun")) r.lastRun = dateFromJson(j.at("lastRun"), DateForm::iso8601);
+  if (JsonDecode::has(j, "lastRun")) {
+    // No run is older than the clock's epoch: an earlier date (year 1, say, which the clock cannot
+    // even hold) is no record of a run, and the rule is due as one that never ran.
+    const Date last = dateFromJson(j.at("lastRun"), DateForm::iso8601);
+    if (last >= Dates::fromUnixSeconds(0)) r.lastRun = last;
+  }
   r.lastResult = JsonDecode::optString(j, "lastResult");
   return r;
 }

@@ -14,7 +14,12 @@ using date::days;
 using std::chrono::seconds;
 
 // Whole seconds from `then` to `now` (negative when `then` is later).
-double elapsedSeconds(Date then, Date now) { return std::chrono::duration<double>(now - then).count(); }
+// Subtracted as floating-point seconds: the difference of two far-apart dates does not fit the
+// clock's own count.
+double elapsedSeconds(Date then, Date now) {
+  using Seconds = std::chrono::duration<double>;
+  return Seconds(now.time_since_epoch()).count() - Seconds(then.time_since_epoch()).count();
+}
 
 // The instant of local wall time `day` h:m in `zone`: the end of a spring-forward gap when the
 // time does not exist, the first of two when a fall-back repeats it.

@@ -12,6 +12,7 @@
 #include "core/schedule/RuleEvaluator.h"
 #include "core/store/AuditLog.h"
 #include "core/store/ConfigStore.h"
+#include "core/store/RuleStore.h"
 #include "core/store/JSONStore.h"
 #include "core/system/FileLock.h"
 
@@ -94,15 +95,15 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
     log_(ConfigStore(paths_).damagedMessage(config.reason));
   }
   const AppConfig settings = config.value.value_or(AppConfig{});
-  auto loadedRules = JSONStore::loadChecked<std::vector<ScheduleRule>>(paths_.rulesFile(), scheduleRulesFromJson);
+  const RuleStore ruleStore(paths_);
+  auto loadedRules = ruleStore.loadChecked(now);
   const bool rulesDamaged = loadedRules.damaged();
   std::vector<ScheduleRule> rules;
   if (rulesDamaged) {
     // The defaults would run rules the user may have switched off; the file is theirs to fix.
-    log_("Rules file " + paths_.rulesFile().string() +
-         " is damaged; no rule runs until it is fixed.");
+    log_(ruleStore.damagedMessage(loadedRules.reason));
   } else {
-    rules = loadedRules.value ? std::move(*loadedRules.value) : ScheduleRule::defaults(now);
+    rules = std::move(*loadedRules.value);
   }
   AgentState agentState = AgentState::load(paths_);
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "core/model/ScheduleRule.h"
+#include "core/store/JSONStore.h"
 #include "core/system/Paths.h"
 
 #include <chrono>
@@ -18,6 +19,12 @@ class RuleStore {
   // The saved rules; the defaults (not written) when the file is missing, unreadable or any part
   // of it does not decode. "[]" is an empty list.
   std::vector<ScheduleRule> load(Date now = std::chrono::system_clock::now()) const;
+  // The same reading, telling a missing file (the defaults, nothing to say) from one that exists
+  // but cannot be read or decoded (no value, and the reason): no rule may run on defaults the user
+  // may have switched off.
+  JSONStore::Loaded<std::vector<ScheduleRule>> loadChecked(Date now = std::chrono::system_clock::now()) const;
+  // "Rules file <path> is damaged (<reason>); no rule runs. Fix it or delete it."
+  std::string damagedMessage(const std::string& reason) const;
   // Atomic, durable replace of the file; throws the write's error.
   void save(const std::vector<ScheduleRule>& rules) const;
   // Read-modify-write through JSONStore::update, so the agent and the app never lose each other's

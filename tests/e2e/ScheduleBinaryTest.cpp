@@ -43,5 +43,39 @@ TEST(ScheduleBinary, RunScheduledRunRuleAndRules) {
   EXPECT_TRUE(RuleStore(h.paths()).load()[3].lastRun);
 }
 
+TEST(ScheduleBinary, ADamagedRulesFileIsSaidByEveryCommandAndRunsNothing) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  tools.tool("crontab", "", 1);
+  const std::string damaged = "[{\"name\": \"half a rule\"}]";
+  h.text("Library/Application Support/orvo Kestrel/rules.json", damaged);
+  const std::string said = "Rules file " + h.paths().rulesFile().string() +
+                           " is damaged (No value associated with key id); no rule runs. Fix it or delete it.\n";
+  for (const auto& args : std::vector<std::vector<std::string>>{{"rules"}, {"run-rule", "Weekly deep clean"}}) {
+    SCOPED_TRACE(args[0]);
+    const auto r = runAgentBinary(h, args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, said);
+  }
+  const auto tick = runAgentBinary(h, {"run-scheduled"});
+  EXPECT_EQ(tick.status, 0);
+  EXPECT_NE(tick.out.find("Z " + said), std::string::npos) << tick.out;
+  EXPECT_EQ(readText(h.paths().rulesFile()), damaged);
+}
+
+TEST(ScheduleBinary, ALastRunInYearOneIsNoRunAndTheRuleIsDue) {
+  ScratchHome h;
+  ScheduleRule rule = ScheduleRule::make("Hourly", ScheduleTrigger::everyHours(1), {CleanCategory::logs},
+                                         std::chrono::system_clock::now());
+  rule.conditions.requireACPower = false;
+  Json j = toJson(std::vector<ScheduleRule>{rule});
+  j[0]["createdAt"] = "0001-01-01T00:00:00Z";
+  j[0]["lastRun"] = "0001-01-01T00:00:00Z";
+  h.text("Library/Application Support/orvo Kestrel/rules.json", j.dump());
+  const auto r = runAgentBinary(h, {"rules"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "\u25CF Hourly \u2014 Every 1 hour \u2014 last: never \u2014 now: run\n");
+}
+
 }  // namespace
 }  // namespace kestrel::test
