@@ -149,14 +149,24 @@ class LaunchAgentManager final : public ServiceManager {
 // ---------------------------------------------------------------------------------------------
 // Linux: systemd user units in $XDG_CONFIG_HOME/systemd/user.
 
-// One word of a unit's command line: double-quoted, with the characters systemd would expand or
-// unquote escaped.
-std::string execWord(std::string_view word) {
+// The executable of a unit's command line, so that systemd runs exactly that file: in double
+// quotes, with "%" doubled (specifiers are expanded there). A "$" stays as written: variables are
+// never expanded in the executable's own name ("$$" would be taken literally). systemd refuses an
+// executable name holding quotes, backslashes, control characters or bytes that are not UTF-8,
+// so such a path is refused here, naming what is in the way.
+std::string execPath(std::string_view path) {
+  if (!Utf8::isValid(path))
+    throw ServiceError(0, "Cannot write a systemd unit for " + Utf8::displayText(path) +
+                              ": systemd runs only programs whose path is UTF-8 text; move it to a plainer folder.");
   std::string out = "\"";
-  for (char c : word) {
-    if (c == '\\' || c == '"') out += '\\';
+  for (const char c : path) {
+    const auto u = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\' || c == '\'' || u < 0x20 || u == 0x7f) {
+      const std::string shown = u < 0x20 || u == 0x7f ? "a control character" : std::string("\"") + c + "\"";
+      throw ServiceError(0, "Cannot write a systemd unit for " + Utf8::displayText(path) + ": systemd does not run " +
+                                "a program whose path holds " + shown + "; move it to a folder without it.");
+    }
     if (c == '%') out += '%';
-    if (c == '$') out += '$';
     out += c;
   }
   return out + '"';
@@ -189,7 +199,7 @@ class SystemdUserUnits final : public ServiceManager {
           "[Service]\n"
           "Type=oneshot\n"
           "ExecStart=" +
-          execWord(agentPath) +
+          execPath(agentPath) +
           " run-scheduled\n"
           "Nice=10\n"
           "IOSchedulingClass=idle\n"
@@ -232,7 +242,7 @@ class SystemdUserUnits final : public ServiceManager {
         "[Service]\n"
         "Type=simple\n"
         "ExecStart=" +
-        execWord(agentPath) +
+        execPath(agentPath) +
         " shred-watch\n"
         "Restart=on-failure\n"
         "RestartSec=10\n"

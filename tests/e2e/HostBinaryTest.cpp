@@ -7,6 +7,7 @@
 
 #include "core/clean/AdminQueue.h"
 #include "core/store/AuditLog.h"
+#include "core/system/Shell.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/FakeTools.h"
@@ -26,6 +27,33 @@ TEST(HostBinary, AddedRuleIsListedByTheAgent) {
             std::string::npos)
       << rules.out;
   EXPECT_NE(rules.out.find("Weekly deep clean"), std::string::npos);  // the shipped rules stay
+}
+
+TEST(HostBinary, AgentsInstalledFromAFolderHoldingADollarRunThatAgent) {
+  ScratchHome h;
+  test::FakeTools tools(h.root());
+  tools.tool("systemctl");
+  // kestrel installs the agent beside itself, wherever it was unpacked.
+  const fs::path folder = h.outside("price$5/bin");
+  fs::copy_file(KESTREL_HOST_BINARY, folder / "kestrel");
+  const fs::path agent = h.text("../outside/price$5/bin/KestrelAgent", "#!/bin/sh\n");
+  fs::permissions(agent, fs::perms::owner_all);
+  const auto r = Shell::run("env", {"HOME=" + h.home().string(), "KESTREL_LAYOUT=linux", (folder / "kestrel").string(),
+                                    "agents", "install"},
+                            60);
+  ASSERT_EQ(r.status, 0) << r.stdout << r.stderr;
+  const fs::path units = h.path(".config/systemd/user");
+  const std::string service = test::readText(units / "com.orvo.kestrel.agent.shredder.service");
+  EXPECT_NE(service.find("\nExecStart=\"" + (folder / "KestrelAgent").string() + "\" shred-watch\n"), std::string::npos)
+      << service;
+  if (!Shell::which("systemd-analyze")) return;
+  const fs::path runtime = h.outside("runtime");
+  const auto verify = Shell::run("env", {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "verify", "--user",
+                                         (units / "com.orvo.kestrel.agent.shredder.service").string(),
+                                         (units / "com.orvo.kestrel.agent.service").string()},
+                                 60);
+  EXPECT_TRUE(verify.ok()) << verify.stderr;
+  EXPECT_EQ(verify.stderr, "");
 }
 
 TEST(HostBinary, QueuedAdministratorRemovalsOutliveTheirProcess) {

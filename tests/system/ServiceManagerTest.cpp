@@ -61,29 +61,57 @@ TEST(ServiceManager, FilesMatchTheGoldenCopies) {
             "/home/kestrel-golden/.config/systemd/user");
 }
 
-TEST(ServiceManager, SystemdAcceptsTheUnits) {
+TEST(ServiceManager, SystemdRunsExactlyTheAgentWhereverItIs) {
   if (!Shell::which("systemd-analyze")) GTEST_SKIP() << "systemd-analyze is not installed";
-  ScratchHome h;
-  const fs::path agent = h.text("bin/KestrelAgent", "#!/bin/sh\n");
-  fs::permissions(agent, fs::perms::owner_all);
+  ScratchHome h;  // its own name holds a blank and a non-ASCII letter
   auto manager = ServiceManager::make(h.linuxPaths(), {});
   // A runtime folder of its own, so verify works without a logged-in user manager.
   const fs::path runtime = h.root() / "runtime";
   fs::create_directories(runtime);
-  std::vector<std::string> args = {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze",
-                                   "verify", "--user"};
-  for (const auto agentKind : {BackgroundAgent::scheduler, BackgroundAgent::shredder}) {
-    for (const auto& f : manager->files(agentKind, agent.string())) {
-      const fs::path unit = h.root() / "units" / f.path.filename();
-      fs::create_directories(unit.parent_path());
-      std::ofstream(unit) << f.text;
-      args.push_back(unit.string());
+  for (const std::string folder : {"bin", "a$b", "c%d", "e${HOME}f", "g$$h", "i%nj"}) {
+    SCOPED_TRACE(folder);
+    const fs::path agent = h.text(folder + "/KestrelAgent", "#!/bin/sh\n");
+    fs::permissions(agent, fs::perms::owner_all);
+    std::vector<std::string> args = {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "verify", "--user"};
+    for (const auto agentKind : {BackgroundAgent::scheduler, BackgroundAgent::shredder}) {
+      for (const auto& f : manager->files(agentKind, agent.string())) {
+        const fs::path unit = h.root() / "units" / f.path.filename();
+        fs::create_directories(unit.parent_path());
+        std::ofstream(unit) << f.text;
+        args.push_back(unit.string());
+      }
+    }
+    // verify warns about unknown keys, bad values and missing programs on its error output, but
+    // still exits 0.
+    const Shell::Result r = Shell::run("env", args, 60);
+    EXPECT_TRUE(r.ok()) << r.stderr;
+    EXPECT_EQ(r.stderr, "");
+  }
+}
+
+TEST(ServiceManager, SystemdUnitsRefuseAPathSystemdWouldNotRun) {
+  const struct Case {
+    std::string folder;
+    std::string said;
+  } cases[] = {
+      {"q\"q", "holds \"\"\""},
+      {"b\\b", "holds \"\\\""},
+      {"s'q", "holds \"'\""},
+      {"t\tt", "holds a control character"},
+      {"x\xffy", "is UTF-8 text"},
+  };
+  auto manager = ServiceManager::make(fixedHome(Layout::linux), {});
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.folder);
+    try {
+      manager->files(BackgroundAgent::shredder, "/opt/" + c.folder + "/KestrelAgent");
+      ADD_FAILURE() << "no unit can run this path";
+    } catch (const ServiceError& e) {
+      const std::string text = e.what();
+      EXPECT_EQ(text.rfind("Cannot write a systemd unit for /opt/", 0), 0u) << text;
+      EXPECT_NE(text.find(c.said), std::string::npos) << text;
     }
   }
-  // verify warns about unknown keys and bad values on its error output, but still exits 0.
-  const Shell::Result r = Shell::run("env", args, 60);
-  EXPECT_TRUE(r.ok()) << r.stderr;
-  EXPECT_EQ(r.stderr, "");
 }
 
 // launchctl as a recording fake: every call, and a canned answer per subcommand.
