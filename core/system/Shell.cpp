@@ -14,11 +14,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 extern char** environ;
@@ -97,30 +99,35 @@ std::optional<std::string> Shell::which(const std::string& name) {
   return std::nullopt;
 }
 
-Shell::Result Shell::run(const std::string& executable, const std::vector<std::string>& arguments,
-                         double timeout) {
-  Result result;
-  const auto resolved = which(executable);
-  if (!resolved) {
-    result.status = 127;
-    result.stderr = executable + " not found";
-    return result;
-  }
+namespace {
 
+using Clock = std::chrono::steady_clock;
+
+// A started child: its process id (also its process group's) and the read ends of its output.
+struct Child {
+  pid_t pid = -1;
+  UniqueFd out, err;
+};
+
+// Starts `path` (in a process group of its own when `ownGroup`), standard input from /dev/null, output into two
+// close-on-exec pipes. Nothing, with the error text in `failure`, when it cannot start.
+std::optional<Child> spawnChild(const std::string& path, const std::vector<std::string>& arguments,
+                                bool ownGroup, std::string& failure) {
   int outPipe[2], errPipe[2];
   if (int e = platform::closeOnExecPipe(outPipe)) {
-    result.status = 126;
-    result.stderr = std::strerror(e);
-    return result;
+    failure = std::strerror(e);
+    return std::nullopt;
   }
   if (int e = platform::closeOnExecPipe(errPipe)) {
-    result.status = 126;
-    result.stderr = std::strerror(e);
+    failure = std::strerror(e);
     ::close(outPipe[0]);
     ::close(outPipe[1]);
-    return result;
+    return std::nullopt;
   }
-  UniqueFd outRead(outPipe[0]), outWrite(outPipe[1]), errRead(errPipe[0]), errWrite(errPipe[1]);
+  Child child;
+  child.out = UniqueFd(outPipe[0]);
+  child.err = UniqueFd(errPipe[0]);
+  UniqueFd outWrite(outPipe[1]), errWrite(errPipe[1]);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -135,22 +142,69 @@ Shell::Result Shell::run(const std::string& executable, const std::vector<std::s
   sigemptyset(&none);
   posix_spawnattr_setsigdefault(&attrs, &all);
   posix_spawnattr_setsigmask(&attrs, &none);
-  posix_spawnattr_setflags(&attrs, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+  short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+  if (ownGroup) {
+    posix_spawnattr_setpgroup(&attrs, 0);
+    flags |= POSIX_SPAWN_SETPGROUP;
+  }
+  posix_spawnattr_setflags(&attrs, flags);
 
   std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(resolved->c_str()));
+  argv.push_back(const_cast<char*>(path.c_str()));
   for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-
-  pid_t pid = -1;
-  const int spawnErr = ::posix_spawn(&pid, resolved->c_str(), &actions, &attrs, argv.data(), environ);
+  const int spawnErr = ::posix_spawn(&child.pid, path.c_str(), &actions, &attrs, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attrs);
-  outWrite.reset();
-  errWrite.reset();
   if (spawnErr != 0) {
+    failure = std::strerror(spawnErr);
+    return std::nullopt;
+  }
+  return child;
+}
+
+// Waits for the child until `deadline`; past it, stops it (with `ownGroup`, its whole process
+// group): TERM, then KILL once the grace period is over while anything is left. Returns the wait
+// status; `timedOut` tells whether it had to be stopped.
+int waitOrStop(pid_t pid, bool ownGroup, Clock::time_point deadline, bool& timedOut) {
+  int wstatus = 0;
+  bool reaped = false;
+  auto poll = [&] {
+    if (!reaped && ::waitpid(pid, &wstatus, WNOHANG) == pid) reaped = true;
+    return reaped;
+  };
+  while (!poll() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  timedOut = !reaped;
+  if (!timedOut) return wstatus;
+  const pid_t target = ownGroup ? -pid : pid;
+  ::kill(target, SIGTERM);
+  const auto killAt = Clock::now() + std::chrono::seconds(2);
+  // A group lives on while any member does, the leader's zombie included.
+  auto gone = [&] { return poll() && (!ownGroup || (::kill(target, 0) != 0 && errno == ESRCH)); };
+  while (!gone() && Clock::now() < killAt) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  if (!gone()) ::kill(target, SIGKILL);
+  while (!reaped && ::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+  }
+  return wstatus;
+}
+
+}  // namespace
+
+Shell::Result Shell::run(const std::string& executable, const std::vector<std::string>& arguments,
+                         double timeout, Group group) {
+  Result result;
+  const auto resolved = which(executable);
+  if (!resolved) {
+    result.status = 127;
+    result.stderr = executable + " not found";
+    return result;
+  }
+  std::string failure;
+  const bool ownGroup = group == Group::own;
+  auto child = spawnChild(*resolved, arguments, ownGroup, failure);
+  if (!child) {
     result.status = 126;
-    result.stderr = std::strerror(spawnErr);
+    result.stderr = failure;
     return result;
   }
 
@@ -158,34 +212,13 @@ Shell::Result Shell::run(const std::string& executable, const std::vector<std::s
   std::atomic<bool> stopReading{false};
   std::atomic<bool> readerDone{false};
   std::thread reader([&] {
-    drain(outRead.get(), errRead.get(), out, err, stopReading);
+    drain(child->out.get(), child->err.get(), out, err, stopReading);
     readerDone.store(true);
   });
-
-  using Clock = std::chrono::steady_clock;
-  const auto start = Clock::now();
-  const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
-                                    std::chrono::duration<double>(std::max(0.0, timeout)));
-  int wstatus = 0;
-  bool exited = false, timedOut = false;
-  auto poll = [&]() {
-    const pid_t r = ::waitpid(pid, &wstatus, WNOHANG);
-    if (r == pid) exited = true;
-    return exited;
-  };
-  while (!poll() && Clock::now() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  if (!exited) {
-    timedOut = true;
-    ::kill(pid, SIGTERM);
-    const auto killAt = Clock::now() + std::chrono::seconds(2);
-    while (!poll() && Clock::now() < killAt) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    if (!exited) {
-      ::kill(pid, SIGKILL);
-      while (::waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
-      }
-      exited = true;
-    }
-  }
+  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                           std::chrono::duration<double>(std::max(0.0, timeout)));
+  bool timedOut = false;
+  const int wstatus = waitOrStop(child->pid, ownGroup, deadline, timedOut);
   // A grandchild may keep the pipes open; stop reading after a bounded wait.
   const auto readBound = Clock::now() + std::chrono::seconds(2);
   while (!readerDone.load() && Clock::now() < readBound) std::this_thread::sleep_for(std::chrono::milliseconds(10));

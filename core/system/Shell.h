@@ -25,13 +25,18 @@ class Shell {
   // then the fixed tool folders, that holds an executable file of that name.
   static std::optional<std::string> which(const std::string& name);
 
+  // Where the child runs: in a process group of its own (so a time-out stops whatever it started
+  // too), or in the caller's, for a tool that must reach the terminal (a password prompt).
+  enum class Group { own, caller };
+
   // Starts the tool with `arguments` (no shell re-parsing), drains both output streams
-  // concurrently, and waits at most `timeout` seconds; then asks it to terminate and kills it
-  // 2 seconds later. Never throws: a missing tool gives 127 and "<tool> not found", a hung one
-  // "<tool> timed out after <n>s", output that is not UTF-8 "<tool> produced output that could
-  // not be read" (in stderr; the unreadable stream is left empty).
+  // concurrently, and waits at most `timeout` seconds; then asks it (and, in its own group,
+  // everything it started) to terminate and kills what is left 2 seconds later. Never throws: a
+  // missing tool gives 127 and "<tool> not found", a hung one "<tool> timed out after <n>s",
+  // output that is not UTF-8 "<tool> produced output that could not be read" (in stderr; the
+  // unreadable stream is left empty).
   static Result run(const std::string& executable, const std::vector<std::string>& arguments,
-                    double timeout = 60.0);
+                    double timeout = 60.0, Group group = Group::own);
 };
 
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <sstream>
 
 namespace kestrel {
 namespace {
@@ -46,28 +47,43 @@ TEST(Shell, PassesArgumentsVerbatimAndReportsStatus) {
   EXPECT_EQ(tools.calls("docker")[0], args);
 }
 
-TEST(Shell, KillsAChildIgnoringTerminateAfterTwoSeconds) {
-  ScratchHome h;
-  FakeTools tools(h.root());
-  tools.script("stubborn", "trap '' TERM\nwhile :; do sleep 0.05; done");
-  const auto start = std::chrono::steady_clock::now();
-  auto r = Shell::run("stubborn", {}, 0.2);
-  const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_EQ(r.stderr, "stubborn timed out after 0s");
-  EXPECT_EQ(r.status, 128 + 9);
-  EXPECT_GT(took, 2.1);
-  EXPECT_LT(took, 5.5);  // the 2 s grace period plus the bounded wait for its orphaned sleep
+// Whether `pid` is a process that still runs (a zombie no longer does).
+bool running(pid_t pid) {
+  const std::string stat = test::readText("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
 }
 
-TEST(Shell, TimedOutChildThatHonoursTerminateStopsEarly) {
-  ScratchHome h;
-  FakeTools tools(h.root());
-  tools.script("slow", "exec sleep 30");
-  const auto start = std::chrono::steady_clock::now();
-  auto r = Shell::run("slow", {}, 1.0);
-  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 2.5);
-  EXPECT_EQ(r.stderr, "slow timed out after 1s");
-  EXPECT_FALSE(r.ok());
+TEST(Shell, ATimedOutToolIsStoppedWithEverythingItStarted) {
+  const struct Case {
+    const char* name;
+    const char* body;  // writes the ids of what it started to "$PIDS", one per line
+    double minSeconds, maxSeconds;
+    int status;
+  } cases[] = {
+      {"honours TERM", "echo $$ >> \"$PIDS\"; exec sleep 30", 0, 2.0, 128 + 15},
+      {"ignores TERM", "echo $$ >> \"$PIDS\"; trap '' TERM\nwhile :; do sleep 0.05; done", 2.1, 5.0, 128 + 9},
+      {"leaves children behind", "sleep 300 & echo $! >> \"$PIDS\"\n(trap '' TERM; exec sleep 300) & echo $! >> \"$PIDS\"\nwait",
+       2.1, 5.0, 128 + 15},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScratchHome h;
+    FakeTools tools(h.root());
+    tools.script("hangs", c.body);
+    const test::ScopedEnv pids("PIDS", (h.root() / "pids").string());
+    const auto start = std::chrono::steady_clock::now();
+    const auto r = Shell::run("hangs", {}, 0.3);
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_EQ(r.stderr, "hangs timed out after 0s");
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_GE(took, c.minSeconds);
+    EXPECT_LT(took, c.maxSeconds);
+    std::istringstream lines(test::readText(h.root() / "pids"));
+    int started = 0;
+    for (pid_t pid; lines >> pid; ++started) EXPECT_FALSE(running(pid)) << pid;
+    EXPECT_GT(started, 0);
+  }
 }
 
 TEST(Shell, DrainsFiftyMegabytesOnEachStream) {

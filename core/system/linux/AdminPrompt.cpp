@@ -4,7 +4,8 @@
 namespace kestrel::platform {
 
 Shell::Result runAsAdministrator(const std::string& shellCommand, const std::string&, double timeout) {
-  return Shell::run("pkexec", {"/bin/sh", "-c", shellCommand}, timeout);
+  // In the caller's process group: a prompt in a terminal must be able to read it.
+  return Shell::run("pkexec", {"/bin/sh", "-c", shellCommand}, timeout, Shell::Group::caller);
 }
 
 }  // namespace kestrel::platform
