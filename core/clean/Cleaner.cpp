@@ -63,9 +63,10 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
           const auto& command = item.target.command;
           const Shell::Result r = services_.run(command.executable, command.arguments, 600);
           const std::string message = r.stderr.empty() ? "exit " + std::to_string(r.status) : r.stderr;
-          if (r.ok()) addChecked(pass.report.freedBytes, item.size);
+          // A tool's own figure, which may be unknown: nothing is claimed for it then.
+          if (r.ok()) addChecked(pass.report.freedBytes, item.countedSize());
           else pass.report.failures.push_back({item.id, message});
-          pass.audit.push_back(AuditEntry::make(pass.now, "command", command.display(), item.size, item.category,
+          pass.audit.push_back(AuditEntry::make(pass.now, "command", command.display(), item.countedSize(), item.category,
                                                 trigger, r.ok(), r.ok() ? std::nullopt : std::optional(message)));
           break;
         }

@@ -162,7 +162,7 @@ int64_t CategoryResult::totalSize() const {
   int64_t sum = 0;
   for (const auto& i : items) {
     // A total past the 64-bit range is shown as the largest, never wrapped into a small one.
-    if (__builtin_add_overflow(sum, i.size, &sum)) return i.size > 0 ? INT64_MAX : INT64_MIN;
+    if (__builtin_add_overflow(sum, i.countedSize(), &sum)) return INT64_MAX;
   }
   return sum;
 }

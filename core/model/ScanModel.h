@@ -87,10 +87,14 @@ struct ItemTarget {
 };
 
 struct ScanItem {
+  // The size of an item whose only figure came from another program and cannot be true (negative,
+  // or more than the volume holding it): shown as unknown, never summed.
+  static constexpr int64_t kUnknownSize = -1;
+
   std::string id;
   std::string title;
   ItemTarget target;
-  int64_t size = 0;
+  int64_t size = 0;  // bytes, or kUnknownSize
   CleanCategory category = CleanCategory::userCaches;
   Risk risk = Risk::safe;
   std::string reason;
@@ -101,6 +105,9 @@ struct ScanItem {
   std::optional<std::string> realPath = std::nullopt;
 
   std::optional<std::string> path() const { return target.path(); }
+  bool sizeKnown() const { return size >= 0; }
+  // The size to add to totals, "Freed" lines and the audit log: 0 when unknown.
+  int64_t countedSize() const { return sizeKnown() ? size : 0; }
   bool operator==(const ScanItem&) const = default;
 };
 
@@ -109,7 +116,8 @@ struct CategoryResult {
   std::vector<ScanItem> items;
   std::optional<std::string> error;
 
-  // Sum of the items' sizes; a sum past the 64-bit range is INT64_MAX, never a wrapped value.
+  // Sum of the known sizes of the items; a sum past the 64-bit range is INT64_MAX, never a
+  // wrapped value.
   int64_t totalSize() const;
   bool operator==(const CategoryResult&) const = default;
 };

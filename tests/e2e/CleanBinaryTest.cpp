@@ -3,7 +3,9 @@
 #include "core/base/ByteFormat.h"
 #include "core/base/Json.h"
 #include "core/base/Text.h"
+#include "core/store/AuditLog.h"
 #include "core/system/FS.h"
+#include "tests/support/FakeTools.h"
 #include "tests/e2e/RunAgent.h"
 
 #include <gtest/gtest.h>
@@ -62,6 +64,26 @@ TEST(CleanBinary, DryRunThenCleanThenUndoKeepTheExactNames) {
     SCOPED_TRACE(rel);
     EXPECT_EQ(readText(h.path(rel + "/blob")), std::string(70000, 'x'));
   }
+}
+
+// A broken or hostile container engine reports sizes no disk holds: shown as unknown, never claimed.
+TEST(CleanBinary, ToolFiguresThatCannotBeTrueAreNeverClaimed) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  tools.script("docker",
+               "case \"$1\" in\n"
+               "  system) printf '%s\\n' '{\"Type\":\"Images\",\"Reclaimable\":\"9999999PB\"}' "
+               "'{\"Type\":\"Containers\",\"Reclaimable\":\"-1GB\"}' '{\"Type\":\"Build Cache\",\"Reclaimable\":\"2MB\"}' ;;\n"
+               "esac\nexit 0");
+  const auto scan = runAgentBinary(h, {"scan"});
+  EXPECT_EQ(scan.status, 0) << scan.err;
+  EXPECT_EQ(scan.out.find("EB"), std::string::npos) << scan.out;
+  EXPECT_NE(scan.out.find("2 MB"), std::string::npos) << scan.out;
+  const auto clean = runAgentBinary(h, {"clean", "--category", "docker", "--max-risk", "caution"});
+  EXPECT_EQ(clean.status, 0) << clean.err;
+  EXPECT_EQ(clean.out, "Freed 2 MB\n");
+  EXPECT_EQ(AuditLog(h.paths()).lifetimeFreed(), 2000000);
+  for (const auto& e : AuditLog(h.paths()).recent(10)) EXPECT_GE(e.size, 0) << e.target;
 }
 
 }  // namespace

@@ -48,7 +48,8 @@ Services fakeServices(const FakeTools& tools) {
 }
 
 std::vector<ScanItem> scanDocker(const ScratchHome& h, const Services& services, Layout layout = Layout::linux) {
-  ScanContext context{Paths(h.home(), layout), AppConfig{}, std::chrono::system_clock::now()};
+  ScanContext context{Paths(h.home(), layout).withSystemRoot(h.root() / "system"), AppConfig{},
+                      std::chrono::system_clock::now()};
   context.services = services;
   return DockerScanner().scan(context);
 }
@@ -79,6 +80,22 @@ TEST(DockerScanner, SizesFromTheEngineAndSilenceWithoutOne) {
       {"dangling listing unreadable: every reclaimable image counts as unused",
        [](FakeTools& t) { fakeDocker(t, "docker", R"j({"Type":"Images","Reclaimable":"2GiB"})j", "not json"); },
        {{"docker:unused-images", 2147483648}}},
+      // Figures that cannot be true are unknown (-1): negative, or past the volume holding the data.
+      {"more than any volume, and negative",
+       [](FakeTools& t) {
+         fakeDocker(t, "docker",
+                    R"j({"Type":"Images","Reclaimable":"9.22EB"})j"
+                    "\n"
+                    R"j({"Type":"Containers","Reclaimable":"-5GB"})j",
+                    R"j({"Size":"1MB"})j");
+       },
+       {{"docker:dangling-images", 1000000}, {"docker:stopped-containers", -1}, {"docker:unused-images", -1}}},
+      {"more than the volume holding the engine's data",
+       [](FakeTools& t) {
+         fs::create_directories(t.bin().parent_path() / "system/var/lib/docker");
+         fakeDocker(t, "docker", R"j({"Type":"Local Volumes","Reclaimable":"900PB"})j", "");
+       },
+       {{"docker:unused-volumes", -1}}},
       {"podman beside docker",
        [](FakeTools& t) {
          fakeDocker(t, "podman",

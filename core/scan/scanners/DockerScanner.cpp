@@ -2,6 +2,8 @@
 #include "core/scan/scanners/Scanners.h"
 
 #include "core/base/Json.h"
+#include "core/system/FS.h"
+#include "core/system/FileStat.h"
 
 #include <algorithm>
 #include <cctype>
@@ -28,7 +30,7 @@ std::optional<int64_t> parseToolSize(std::string_view text) {
   static const std::map<std::string, double> kUnits = {
       {"b", 1.0},     {"", 1.0},      {"kb", 1e3},           {"mb", 1e6},           {"gb", 1e9},
       {"tb", 1e12},   {"pb", 1e15},   {"kib", 1024.0},       {"mib", 1048576.0},    {"gib", 1073741824.0},
-      {"tib", 1099511627776.0},       {"pib", 1125899906842624.0}};
+      {"tib", 1099511627776.0},       {"pib", 1125899906842624.0}, {"eb", 1e18}, {"eib", 1152921504606846976.0}};
   const auto it = kUnits.find(unit);
   if (it == kUnits.end()) return std::nullopt;
   const double bytes = std::round(value * it->second);
@@ -55,10 +57,43 @@ std::vector<Json> jsonLines(const std::string& text) {
   return out;
 }
 
-std::optional<int64_t> sizeField(const Json& line, const char* key) {
+// The size a line gives for `key`: nothing when it gives none, kUnknownSize when the figure cannot
+// be true (negative, or more than `volumeBytes`, the volume holding the engine's data).
+std::optional<int64_t> sizeField(const Json& line, const char* key, std::optional<int64_t> volumeBytes) {
   const auto it = line.find(key);
   if (it == line.end() || !it->is_string()) return std::nullopt;
-  return parseToolSize(it->get<std::string>());
+  std::string_view text = it->get_ref<const std::string&>();
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  const bool negative = !text.empty() && text.front() == '-';
+  const auto size = parseToolSize(negative ? text.substr(1) : text);
+  if (!size) return std::nullopt;
+  if (negative || (volumeBytes && *size > *volumeBytes)) return ScanItem::kUnknownSize;
+  return size;
+}
+
+// The size of the volume holding the engine's data: its usual data folders first, else the
+// largest volume mounted (no true figure exceeds it); nothing when no volume answers.
+std::optional<int64_t> dataVolumeBytes(const ScanContext& context, const std::string& tool) {
+  const Paths& p = context.paths;
+  const std::vector<fs::path> roots =
+      p.layout() == Layout::macos ? std::vector<fs::path>{p.home() / "Library/Containers/com.docker.docker"}
+      : tool == "docker"
+          ? std::vector<fs::path>{p.systemRoot() / "var/lib/docker", p.dataHome() / "docker"}
+          : std::vector<fs::path>{p.dataHome() / "containers", p.systemRoot() / "var/lib/containers"};
+  for (const auto& root : roots)
+    if (FS::isDirectory(root))
+      if (const auto space = FS::volumeSpace(root)) return space->total;
+  std::optional<int64_t> largest;
+  for (const auto& mount : platform::mountPoints())
+    if (const auto space = FS::volumeSpace(mount); space && (!largest || space->total > *largest))
+      largest = space->total;
+  return largest;
+}
+
+// Adds `size` to `total`; unknown stays unknown, a sum past the range saturates.
+void addSize(int64_t& total, int64_t size) {
+  if (total == ScanItem::kUnknownSize || size == ScanItem::kUnknownSize) total = ScanItem::kUnknownSize;
+  else if (__builtin_add_overflow(total, size, &total)) total = INT64_MAX;
 }
 
 // The items of one engine: nothing when the tool is missing, fails or does not answer in time.
@@ -68,11 +103,13 @@ void scanEngine(const ScanContext& context, CleanCategory category, const std::s
   context.report(category, tool);
   const Shell::Result df = context.runTool(tool, {"system", "df", "--format", "{{json .}}"}, kTimeout);
   if (!df.ok()) return;
+  // The engine's own figures are checked: a broken or hostile tool must not make totals up.
+  const auto volumeBytes = dataVolumeBytes(context, tool);
   std::map<std::string, int64_t> reclaimable;
   for (const auto& line : jsonLines(df.stdout)) {
     const auto type = line.find("Type");
     if (type == line.end() || !type->is_string()) continue;
-    if (const auto size = sizeField(line, "Reclaimable")) reclaimable[type->get<std::string>()] = *size;
+    if (const auto size = sizeField(line, "Reclaimable", volumeBytes)) reclaimable[type->get<std::string>()] = *size;
   }
   if (reclaimable.empty() || context.isCancelled()) return;
 
@@ -83,20 +120,23 @@ void scanEngine(const ScanContext& context, CleanCategory category, const std::s
   if (images.ok()) {
     for (const auto& line : jsonLines(images.stdout)) {
       ++danglingCount;
-      if (const auto size = sizeField(line, "Size"))
-        if (__builtin_add_overflow(dangling, *size, &dangling)) dangling = INT64_MAX;
+      if (const auto size = sizeField(line, "Size", volumeBytes)) addSize(dangling, *size);
     }
   }
+  if (volumeBytes && dangling > *volumeBytes) dangling = ScanItem::kUnknownSize;
   const auto reclaim = [&](std::string_view type) {
     const auto it = reclaimable.find(std::string(type));
     return it == reclaimable.end() ? int64_t{0} : it->second;
   };
   // Dangling images are part of what the images line calls reclaimable: the rest is unused images.
-  const int64_t unused = std::max<int64_t>(0, reclaim("Images") - dangling);
+  const int64_t imageBytes = reclaim("Images");
+  const int64_t unused = imageBytes == ScanItem::kUnknownSize || dangling == ScanItem::kUnknownSize
+                             ? (imageBytes == 0 ? 0 : ScanItem::kUnknownSize)
+                             : std::max<int64_t>(0, imageBytes - dangling);
 
   const auto add = [&](std::string_view id, std::string title, std::vector<std::string> arguments, int64_t size,
                        Risk risk, std::string_view reason) {
-    if (size <= 0) return;
+    if (size == 0) return;
     ScanItem item;
     item.id = tool + ":" + std::string(id);
     item.title = std::move(title);
