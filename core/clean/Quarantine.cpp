@@ -518,6 +518,8 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
     const int err = errno;
     throwErrno(err, "quarantine " + item.string());
   }
+  // Refused before anything moves: the move would carry a file system mounted inside along.
+  if (auto mount = FS::mountInside(parent.fd.get(), parent.name)) throw FS::ContainsMount(*mount);
   if (volumeOf_) {
     auto a = volumeOf_(item.parent_path()), b = volumeOf_(itemsPath);
     if (a && b && *a != *b) throw QuarantineAddError::differentVolume(parent.name);
@@ -849,7 +851,33 @@ int64_t Quarantine::totalSize() const {
 
 void Quarantine::purgeLocked(const std::string& id) {
   const Anchor home = Anchor::open(paths_.home());
-  RemoveResult r = remover_.remove(home, sessionDir(id));
+  const fs::path dir = sessionDir(id);
+  // The items go one by one before the session's records: a purge that stops part way (an item it
+  // cannot remove) leaves a manifest naming exactly what is still there.
+  if (auto read = readSession(dir); read.session) {
+    auto& entries = read.session->entries;
+    std::optional<RemoveResult> stuck;
+    for (auto it = entries.begin(); it != entries.end();) {
+      if (it->restored) {
+        ++it;
+        continue;
+      }
+      const RemoveResult r = remover_.remove(home, dir / kItems / it->storedName);
+      if (r.ok()) {
+        it = entries.erase(it);
+        continue;
+      }
+      if (!stuck) stuck = r;
+      ++it;
+    }
+    if (stuck) {
+      UniqueFd sessionFd = SafeFS::openFolder(home, dir);
+      UniqueFd itemsFd(platform::openDirectoryAt(sessionFd.get(), kItems));
+      writeManifest(*read.session, sessionFd.get(), itemsFd.get());
+      stuck->throwIfFailed();
+    }
+  }
+  RemoveResult r = remover_.remove(home, dir);
   if (r.status == RemoveResult::Status::missing) throwErrno(ENOENT, "No quarantine session " + id);
   r.throwIfFailed();
 }

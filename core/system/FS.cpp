@@ -1,6 +1,8 @@
 // FS: file-system queries and the two-thread allocated-size walk.
 #include "core/system/FS.h"
 
+#include "core/system/SafeFiles.h"
+
 #include "core/system/FileStat.h"
 #include "core/base/UniqueFd.h"
 #include "core/base/Workers.h"
@@ -313,6 +315,15 @@ std::optional<VolumeSpace> volumeSpace(const fs::path& url) noexcept {
   v.total = static_cast<int64_t>(sv.f_blocks) * static_cast<int64_t>(sv.f_frsize);
   v.free = static_cast<int64_t>(sv.f_bavail) * static_cast<int64_t>(sv.f_frsize);
   return v;
+}
+
+std::optional<fs::path> mountInside(int parentFd, const std::string& name) {
+  const auto parent = platform::pathOfDescriptor(parentFd);
+  if (!parent) return std::nullopt;
+  const std::string prefix = (fs::path(*parent) / name).string() + "/";
+  for (const auto& mount : platform::mountPoints())
+    if (mount.string().rfind(prefix, 0) == 0) return mount;
+  return std::nullopt;
 }
 
 }  // namespace kestrel::FS

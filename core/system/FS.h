@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -64,5 +65,16 @@ bool sameVolume(const fs::path& a, const fs::path& b) noexcept;
 bool isRemoteVolume(const fs::path& url) noexcept;
 std::optional<int64_t> freeSpace(const fs::path& url) noexcept;
 std::optional<VolumeSpace> volumeSpace(const fs::path& url) noexcept;
+
+// A mount point strictly inside the folder `parentFd`/`name` (judged by its real place), if any:
+// moving that folder would carry another file system along with it.
+std::optional<fs::path> mountInside(int parentFd, const std::string& name);
+
+// A move refused because the item holds another file system: "contains another file system: <path>".
+class ContainsMount : public std::runtime_error {
+ public:
+  explicit ContainsMount(const fs::path& mount)
+      : std::runtime_error("contains another file system: " + mount.string()) {}
+};
 
 }  // namespace kestrel::FS

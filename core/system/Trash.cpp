@@ -16,6 +16,7 @@
 #include <system_error>
 
 #include "core/system/Durability.h"
+#include "core/system/FS.h"
 #include "core/system/FileStat.h"
 #include "core/system/SafeFiles.h"
 #include "core/system/StoreFile.h"
@@ -232,6 +233,8 @@ fs::path trashFilesDir(const Paths& paths) {
 }
 
 fs::path moveToTrash(const Paths& paths, const ParentDir& item, Date now) {
+  // A move would carry a file system mounted inside the item along with it.
+  if (auto mount = FS::mountInside(item.fd.get(), item.name)) throw FS::ContainsMount(*mount);
   if (paths.layout() == Layout::macos) return macMove(paths, item, now);
   const fs::path homeRoot = homeTrashRoot(paths);
   const Anchor home = Anchor::open(paths.home());

@@ -27,9 +27,7 @@ TEST(HostileFilesBinary, AStoreReplacedByAFifoNeverHangsItsCommand) {
   };
   const std::string session = "Quarantine/20260301-093000-ABCDEF/";
   const Case cases[] = {
-      {"rules.json",
-       {"rules"},
-       "Weekly deep clean"},  // read as damaged: the shipped rules are shown
+      {"rules.json", {"rules"}, "rules.json is damaged (not a regular file); no rule runs.", 1},
       {"shredder.json", {"shred-now"}, "Nothing to shred.\n"},
       {"shredder-review.json", {"shred-now"}, "Nothing to shred.\n"},
       {"agent-state.json", {"run-scheduled"}, ""},
@@ -79,27 +77,75 @@ TEST(HostileFilesBinary, ALogFolderItCannotFullySeeIsNotOffered) {
   EXPECT_TRUE(fs::exists(h.path("Library/Logs/app/d0/old.log")));
 }
 
-TEST(HostileFilesBinary, ARemovalStopsAtABindMount) {
+// Runs the agent in a private mount namespace with `from` bind-mounted on `to`, so the mount
+// exists for this one run only. Status 77 when no such namespace can be made here.
+Shell::Result withBindMount(const ScratchHome& h, const fs::path& from, const fs::path& to,
+                            const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {"--mount", "--propagation", "private", "/bin/sh", "-c",
+                                   "mount --bind \"$1\" \"$2\" || exit 77; shift 2; exec \"$@\"", "sh",
+                                   from.string(), to.string(), "/usr/bin/env", "HOME=" + h.home().string(),
+                                   KESTREL_AGENT_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  auto r = Shell::run("unshare", argv, 60);
+  if (r.stderr.find("unshare failed") != std::string::npos || r.status == 127) r.status = 77;
+  return r;
+}
+
+TEST(HostileFilesBinary, AnItemHoldingAMountIsNeitherRemovedAcrossItNorMoved) {
+  const fs::path folder = "Library/Caches/com.app";
+  for (const std::string disposal : {"delete", "quarantine", "trash"}) {
+    SCOPED_TRACE(disposal);
+    ScratchHome h;
+    h.text("Library/Application Support/orvo Kestrel/config.json",
+           "{\"disposalOverrides\": {\"userCaches\": \"" + disposal + "\"}}");
+    h.oldFolder(folder.string());
+    h.folder((folder / "mnt").string());
+    h.age(folder.string(), 10);
+    const fs::path target = h.outside("precious");
+    for (int i = 0; i < 5; ++i) h.file("../outside/precious/file" + std::to_string(i), 100000);
+    const auto r = withBindMount(h, target, h.path((folder / "mnt").string()), {"clean", "--category", "userCaches"});
+    if (r.status == 77) GTEST_SKIP() << "cannot make a private mount namespace here: " << r.stderr;
+    ASSERT_EQ(r.status, 0) << r.stderr;
+    const std::string failed = "  failed: " + h.path(folder.string()).string() + ": ";
+    EXPECT_NE(r.stdout.find(failed), std::string::npos) << r.stdout;
+    if (disposal != "delete") {
+      EXPECT_NE(r.stdout.find(failed + "contains another file system: " + h.path((folder / "mnt").string()).string()),
+                std::string::npos)
+          << r.stdout;
+    }
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(fs::file_size(target / ("file" + std::to_string(i))), 100000u) << i;
+    EXPECT_TRUE(fs::exists(h.path((folder / "mnt").string())));
+    EXPECT_FALSE(fs::exists(h.paths().quarantineDir()) && !fs::is_empty(h.paths().quarantineDir()) &&
+                 runAgentBinary(h, {"quarantine", "list"}).out != "")
+        << "nothing was moved, so no session was kept";
+  }
+}
+
+TEST(HostileFilesBinary, APurgeThatStopsAtAMountKeepsTheManifest) {
   ScratchHome h;
+  h.text("Library/Application Support/orvo Kestrel/config.json",
+         "{\"disposalOverrides\": {\"userCaches\": \"quarantine\"}}");
   h.oldFolder("Library/Caches/com.app");
   h.folder("Library/Caches/com.app/mnt");
   h.age("Library/Caches/com.app", 10);
+  ASSERT_EQ(runAgentBinary(h, {"clean", "--category", "userCaches"}).status, 0);
+  const std::string list = runAgentBinary(h, {"quarantine", "list"}).out;
+  const std::string id = list.substr(0, list.find('\t'));
+  ASSERT_FALSE(id.empty());
+  // A file system mounted inside the quarantined item after it went in.
+  const fs::path inside = h.paths().quarantineSessionDir(id) / "items/0-com.app/mnt";
+  ASSERT_TRUE(fs::is_directory(inside));
   const fs::path target = h.outside("precious");
-  for (int i = 0; i < 5; ++i) h.file("../outside/precious/file" + std::to_string(i), 100000);
-  // A private mount namespace, so the bind mount exists only for this one run.
-  const std::string script =
-      "mount --bind \"$1\" \"$2\" || exit 77; shift 2; exec \"$@\"";
-  const auto r = Shell::run("unshare", {"--mount", "--propagation", "private", "/bin/sh", "-c", script, "sh",
-                                        target.string(), h.path("Library/Caches/com.app/mnt").string(), "/usr/bin/env",
-                                        "HOME=" + h.home().string(), KESTREL_AGENT_BINARY, "clean", "--category",
-                                        "userCaches"},
-                            60);
-  if (r.status == 77 || r.stderr.find("unshare failed") != std::string::npos || r.status == 127)
-    GTEST_SKIP() << "cannot make a private mount namespace here: " << r.stderr;
-  ASSERT_EQ(r.status, 0) << r.stderr;
-  EXPECT_NE(r.stdout.find("  failed: " + h.path("Library/Caches/com.app").string()), std::string::npos) << r.stdout;
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(fs::file_size(target / ("file" + std::to_string(i))), 100000u) << i;
-  EXPECT_TRUE(fs::exists(h.path("Library/Caches/com.app/mnt")));
+  h.file("../outside/precious/file", 100000);
+  const auto purge = withBindMount(h, target, inside, {"quarantine", "purge", id});
+  if (purge.status == 77) GTEST_SKIP() << "cannot make a private mount namespace here: " << purge.stderr;
+  EXPECT_EQ(purge.status, 1) << purge.stdout << purge.stderr;
+  EXPECT_EQ(fs::file_size(target / "file"), 100000u);
+  EXPECT_TRUE(fs::exists(h.paths().quarantineSessionDir(id) / "manifest.json"));
+  EXPECT_EQ(runAgentBinary(h, {"quarantine", "list"}).out, list);
+  // The mount gone, the purge finishes.
+  EXPECT_EQ(runAgentBinary(h, {"quarantine", "purge", id}).out, "Purged.\n");
+  EXPECT_FALSE(fs::exists(h.paths().quarantineSessionDir(id)));
 }
 
 // Another user of a shared volume plants names where the user's Trash folders would be: only the
