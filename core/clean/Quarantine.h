@@ -19,6 +19,7 @@
 #include "core/model/TriggerSource.h"
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
+#include "core/base/UniqueFd.h"
 #include "core/system/Paths.h"
 #include "core/system/Services.h"
 #include "core/system/SafeRemove.h"
@@ -184,7 +185,15 @@ class Quarantine {
   // needed settling.
   std::optional<QuarantineSession> settleLocked(int quarantineFd, const std::string& id, Date now,
                                                 const QuarantineSession* known, bool fold);
-  void adoptOrphans(QuarantineSession& session, int itemsFd, bool& changed);
+  // A folder that lost its manifest: the session its items are adopted into, or nothing (it was
+  // empty and is removed, or its items cannot be read now).
+  std::optional<QuarantineSession> adoptFolder(int quarantineFd, int sessionFd, UniqueFd& itemsFd, bool itemsMissing,
+                                               const std::string& id, Date now, const QuarantineSession* known);
+  // Gives every item no entry names an entry restoring it to recoveryDir; true when any was added.
+  bool adoptOrphans(QuarantineSession& session, int itemsFd);
+  // Moves one entry's item back; the failure's text when it stays.
+  std::optional<std::string> restoreEntry(QuarantineEntry& e, int itemsFd, const fs::path& itemsPath,
+                                          const PlaceOf& placeOf);
   bool removeSessionFolderIfEmpty(int quarantineFd, const std::string& id);
   void writeManifest(const QuarantineSession& session, int sessionFd, int itemsFd);
   void purgeLocked(const std::string& id);
