@@ -12,7 +12,7 @@
 #include <cctype>
 #include <set>
 
-#include "core/base/Workers.h"
+#include "core/shredder/DuplicateGroups.h"
 #include "core/shredder/ShredderStore.h"
 #include "core/store/ConfigStore.h"
 #include "core/store/JSONStore.h"
@@ -31,8 +31,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int64_t kMinSettleSeconds = 4;
 constexpr int64_t kMinDuplicateBytes = 4097;
-// Larger groups of one length are hashed file by file (one read buffer per member otherwise).
-constexpr size_t kMaxGroupReadMembers = 64;
 constexpr std::array<std::string_view, 7> kPartialExtensions = {"download", "crdownload", "part", "partial",
                                                                 "tmp",      "opdownload", "aria2"};
 constexpr std::array<std::string_view, 3> kInstallerExtensions = {"dmg", "pkg", "mpkg"};
@@ -76,15 +74,10 @@ bool lexists(const std::string& path) {
 
 }  // namespace
 
-struct ShredderEngine::Listed {
-  std::string name;
-  struct stat st;
-  Date modified;
-};
-
 namespace {
+using Listed = DuplicateGroups::Listed;
 // How long a file has been what it is here: its modification time, then its status-change time.
-std::pair<Date, Date> ageKey(const ShredderEngine::Listed& f) { return {f.modified, platform::changedTime(f.st)}; }
+std::pair<Date, Date> ageKey(const Listed& f) { return {f.modified, platform::changedTime(f.st)}; }
 }  // namespace
 
 ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings settings, const Services& services)
@@ -98,7 +91,8 @@ ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings s
       quarantine_(paths_, services_),
       audit_(paths_),
       remover_(paths_.home()),
-      hashes_(paths_.shredderHashCacheFile()) {
+      hashes_(paths_.shredderHashCacheFile()),
+      index_(paths_.shredderIndexFile()) {
   // Departure from aging Trash items by their modification date: a years-old file trashed a
   // minute ago would be deleted for good at the next sweep, with no chance to take it back. The
   // Trash's own record of when the item arrived is used instead.
@@ -106,7 +100,7 @@ ShredderEngine::ShredderEngine(Paths paths, AppConfig config, ShredderSettings s
     if (paths.layout() == Layout::macos) return FS::addedToFolderDate(item);
     return platform::trashDeletionDate(item);
   };
-  loadIndex();
+  index_.load();
   hashes_.load();
 }
 
@@ -160,7 +154,7 @@ SweepResult ShredderEngine::sweep(Date now) {
     return result;
   }
   // The index may have been changed by another process's sweep since it was read.
-  loadIndex();
+  index_.load();
   result.events = sweepLocked(now);
   return result;
 }
@@ -248,29 +242,6 @@ std::vector<fs::path> ShredderEngine::foldersToWatch() const {
   return folders;
 }
 
-std::vector<ShredderEngine::Listed> ShredderEngine::listFolder(const fs::path& folder, int& dirFd) const {
-  std::vector<Listed> out;
-  dirFd = platform::openDirectory(folder.c_str());
-  if (dirFd < 0) return out;
-  const int listFd = ::dup(dirFd);
-  DIR* dir = listFd >= 0 ? ::fdopendir(listFd) : nullptr;
-  if (!dir) {
-    if (listFd >= 0) ::close(listFd);
-    return out;
-  }
-  while (const dirent* e = ::readdir(dir)) {
-    const std::string name = e->d_name;
-    if (name == "." || name == ".." || name == ".DS_Store" || name == ".localized") continue;
-    Listed l;
-    l.name = name;
-    if (::fstatat(dirFd, name.c_str(), &l.st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    l.modified = platform::modifiedTime(l.st);
-    out.push_back(std::move(l));
-  }
-  ::closedir(dir);
-  return out;
-}
-
 void ShredderEngine::noteSettle(Date at) {
   std::lock_guard<std::mutex> guard(watchLock_);
   if (!watching_) return;
@@ -282,192 +253,144 @@ void ShredderEngine::noteSettle(Date at) {
   }
 }
 
-std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now) {
-  std::vector<ShredEvent> events;
-  const ShredderSettings s = settings();
-  if (!s.dedupeDownloads) return events;
-  int dirFdRaw = -1;
-  std::vector<Listed> files = listFolder(folder, dirFdRaw);
-  const UniqueFd dirFd(dirFdRaw);
-  std::erase_if(files, [](const Listed& l) { return !S_ISREG(l.st.st_mode); });
-  // Oldest first: the copy you already had enters the index before the newcomer. A copy that
-  // kept its original's date (cp -p, a download manager) ties on it; the one that came into the
-  // folder later has the later status-change time.
-  std::stable_sort(files.begin(), files.end(), [](const Listed& a, const Listed& b) { return ageKey(a) < ageKey(b); });
-
-  const int64_t cap = s.maxAutoBytes();
-  const int64_t settle = std::max(s.settleSeconds, kMinSettleSeconds);
-  const std::string folderText = folder.string();
-  const std::string prefix = folderText + "|";
-  auto qualifies = [&](const Listed& f) {
-    const int64_t size = f.st.st_size;
-    return size >= kMinDuplicateBytes && size <= cap && !among(kPartialExtensions, lowerExtension(f.name));
-  };
-
-  // Departure from hashing every file: only a file whose size another file in this folder or
-  // in the index shares can have a twin, so only those are read (the result is the same).
-  std::map<int64_t, int> sizeCount;
-  for (const auto& f : files)
-    if (qualifies(f)) ++sizeCount[f.st.st_size];
+// One folder's pass of the duplicate rule: the listing, the sizes that may have a twin and what
+// the side-by-side reading proved.
+struct ShredderEngine::DedupePass {
+  fs::path folder;
+  UniqueFd dirFd;
+  ShredderSettings settings;
+  Date now;
+  int64_t settle = 0;
+  std::vector<Listed> files;
+  std::map<int64_t, int> sizeCount;  // of the files that qualify
   std::set<int64_t> indexedSizes;
-  {
-    std::lock_guard<std::mutex> guard(indexLock_);
-    for (auto it = index_.lower_bound(prefix); it != index_.end() && it->first.rfind(prefix, 0) == 0; ++it) {
-      const std::string rest = it->first.substr(prefix.size());
-      try {
-        indexedSizes.insert(std::stoll(rest.substr(0, rest.find(':'))));
-      } catch (const std::exception&) {
-        // a key this engine did not write: no size to learn from it
-      }
-    }
-  }
+  DuplicateGroups::Reading reading;
+  std::vector<ShredCandidate> held;  // for the review queue, written once when the folder is done
+  std::vector<ShredEvent> events;
 
-  auto settled = [&](const Listed& f) { return now - f.modified > std::chrono::seconds(settle); };
-
-  // Files of one length are read side by side once: each gets its hash and the proof of which
-  // others hold the same bytes. A duplicate proved so needs no second reading at disposal, as
-  // long as both files are unchanged since.
-  struct Proved {
-    std::string sameAs;  // the name of the first file of the group holding the same bytes
-    struct stat seen {};
-  };
-  std::map<std::string, Proved> proved;  // by name
-  {
-    std::map<int64_t, std::vector<const Listed*>> groups;
-    // Files whose hash is remembered are not read again; they are compared at disposal.
-    for (const auto& f : files)
-      if (qualifies(f) && settled(f) && sizeCount[f.st.st_size] >= 2 && !hashes_.find(f.st))
-        groups[f.st.st_size].push_back(&f);
-    std::erase_if(groups, [](const auto& g) { return g.second.size() < 2 || g.second.size() > kMaxGroupReadMembers; });
-    std::vector<const std::vector<const Listed*>*> work;
-    for (const auto& [size, members] : groups) work.push_back(&members);
-    std::vector<std::vector<FileHash::GroupMember>> results(work.size());
-    std::atomic<size_t> nextGroup{0};
-    std::atomic<uint64_t> read{0};
-    // Two readers: hashing and copying out of the page cache both cost processor time.
-    auto reader = [&] {
-      for (size_t g; (g = nextGroup.fetch_add(1)) < work.size();) {
-        uint64_t bytes = 0;
-        try {
-          std::vector<const char*> names;
-          std::vector<struct stat> expected;
-          for (const Listed* m : *work[g]) {
-            names.push_back(m->name.c_str());
-            expected.push_back(m->st);
-          }
-          results[g] = FileHash::readGroup(dirFd.get(), names, expected, &bytes);
-        } catch (const std::bad_alloc&) {
-          // no result: its files are hashed one by one further down
-        }
-        read += bytes;
-      }
-    };
-    runOnWorkers(work.size() > 1 ? 2 : 1, reader);
-    bytesHashed_ += read.load();
-    for (size_t g = 0; g < work.size(); ++g) {
-      const auto& members = *work[g];
-      filesHashed_ += members.size();
-      for (size_t i = 0; i < results[g].size(); ++i) {
-        if (!results[g][i].hash) continue;
-        hashes_.put(results[g][i].seen, *results[g][i].hash);
-        proved[members[i]->name] = Proved{members[*results[g][i].sameAs]->name, results[g][i].seen};
-      }
-    }
+  bool qualifies(const Listed& f) const {
+    const int64_t size = f.st.st_size;
+    return size >= kMinDuplicateBytes && size <= settings.maxAutoBytes() &&
+           !among(kPartialExtensions, lowerExtension(f.name));
   }
+  bool settled(const Listed& f) const { return now - f.modified > std::chrono::seconds(settle); }
+
   // Both files compared side by side in this sweep, and neither changed since.
-  const std::function<bool(const std::string&, const std::string&)> provedSame = [&](const std::string& a,
-                                                                                     const std::string& b) {
+  bool provedSame(const std::string& a, const std::string& b) const {
     if (fs::path(a).parent_path() != folder || fs::path(b).parent_path() != folder) return false;
+    const auto& proved = reading.proved;
     const auto pa = proved.find(fs::path(a).filename().string()), pb = proved.find(fs::path(b).filename().string());
     if (pa == proved.end() || pb == proved.end() || pa->second.sameAs != pb->second.sameAs) return false;
     struct stat sa, sb;
     return ::fstatat(dirFd.get(), fs::path(a).filename().c_str(), &sa, AT_SYMLINK_NOFOLLOW) == 0 &&
            ::fstatat(dirFd.get(), fs::path(b).filename().c_str(), &sb, AT_SYMLINK_NOFOLLOW) == 0 &&
            FileHash::unchanged(pa->second.seen, sa) && FileHash::unchanged(pb->second.seen, sb);
-  };
-
-  std::vector<ShredCandidate> held;  // for the review queue, written once when the folder is done
-  for (const auto& f : files) {
-    if (among(kPartialExtensions, lowerExtension(f.name))) continue;
-    const fs::path path = folder / f.name;
-    if (!settled(f)) {
-      // Departure from waiting for the periodic sweep: a duplicate still settling gets one more
-      // sweep at the moment it will have settled.
-      if (qualifies(f)) {
-        const Date at = Dates::plusSeconds(f.modified, settle + 1);
-        if (!settleAt_ || at < *settleAt_) settleAt_ = at;
-      }
-      continue;
-    }
-    const int64_t size = f.st.st_size;
-    if (size < kMinDuplicateBytes || size > cap) continue;
-    if (sizeCount[size] < 2 && !indexedSizes.count(size)) continue;
-
-    std::optional<uint64_t> hash = hashes_.find(f.st);
-    if (!hash) {
-      uint64_t read = 0;
-      hash = FileHash::ofFileAt(dirFd.get(), f.name.c_str(), &f.st, &read);
-      bytesHashed_ += read;
-      ++filesHashed_;
-      if (!hash) continue;
-      hashes_.put(f.st, *hash);
-    }
-    const std::string key = prefix + std::to_string(size) + ":" + FileHash::text(*hash);
-    std::string recorded;
-    {
-      std::lock_guard<std::mutex> guard(indexLock_);
-      auto it = index_.find(key);
-      if (it == index_.end() || it->second == path.string() || !lexists(it->second)) {
-        index_[key] = path.string();
-        continue;
-      }
-      recorded = it->second;
-    }
-    struct stat recordedStat;
-    if (::lstat(recorded.c_str(), &recordedStat) != 0) continue;
-    // Two names of one file: removing either frees nothing.
-    if (recordedStat.st_dev == f.st.st_dev && recordedStat.st_ino == f.st.st_ino) continue;
-    const auto mine = ageKey(f), theirs = ageKey(Listed{recorded, recordedStat, platform::modifiedTime(recordedStat)});
-    // Of two copies exactly as old the one already recorded stays.
-    const bool disposeRecorded = s.keepNewest ? mine > theirs : mine < theirs;
-    const std::string disposePath = disposeRecorded ? recorded : path.string();
-    const std::string keptPath = disposeRecorded ? path.string() : recorded;
-    const std::string keptName = fs::path(keptPath).filename().string();
-    if (std::find(s.ignoredPaths.begin(), s.ignoredPaths.end(), disposePath) != s.ignoredPaths.end()) continue;
-    if (s.isSkipped(disposePath)) {
-      if (s.reviewSkipped) {
-        held.push_back(ShredCandidate{disposePath, keptPath, size, std::string(ShredRule::duplicate),
-                                   "Identical to " + keptName + ", but ." + lowerExtension(disposePath) +
-                                       " is on your skip list",
-                                   now});
-      }
-      continue;
-    }
-    // The index remembers content as it was: the copy kept may have been edited since, and a 64-bit
-    // hash is no proof. Only byte-for-byte equal files go; otherwise this file takes the entry.
-    if (!twinHolds(disposePath, keptPath, provedSame)) {
-      std::lock_guard<std::mutex> guard(indexLock_);
-      index_[key] = path.string();
-      continue;
-    }
-    if (auto e = shred(disposePath, ShredRule::duplicate, "Byte-identical to " + keptName + ", which you already had",
-                       keptPath, size, now)) {
-      events.push_back(std::move(*e));
-      std::lock_guard<std::mutex> guard(indexLock_);
-      index_[key] = keptPath;
-    }
   }
-  review_.add(held);
-  return events;
+};
+
+std::vector<ShredEvent> ShredderEngine::dedupe(const fs::path& folder, Date now) {
+  DedupePass pass;
+  pass.settings = settings();
+  if (!pass.settings.dedupeDownloads) return {};
+  pass.folder = folder;
+  pass.now = now;
+  pass.settle = std::max(pass.settings.settleSeconds, kMinSettleSeconds);
+  int dirFd = -1;
+  pass.files = DuplicateGroups::list(folder, dirFd);
+  pass.dirFd = UniqueFd(dirFd);
+  std::erase_if(pass.files, [](const Listed& l) { return !S_ISREG(l.st.st_mode); });
+  // Oldest first: the copy you already had enters the index before the newcomer. A copy that
+  // kept its original's date (cp -p, a download manager) ties on it; the one that came into the
+  // folder later has the later status-change time.
+  std::stable_sort(pass.files.begin(), pass.files.end(),
+                   [](const Listed& a, const Listed& b) { return ageKey(a) < ageKey(b); });
+  // Departure from hashing every file: only a file whose size another file in this folder or
+  // in the index shares can have a twin, so only those are read (the result is the same).
+  for (const auto& f : pass.files)
+    if (pass.qualifies(f)) ++pass.sizeCount[f.st.st_size];
+  pass.indexedSizes = index_.sizesIn(folder.string());
+  // Files of one length are read side by side once: each gets its hash and the proof of which
+  // others hold the same bytes. Files whose hash is remembered are not read again; they are
+  // compared at disposal.
+  std::vector<const Listed*> candidates;
+  for (const auto& f : pass.files)
+    if (pass.qualifies(f) && pass.settled(f) && pass.sizeCount[f.st.st_size] >= 2 && !hashes_.find(f.st))
+      candidates.push_back(&f);
+  pass.reading = DuplicateGroups::readSideBySide(pass.dirFd.get(), candidates, hashes_);
+  bytesHashed_ += pass.reading.bytesRead;
+  filesHashed_ += pass.reading.filesRead;
+  for (const auto& f : pass.files) decideDuplicate(pass, f);
+  review_.add(pass.held);
+  return std::move(pass.events);
 }
 
-bool ShredderEngine::twinHolds(const std::string& disposed, const std::string& kept,
-                               const std::function<bool(const std::string&, const std::string&)>& provedSame) {
+std::optional<uint64_t> ShredderEngine::hashOf(const DedupePass& pass, const Listed& f) {
+  if (auto hash = hashes_.find(f.st)) return hash;
+  uint64_t read = 0;
+  const auto hash = FileHash::ofFileAt(pass.dirFd.get(), f.name.c_str(), &f.st, &read);
+  bytesHashed_ += read;
+  ++filesHashed_;
+  if (hash) hashes_.put(f.st, *hash);
+  return hash;
+}
+
+void ShredderEngine::decideDuplicate(DedupePass& pass, const Listed& f) {
+  const ShredderSettings& s = pass.settings;
+  if (among(kPartialExtensions, lowerExtension(f.name))) return;
+  const fs::path path = pass.folder / f.name;
+  if (!pass.settled(f)) {
+    // Departure from waiting for the periodic sweep: a duplicate still settling gets one more
+    // sweep at the moment it will have settled.
+    if (pass.qualifies(f)) {
+      const Date at = Dates::plusSeconds(f.modified, pass.settle + 1);
+      if (!settleAt_ || at < *settleAt_) settleAt_ = at;
+    }
+    return;
+  }
+  const int64_t size = f.st.st_size;
+  if (size < kMinDuplicateBytes || size > s.maxAutoBytes()) return;
+  if (pass.sizeCount[size] < 2 && !pass.indexedSizes.count(size)) return;
+  const auto hash = hashOf(pass, f);
+  if (!hash) return;
+  const std::string key = ShredIndex::key(pass.folder.string(), size, FileHash::text(*hash));
+  const auto recorded = index_.find(key);
+  if (!recorded || *recorded == path.string() || !lexists(*recorded)) return index_.set(key, path.string());
+  struct stat recordedStat;
+  if (::lstat(recorded->c_str(), &recordedStat) != 0) return;
+  // Two names of one file: removing either frees nothing.
+  if (recordedStat.st_dev == f.st.st_dev && recordedStat.st_ino == f.st.st_ino) return;
+  const auto mine = ageKey(f), theirs = ageKey(Listed{*recorded, recordedStat, platform::modifiedTime(recordedStat)});
+  // Of two copies exactly as old the one already recorded stays.
+  const bool disposeRecorded = s.keepNewest ? mine > theirs : mine < theirs;
+  const std::string disposePath = disposeRecorded ? *recorded : path.string();
+  const std::string keptPath = disposeRecorded ? path.string() : *recorded;
+  const std::string keptName = fs::path(keptPath).filename().string();
+  if (std::find(s.ignoredPaths.begin(), s.ignoredPaths.end(), disposePath) != s.ignoredPaths.end()) return;
+  if (s.isSkipped(disposePath)) {
+    if (s.reviewSkipped) {
+      pass.held.push_back(ShredCandidate{disposePath, keptPath, size, std::string(ShredRule::duplicate),
+                                         "Identical to " + keptName + ", but ." + lowerExtension(disposePath) +
+                                             " is on your skip list",
+                                         pass.now});
+    }
+    return;
+  }
+  // The index remembers content as it was: the copy kept may have been edited since, and a 64-bit
+  // hash is no proof. Only byte-for-byte equal files go; otherwise this file takes the entry.
+  if (!twinHolds(disposePath, keptPath, &pass)) return index_.set(key, path.string());
+  if (auto e = shred(disposePath, ShredRule::duplicate, "Byte-identical to " + keptName + ", which you already had",
+                     keptPath, size, pass.now)) {
+    pass.events.push_back(std::move(*e));
+    index_.set(key, keptPath);
+  }
+}
+
+bool ShredderEngine::twinHolds(const std::string& disposed, const std::string& kept, const DedupePass* pass) {
   struct stat sd, sk;
   if (::lstat(disposed.c_str(), &sd) != 0 || ::lstat(kept.c_str(), &sk) != 0) return false;
   if (!S_ISREG(sd.st_mode) || !S_ISREG(sk.st_mode)) return false;
   if (sd.st_dev == sk.st_dev && sd.st_ino == sk.st_ino) return false;
-  if (provedSame && provedSame(disposed, kept)) return true;
+  if (pass && pass->provedSame(disposed, kept)) return true;
   uint64_t compared = 0;
   const bool same = FileHash::sameContent(disposed, kept, &compared);
   bytesCompared_ += compared;
@@ -484,7 +407,7 @@ std::vector<ShredEvent> ShredderEngine::aged(const fs::path& folder, Date now, i
                                  ? "Installer sitting unused for " + std::to_string(days) + "+ days"
                                  : "Screenshot older than " + std::to_string(days) + " days";
   int dirFdRaw = -1;
-  const std::vector<Listed> children = listFolder(folder, dirFdRaw);
+  const std::vector<Listed> children = DuplicateGroups::list(folder, dirFdRaw);
   const UniqueFd dirFd(dirFdRaw);
   for (const auto& c : children) {
     if (S_ISLNK(c.st.st_mode) || !matches(c.name)) continue;
@@ -618,35 +541,7 @@ std::optional<ShredEvent> ShredderEngine::shredCandidate(const ShredCandidate& c
   return event;
 }
 
-void ShredderEngine::loadIndex() {
-  using Index = std::map<std::string, std::string>;
-  auto loaded = JSONStore::load<Index>(paths_.shredderIndexFile(), [](const Json& j) {
-    if (!j.is_object()) throw DecodeError("index: not an object");
-    Index out;
-    for (const auto& [k, v] : j.items()) {
-      if (!v.is_string()) throw DecodeError("index: a value is not text");
-      out[k] = v.get<std::string>();
-    }
-    return out;
-  });
-  std::lock_guard<std::mutex> guard(indexLock_);
-  index_ = loaded.value_or(Index{});
-  savedIndex_ = index_;
-}
-
-void ShredderEngine::saveIndex() {
-  std::lock_guard<std::mutex> guard(indexLock_);
-  std::erase_if(index_, [](const auto& entry) { return !lexists(entry.second); });
-  if (index_ == savedIndex_ && lexists(paths_.shredderIndexFile().string())) return;
-  try {
-    Json j = Json::object();
-    for (const auto& [k, v] : index_) j[k] = v;
-    JSONStore::save(j, paths_.shredderIndexFile());
-    savedIndex_ = index_;
-  } catch (const std::exception&) {
-    // Best effort: the index is rebuilt from the folders by the next sweeps.
-  }
-}
+void ShredderEngine::saveIndex() { index_.save(); }
 
 ShredderEngine::Counters ShredderEngine::counters() const {
   return {sweeps_, filesHashed_, bytesHashed_, bytesCompared_};

@@ -4,7 +4,9 @@
 #include "core/clean/Quarantine.h"
 #include "core/model/AppConfig.h"
 #include "core/safety/SafetyPolicy.h"
+#include "core/shredder/DuplicateGroups.h"
 #include "core/shredder/HashCache.h"
+#include "core/shredder/ShredIndex.h"
 #include "core/shredder/ShredHistory.h"
 #include "core/shredder/ShredReviewQueue.h"
 #include "core/shredder/ShredderModel.h"
@@ -122,22 +124,22 @@ class ShredderEngine {
   };
   Counters counters() const;
 
-  struct Listed;
+  struct DedupePass;
 
  private:
-  std::vector<Listed> listFolder(const fs::path& folder, int& dirFd) const;
   std::vector<ShredEvent> sweepLocked(Date now);
   // Re-reads the settings files that changed; the reason when the settings file is damaged.
   std::optional<std::string> refreshSettings();
   // The folders the watcher follows: the watched folders, and the settings folder when following.
   std::vector<fs::path> foldersToWatch() const;
   // True when `disposed` may go as a copy of `kept`: both still regular files, two files (not
-  // one file under two names) and the same bytes.
-  bool twinHolds(const std::string& disposed, const std::string& kept,
-                 const std::function<bool(const std::string&, const std::string&)>& provedSame);
+  // one file under two names) and the same bytes (proved by `pass`'s reading, else compared).
+  bool twinHolds(const std::string& disposed, const std::string& kept, const DedupePass* pass);
+  // The duplicate rule's verdict on one settled file of the pass (index, twin, disposal).
+  void decideDuplicate(DedupePass& pass, const DuplicateGroups::Listed& f);
+  std::optional<uint64_t> hashOf(const DedupePass& pass, const DuplicateGroups::Listed& f);
   std::vector<ShredEvent> aged(const fs::path& folder, Date now, int64_t days, std::string_view rule,
                                const std::function<bool(const std::string& name)>& matches);
-  void loadIndex();
   void scheduleSweep(std::chrono::steady_clock::time_point at);
   void runWatchLoop(OnSweep onSweep);
   void onFolderChange(const FolderWatcher::Change& change);
@@ -178,9 +180,7 @@ class ShredderEngine {
   std::atomic<std::thread::id> sweepThread_{};  // the thread running sweep()'s rules, if any
   std::map<std::string, QuarantineSession> sweepSessions_;  // by rule, open during a sweep
 
-  mutable std::mutex indexLock_;
-  std::map<std::string, std::string> index_;
-  std::map<std::string, std::string> savedIndex_;
+  ShredIndex index_;
 
   std::atomic<uint64_t> sweeps_{0}, filesHashed_{0}, bytesHashed_{0}, bytesCompared_{0};
 
