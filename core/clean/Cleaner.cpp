@@ -109,57 +109,60 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
   return pass.report;
 }
 
-void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pass& pass) {
-  const Verdict verdict = policy_.check(givenPath);
+void Cleaner::skip(const ScanItem& item, const std::string& path, const std::string& reason, Pass& pass) {
+  pass.report.skippedProtected.push_back(path);
+  if (!pass.dryRun)
+    pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
+}
+
+std::optional<Cleaner::Target> Cleaner::resolve(const ScanItem& item, const std::string& givenPath,
+                                                 const Verdict& verdict, Pass& pass) {
   if (verdict.isBlocked() || verdict.kind == Verdict::Kind::syncedCloud) {
     // A synced cloud folder offers only eviction: removing the file there would delete it everywhere.
-    const std::string reason = verdict.isBlocked() ? verdict.text : "In " + verdict.text + "; only eviction is offered";
-    pass.report.skippedProtected.push_back(givenPath);
-    if (!pass.dryRun)
-      pass.audit.push_back(AuditEntry::make(pass.now, "skip", givenPath, item.size, item.category, pass.trigger, false, reason));
-    return;
+    skip(item, givenPath, verdict.isBlocked() ? verdict.text : "In " + verdict.text + "; only eviction is offered",
+         pass);
+    return std::nullopt;
   }
   if (verdict.kind == Verdict::Kind::needsAdmin) {
     ScanItem admin = item;
     admin.target = ItemTarget::forAdminPath(givenPath);
     pass.adminItems.push_back(admin);
-    return;
+    return std::nullopt;
   }
-
   // The name the user knows the item by (for reports and records), and where it really is: a
   // folder the policy lets a root follow through a link is acted on at its real place.
-  std::string path = SafetyPolicy::normalize(givenPath, paths_.home());
-  const auto place = policy_.placeOf(path);
+  Target t{SafetyPolicy::normalize(givenPath, paths_.home()), ""};
+  const auto place = policy_.placeOf(t.path);
   // Through a link only when the scan found the item there too: a folder swapped for a link since
   // (even one the policy would follow) is not where the user's choice was made.
-  if (!place || *place != item.realPath.value_or(path)) {
-    pass.report.skippedProtected.push_back(givenPath);
-    if (!pass.dryRun)
-      pass.audit.push_back(AuditEntry::make(pass.now, "skip", givenPath, item.size, item.category, pass.trigger, false,
-                                            "The folder changed while cleaning"));
-    return;
+  if (!place || *place != item.realPath.value_or(t.path)) {
+    skip(item, givenPath, "The folder changed while cleaning", pass);
+    return std::nullopt;
   }
-  std::string real = *place;
+  t.real = *place;
   struct stat st;
-  if (::lstat(real.c_str(), &st) != 0) {
-    if (errno != ENOENT && errno != ENOTDIR) {
-      pass.report.failures.push_back({item.id, "couldn't be read (the drive it's on may be offline)"});
-      return;
-    }
-    // An evicted cloud file leaves only its placeholder; that is what there is to remove.
-    const auto withPlaceholder = [](const std::string& p) {
-      const fs::path f(p);
-      return (f.parent_path() / ("." + f.filename().string() + ".icloud")).string();
-    };
-    if (::lstat(withPlaceholder(real).c_str(), &st) != 0) {
-      if (!pass.dryRun)
-        pass.audit.push_back(AuditEntry::make(pass.now, "gone", path, 0, item.category, pass.trigger, true));
-      return;
-    }
-    path = withPlaceholder(path);
-    real = withPlaceholder(real);
+  if (::lstat(t.real.c_str(), &st) == 0) return t;
+  if (errno != ENOENT && errno != ENOTDIR) {
+    pass.report.failures.push_back({item.id, "couldn't be read (the drive it's on may be offline)"});
+    return std::nullopt;
   }
+  // An evicted cloud file leaves only its placeholder; that is what there is to remove.
+  const auto withPlaceholder = [](const std::string& p) {
+    const fs::path f(p);
+    return (f.parent_path() / ("." + f.filename().string() + ".icloud")).string();
+  };
+  if (::lstat(withPlaceholder(t.real).c_str(), &st) != 0) {
+    if (!pass.dryRun)
+      pass.audit.push_back(AuditEntry::make(pass.now, "gone", t.path, 0, item.category, pass.trigger, true));
+    return std::nullopt;
+  }
+  return Target{withPlaceholder(t.path), withPlaceholder(t.real)};
+}
 
+void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pass& pass) {
+  const Verdict verdict = policy_.check(givenPath);
+  const auto target = resolve(item, givenPath, verdict, pass);
+  if (!target) return;
   const Disposal disposal = pass.disposalOverride.value_or(config_.disposal(item.category));
   if (pass.dryRun) {
     switch (disposal) {
@@ -170,91 +173,90 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     ++pass.report.itemsProcessed;
     return;
   }
-
-  auto setAsideOnPermission = [&](const std::error_code& ec) {
-    // Only a deletion may become a privileged deletion: an item the user wanted undoable must
-    // never be removed for good behind their back.
-    if (disposal != Disposal::delete_ || !isPermissionError(ec)) return false;
-    const Verdict again = policy_.check(path);
-    if (again.isBlocked()) return false;
-    ScanItem admin = item;
-    admin.target = ItemTarget::forAdminPath(path);
-    pass.adminItems.push_back(admin);
-    return true;
+  const std::string action(rawValue(disposal));
+  auto failed = [&](const std::string& message) {
+    pass.report.failures.push_back({item.id, message});
+    pass.audit.push_back(AuditEntry::make(pass.now, action, target->path, item.size, item.category, pass.trigger,
+                                          false, message));
   };
-
   try {
-    // Open the parent from a trusted folder without following any link, then judge what was
-    // actually opened: a folder swapped, moved or re-linked since the check above is refused.
-    ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), real), real);
-    const fs::path realParent = fs::path(real).parent_path();
-    const auto opened = parent.realPath();
-    const Verdict bound = policy_.check(path);
-    if (bound.kind != verdict.kind || policy_.placeOf(path) != real || (opened && *opened != realParent)) {
-      const std::string reason = bound.isBlocked() ? bound.text : "The folder changed while cleaning";
-      pass.report.skippedProtected.push_back(path);
-      pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
-      return;
-    }
-    // Records (the quarantine's original path, the Trash's info file) keep the name the user knows.
-    parent.path = fs::path(path).parent_path();
-
-    if (CloudFiles::isDataless(real)) {
-      // No local data: the cloud service's own removal, retried while it is busy.
-      CloudFiles::remove(real, 4, services_);
-      addChecked(pass.report.freedBytes, item.size);
-      ++pass.report.itemsProcessed;
-      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
-      return;
-    }
-
-    switch (disposal) {
-      case Disposal::quarantine:
-        if (!pass.session) {
-          pass.session = quarantine_.beginSession(pass.trigger, config_.quarantineRetentionDays, pass.now);
-        }
-        quarantine_.add(parent, item.size, item.category, *pass.session);
-        addChecked(pass.report.quarantinedBytes, item.size);
-        break;
-      case Disposal::trash:
-        platform::moveToTrash(paths_, parent, pass.now);
-        addChecked(pass.report.trashedBytes, item.size);
-        break;
-      case Disposal::delete_: {
-        const RemoveResult r = remover_.removeEntry(parent);
-        if (!r.ok()) {
-          if (setAsideOnPermission(r.error)) return;
-          r.throwIfFailed();
-        }
-        addChecked(pass.report.freedBytes, item.size);
-        break;
-      }
-    }
-    if (identityAt(parent.fd.get(), parent.name.c_str())) {
-      throw CleanerError::stillThere(parent.name);
-    }
-    // An entry that left a freedesktop Trash takes its info file and size line with it.
-    if (item.category == CleanCategory::trash) platform::forgetTrashEntry(path);
-  } catch (const QuarantineAddError& e) {
-    pass.report.failures.push_back({item.id, e.what()});
-    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
-                                          pass.trigger, false, e.what()));
-    return;
+    if (!disposeAt(item, *target, verdict, disposal, pass)) return;
   } catch (const std::system_error& e) {
-    if (setAsideOnPermission(e.code())) return;
-    pass.report.failures.push_back({item.id, e.what()});
-    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
-                                          pass.trigger, false, e.what()));
+    if (!setAsideOnPermission(item, target->path, disposal, e.code(), pass)) failed(e.what());
     return;
+  } catch (const QuarantineAddError& e) {
+    return failed(e.what());
+  } catch (const FS::ContainsMount& e) {
+    return failed(e.what());
   } catch (const CleanerError& e) {
-    pass.report.failures.push_back({item.id, e.what()});
-    pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
-                                          pass.trigger, false, e.what()));
-    return;
+    return failed(e.what());
   }
   ++pass.report.itemsProcessed;
-  pass.audit.push_back(AuditEntry::make(pass.now, std::string(rawValue(disposal)), path, item.size, item.category,
-                                        pass.trigger, true));
+  pass.audit.push_back(AuditEntry::make(pass.now, action, target->path, item.size, item.category, pass.trigger, true));
+}
+
+bool Cleaner::setAsideOnPermission(const ScanItem& item, const std::string& path, Disposal disposal,
+                                   const std::error_code& ec, Pass& pass) {
+  // Only a deletion may become a privileged deletion: an item the user wanted undoable must
+  // never be removed for good behind their back.
+  if (disposal != Disposal::delete_ || !isPermissionError(ec)) return false;
+  if (policy_.check(path).isBlocked()) return false;
+  ScanItem admin = item;
+  admin.target = ItemTarget::forAdminPath(path);
+  pass.adminItems.push_back(admin);
+  return true;
+}
+
+bool Cleaner::disposeAt(const ScanItem& item, const Target& target, const Verdict& verdict, Disposal disposal,
+                        Pass& pass) {
+  const std::string& path = target.path;
+  const std::string& real = target.real;
+  // Open the parent from a trusted folder without following any link, then judge what was
+  // actually opened: a folder swapped, moved or re-linked since the check above is refused.
+  ParentDir parent = SafeFS::openParent(Anchor::forPath(paths_.home(), real), real);
+  const fs::path realParent = fs::path(real).parent_path();
+  const auto opened = parent.realPath();
+  const Verdict bound = policy_.check(path);
+  if (bound.kind != verdict.kind || policy_.placeOf(path) != real || (opened && *opened != realParent)) {
+    pass.report.skippedProtected.push_back(path);
+    pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false,
+                                          bound.isBlocked() ? bound.text : "The folder changed while cleaning"));
+    return false;
+  }
+  // Records (the quarantine's original path, the Trash's info file) keep the name the user knows.
+  parent.path = fs::path(path).parent_path();
+  if (CloudFiles::isDataless(real)) {
+    // No local data: the cloud service's own removal, retried while it is busy.
+    CloudFiles::remove(real, 4, services_);
+    addChecked(pass.report.freedBytes, item.size);
+    ++pass.report.itemsProcessed;
+    pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
+    return false;
+  }
+  switch (disposal) {
+    case Disposal::quarantine:
+      if (!pass.session) pass.session = quarantine_.beginSession(pass.trigger, config_.quarantineRetentionDays, pass.now);
+      quarantine_.add(parent, item.size, item.category, *pass.session);
+      addChecked(pass.report.quarantinedBytes, item.size);
+      break;
+    case Disposal::trash:
+      platform::moveToTrash(paths_, parent, pass.now);
+      addChecked(pass.report.trashedBytes, item.size);
+      break;
+    case Disposal::delete_: {
+      const RemoveResult r = remover_.removeEntry(parent);
+      if (!r.ok()) {
+        if (setAsideOnPermission(item, path, disposal, r.error, pass)) return false;
+        r.throwIfFailed();
+      }
+      addChecked(pass.report.freedBytes, item.size);
+      break;
+    }
+  }
+  if (identityAt(parent.fd.get(), parent.name.c_str())) throw CleanerError::stillThere(parent.name);
+  // An entry that left a freedesktop Trash takes its info file and size line with it.
+  if (item.category == CleanCategory::trash) platform::forgetTrashEntry(path);
+  return true;
 }
 
 void Cleaner::runAdminStep(Pass& pass) {

@@ -63,7 +63,23 @@ class Cleaner {
 
  private:
   struct Pass;
+  // Where an item is acted on: the name the user knows it by, and its real place.
+  struct Target {
+    std::string path;
+    std::string real;
+  };
   void disposePath(const ScanItem& item, const std::string& path, Pass& pass);
+  // The item's target, or nothing when it was dealt with already (skipped, set aside for
+  // administrator rights, gone, unreadable).
+  std::optional<Target> resolve(const ScanItem& item, const std::string& givenPath, const Verdict& verdict,
+                                Pass& pass);
+  // Moves or removes the item after judging the opened parent again; false when it was skipped,
+  // set aside or recorded already. Throws what the disposal throws.
+  bool disposeAt(const ScanItem& item, const Target& target, const Verdict& verdict, Disposal disposal, Pass& pass);
+  // A deletion refused for want of permission goes to the administrator step instead.
+  bool setAsideOnPermission(const ScanItem& item, const std::string& path, Disposal disposal,
+                            const std::error_code& ec, Pass& pass);
+  void skip(const ScanItem& item, const std::string& path, const std::string& reason, Pass& pass);
   void runAdminStep(Pass& pass);
 
   Paths paths_;

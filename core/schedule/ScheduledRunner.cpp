@@ -1,4 +1,4 @@
-// Scheduled runs: the twelve steps of one tick.
+// Scheduled runs: one tick, step by step.
 #include "core/schedule/ScheduledRunner.h"
 
 #include "core/base/ByteFormat.h"
@@ -70,9 +70,22 @@ SystemState ScheduledRunner::probe(const Paths& paths, const Services& given, Da
   return state;
 }
 
+// What one tick works with: its time, its services (whose clock reads that time), the settings
+// and rules as loaded, and the agent's state.
+struct ScheduledRunner::Tick {
+  Date now{};
+  Services services;
+  bool settingsDamaged = false;
+  AppConfig settings;
+  bool rulesDamaged = false;
+  std::vector<ScheduleRule> rules;
+  AgentState agentState;
+  SystemState state;
+  std::map<std::string, std::pair<Date, std::string>> results;  // rule id → lastRun, lastResult
+};
+
 void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRuleID,
                            const std::optional<SystemState>& stateOverride) {
-  // 1–2: folders, then the lock; a second run leaves everything as it is.
   try {
     paths_.ensureSupportDirs();
   } catch (const std::exception&) {
@@ -83,100 +96,103 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
     log_("Another run is in progress; skipping.");
     return;
   }
+  Tick t;
+  t.now = now;
+  t.services = services_;
   // Everything below sees the tick's time, so a scan's ages and a clean's dates agree with it.
-  Services services = services_;
-  services.now = [now] { return now; };
-
-  // 3: settings, rules, state.
-  const auto config = ConfigStore(paths_).loadChecked();
-  const bool settingsDamaged = config.damaged();
-  if (settingsDamaged) {
-    // No rule runs and nothing expires until it is fixed: the defaults lack the user's protections.
-    log_(ConfigStore(paths_).damagedMessage(config.reason));
-  }
-  const AppConfig settings = config.value.value_or(AppConfig{});
-  const RuleStore ruleStore(paths_);
-  auto loadedRules = ruleStore.loadChecked(now);
-  const bool rulesDamaged = loadedRules.damaged();
-  std::vector<ScheduleRule> rules;
-  if (rulesDamaged) {
-    // The defaults would run rules the user may have switched off; the file is theirs to fix.
-    log_(ruleStore.damagedMessage(loadedRules.reason));
-  } else {
-    rules = std::move(*loadedRules.value);
-  }
-  AgentState agentState = AgentState::load(paths_);
-
-  // 4: the space sample.
+  t.services.now = [now] { return now; };
+  load(t);
   const SpaceHistory history(paths_);
   if (const auto space = FS::volumeSpace(paths_.home())) history.record(*space, now);
+  t.state = stateOverride ? *stateOverride : probe(paths_, t.services, now);
+  if (!t.settingsDamaged) purgeExpiredQuarantine(t);
+  runDueRules(t, forceRuleID);
+  saveRuleResults(t);
+  reportBackgroundItems(t);
+  warnOfFullDisk(t, history);
+  takeGrowthSnapshot(t);
+  t.agentState.save(paths_);
+  lock->release();
+}
 
-  // 5: the state.
-  const SystemState state = stateOverride ? *stateOverride : probe(paths_, services, now);
+void ScheduledRunner::load(Tick& t) {
+  const auto config = ConfigStore(paths_).loadChecked();
+  t.settingsDamaged = config.damaged();
+  // No rule runs and nothing expires until it is fixed: the defaults lack the user's protections.
+  if (t.settingsDamaged) log_(ConfigStore(paths_).damagedMessage(config.reason));
+  t.settings = config.value.value_or(AppConfig{});
+  const RuleStore ruleStore(paths_);
+  auto loadedRules = ruleStore.loadChecked(t.now);
+  t.rulesDamaged = loadedRules.damaged();
+  // The defaults would run rules the user may have switched off; the file is theirs to fix.
+  if (t.rulesDamaged) log_(ruleStore.damagedMessage(loadedRules.reason));
+  else t.rules = std::move(*loadedRules.value);
+  t.agentState = AgentState::load(paths_);
+}
 
-  // 6: expired quarantine.
-  if (!settingsDamaged) {
-    const int64_t purged = Quarantine(paths_, services).purgeExpired(now);
-    if (purged > 0) {
-      log_("Purged expired quarantine: " + ByteFormat::string(purged));
-      AuditLog(paths_).append(
-          {AuditEntry::make(now, "purge", "expired quarantine", purged, std::nullopt, TriggerSource::manual(), true)});
-    }
-  }
+void ScheduledRunner::purgeExpiredQuarantine(Tick& t) {
+  const int64_t purged = Quarantine(paths_, t.services).purgeExpired(t.now);
+  if (purged <= 0) return;
+  log_("Purged expired quarantine: " + ByteFormat::string(purged));
+  AuditLog(paths_).append(
+      {AuditEntry::make(t.now, "purge", "expired quarantine", purged, std::nullopt, TriggerSource::manual(), true)});
+}
 
-  // 7: the rules, in stored order.
+void ScheduledRunner::runDueRules(Tick& t, const std::optional<std::string>& forceRuleID) {
   const date::time_zone* zone = zone_ ? zone_ : machineZone();
-  std::map<std::string, std::pair<Date, std::string>> results;  // rule id → lastRun, lastResult
-  for (auto& rule : rules) {
+  for (auto& rule : t.rules) {
     const bool forced = forceRuleID && *forceRuleID == rule.id;
     if (!forced) {
-      const Decision decision = RuleEvaluator::evaluate(rule, state, now, zone);
+      const Decision decision = RuleEvaluator::evaluate(rule, t.state, t.now, zone);
       if (decision.kind == Decision::Kind::waiting) log_("[" + rule.name + "] due, " + decision.reason);
       if (decision.kind != Decision::Kind::run) continue;
     }
-    if (settingsDamaged) continue;  // already said above; the defaults lack the user's protections
+    if (t.settingsDamaged) continue;  // already said; the defaults lack the user's protections
     log_("[" + rule.name + "] running (" + rule.trigger.summary() + ")");
-    const ScanEngine engine(paths_, settings, services);
+    const ScanEngine engine(paths_, t.settings, t.services);
     const std::set<CleanCategory> categories(rule.categories.begin(), rule.categories.end());
     std::vector<ScanItem> items;
     for (const auto& result : engine.scan(categories))
       for (const auto& item : result.items)
         if (item.risk <= rule.maxRisk) items.push_back(item);
-    Cleaner cleaner(paths_, settings, services);
+    Cleaner cleaner(paths_, t.settings, t.services);
     const CleanReport report = cleaner.clean(items, TriggerSource::schedule(rule.name), rule.dryRun, std::nullopt);
     const std::string summary = summarize(report, rule.dryRun);
-    rule.lastRun = now;
+    rule.lastRun = t.now;
     rule.lastResult = summary;
-    results[rule.id] = {now, summary};
+    t.results[rule.id] = {t.now, summary};
     log_("[" + rule.name + "] " + summary);
     const int64_t moved = report.freedBytes + report.quarantinedBytes + report.trashedBytes + report.evictedBytes;
     if (rule.notify && moved > 0) notify_(std::string(AppInfo::name) + ": " + rule.name, summary);
   }
+}
 
-  // 8: save the rules. Through the store's read-modify-write, so a rule the app changed meanwhile
-  // keeps that change; a damaged file is never replaced.
-  if (!rulesDamaged) {
-    try {
-      JSONStore::update<std::vector<ScheduleRule>>(
-          paths_.rulesFile(), scheduleRulesFromJson, [](const auto& r) { return toJson(r); },
-          [&] { return rules; },
-          [&](std::vector<ScheduleRule>& stored) {
-            for (auto& r : stored) {
-              if (const auto it = results.find(r.id); it != results.end()) {
-                r.lastRun = it->second.first;
-                r.lastResult = it->second.second;
-              }
+void ScheduledRunner::saveRuleResults(Tick& t) {
+  // Through the store's read-modify-write, so a rule the app changed meanwhile keeps that change;
+  // a damaged file is never replaced.
+  if (t.rulesDamaged) return;
+  try {
+    JSONStore::update<std::vector<ScheduleRule>>(
+        paths_.rulesFile(), scheduleRulesFromJson, [](const auto& r) { return toJson(r); },
+        [&] { return t.rules; },
+        [&](std::vector<ScheduleRule>& stored) {
+          for (auto& r : stored) {
+            if (const auto it = t.results.find(r.id); it != t.results.end()) {
+              r.lastRun = it->second.first;
+              r.lastResult = it->second.second;
             }
-            return true;
-          },
-          /*replaceDamaged=*/false);
-    } catch (const std::exception&) {
-      // Save errors are ignored: the rules run again at the next tick at worst.
-    }
+          }
+          return true;
+        },
+        /*replaceDamaged=*/false);
+  } catch (const std::exception&) {
+    // Save errors are ignored: the rules run again at the next tick at worst.
   }
+}
 
-  // 9: background items.
-  const auto changes = PersistenceWatch(paths_).check(PersistenceInspector::scan(paths_, false, services, systemRoot_));
+void ScheduledRunner::reportBackgroundItems(Tick& t) {
+  const auto changes =
+      PersistenceWatch(paths_).check(PersistenceInspector::scan(paths_, false, t.services, systemRoot_));
   for (size_t i = 0; i < changes.size() && i < kMaxItemNotices; ++i) {
     const auto& [item, isNew] = changes[i];
     const std::string word = isNew ? "New" : "Changed";
@@ -185,8 +201,11 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
     notify_(word + " background item: " + item.label, body + ". Open " + std::string(AppInfo::name) + " to review.");
     log_(word + " persistence item: " + item.path);
   }
+}
 
-  // 10: the disk-full warning.
+void ScheduledRunner::warnOfFullDisk(Tick& t, const SpaceHistory& history) {
+  const Date now = t.now;
+  AgentState& agentState = t.agentState;
   if (const auto forecast = history.forecast(now); forecast && forecast->daysUntilFull &&
                                                    *forecast->daysUntilFull < kForecastWarnDays &&
                                                    olderThan(agentState.lastForecastAlert, now, kForecastWarnGapSeconds)) {
@@ -195,18 +214,19 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
                 std::string(AppInfo::name) + " to see what's growing.");
     agentState.lastForecastAlert = now;
   }
+}
 
-  // 11: the growth snapshot, only while the machine is idle on mains.
+// Only while the machine is idle on mains.
+void ScheduledRunner::takeGrowthSnapshot(Tick& t) {
+  const SystemState& state = t.state;
+  const Date now = t.now;
+  AgentState& agentState = t.agentState;
   if (state.idleSeconds && *state.idleSeconds > kSnapshotIdleSeconds && state.onACPower != false &&
       olderThan(agentState.lastGrowthSnapshot, now, kSnapshotGapSeconds)) {
-    GrowthTracker(paths_, settings.protectedPaths).takeSnapshot(now, [] { return false; });
+    GrowthTracker(paths_, t.settings.protectedPaths).takeSnapshot(now, [] { return false; });
     agentState.lastGrowthSnapshot = now;
     log_("Growth snapshot taken");
   }
-
-  // 12: the state; the lock goes with `lock`.
-  agentState.save(paths_);
-  lock->release();
 }
 
 }  // namespace kestrel

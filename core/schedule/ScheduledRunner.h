@@ -19,6 +19,8 @@ class time_zone;
 
 namespace kestrel {
 
+class SpaceHistory;
+
 class ScheduledRunner {
  public:
   using Log = std::function<void(const std::string& line)>;
@@ -44,6 +46,15 @@ class ScheduledRunner {
   static std::string summarize(const CleanReport& report, bool dryRun) { return report.summary(dryRun); }
 
  private:
+  struct Tick;
+  void load(Tick& t);
+  void purgeExpiredQuarantine(Tick& t);
+  void runDueRules(Tick& t, const std::optional<std::string>& forceRuleID);
+  void saveRuleResults(Tick& t);
+  void reportBackgroundItems(Tick& t);
+  void warnOfFullDisk(Tick& t, const SpaceHistory& history);
+  void takeGrowthSnapshot(Tick& t);
+
   Paths paths_;
   Log log_;
   Notify notify_;
