@@ -28,17 +28,6 @@ class QuickReader {
 
   // Nothing means unsure.
   std::optional<QuickAuditRecord> read() {
-    enum : unsigned {
-      kId = 1,
-      kDate = 2,
-      kAction = 4,
-      kTarget = 8,
-      kSize = 16,
-      kCategory = 32,
-      kTrigger = 64,
-      kSuccess = 128,
-      kMessage = 256
-    };
     unsigned seen = 0;
     QuickAuditRecord r;
     ws();
@@ -51,49 +40,8 @@ class QuickReader {
       ws();
       if (!eat(':')) return std::nullopt;
       ws();
-      unsigned bit = 0;
-      if (key == "id") {
-        bit = kId;
-        std::string_view v;
-        if (!plainString(v) || !Uuid::parse(v)) return std::nullopt;
-      } else if (key == "date") {
-        bit = kDate;
-        std::string_view v;
-        if (!plainString(v) || !Dates::parseISO8601(v)) return std::nullopt;
-      } else if (key == "action") {
-        bit = kAction;
-        if (!plainString(r.action)) return std::nullopt;
-      } else if (key == "target") {
-        bit = kTarget;
-        if (!anyString()) return std::nullopt;
-      } else if (key == "size") {
-        bit = kSize;
-        if (!integer(r.size)) return std::nullopt;
-      } else if (key == "category") {
-        bit = kCategory;
-        std::string_view v;
-        if (literal("null")) {
-        } else if (!plainString(v) || !categoryFromRaw(v)) {
-          return std::nullopt;
-        }
-      } else if (key == "trigger") {
-        bit = kTrigger;
-        if (!trigger()) return std::nullopt;
-      } else if (key == "success") {
-        bit = kSuccess;
-        if (literal("true")) {
-          r.success = true;
-        } else if (literal("false")) {
-          r.success = false;
-        } else {
-          return std::nullopt;
-        }
-      } else if (key == "message") {
-        bit = kMessage;
-        if (!literal("null") && !anyString()) return std::nullopt;
-      } else {
-        return std::nullopt;
-      }
+      const unsigned bit = value(key, r);
+      if (!bit) return std::nullopt;
       if (seen & bit) return std::nullopt;  // a repeated key: let the full decoder decide
       seen |= bit;
       ws();
@@ -112,6 +60,29 @@ class QuickReader {
   }
 
  private:
+  static constexpr unsigned kId = 1, kDate = 2, kAction = 4, kTarget = 8, kSize = 16, kCategory = 32,
+                            kTrigger = 64, kSuccess = 128, kMessage = 256;
+
+  // Reads the value of `key` into `r`: the key's bit, or 0 when unsure.
+  unsigned value(std::string_view key, QuickAuditRecord& r) {
+    std::string_view v;
+    if (key == "id") return plainString(v) && Uuid::parse(v) ? kId : 0u;
+    if (key == "date") return plainString(v) && Dates::parseISO8601(v) ? kDate : 0u;
+    if (key == "action") return plainString(r.action) ? kAction : 0u;
+    if (key == "target") return anyString() ? kTarget : 0u;
+    if (key == "size") return integer(r.size) ? kSize : 0u;
+    if (key == "category") return literal("null") || (plainString(v) && categoryFromRaw(v)) ? kCategory : 0u;
+    if (key == "trigger") return trigger() ? kTrigger : 0u;
+    if (key == "success") {
+      if (literal("true")) r.success = true;
+      else if (literal("false")) r.success = false;
+      else return 0;
+      return kSuccess;
+    }
+    if (key == "message") return literal("null") || anyString() ? kMessage : 0u;
+    return 0;
+  }
+
   char peek() const { return pos_ < s_.size() ? s_[pos_] : '\0'; }
   bool eat(char c) {
     if (peek() != c || pos_ >= s_.size()) return false;

@@ -102,27 +102,29 @@ bool sameContent(const std::string& a, const std::string& b, uint64_t* bytesRead
   return total == static_cast<uint64_t>(sa.st_size);
 }
 
-std::vector<GroupMember> readGroup(int dirFd, const std::vector<const char*>& names,
-                                   const std::vector<struct stat>& expected, uint64_t* bytesRead) {
-  using State = std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)>;
-  const size_t n = names.size();
-  std::vector<GroupMember> out(n);
-  struct Reader {
-    UniqueFd fd;
-    struct stat opened {};
-    std::unique_ptr<char[]> buffer;
-  };
-  // Members alike so far, with the hash of the bytes they share: one hash per class, since
-  // members holding the same bytes have the same hash. Every member is read whole even when
-  // alone in its class: its hash is what spares reading it again in later sweeps.
-  struct Class {
-    std::vector<size_t> members;
-    State state{nullptr, XXH3_freeState};
-  };
-  std::vector<Reader> readers(n);
+namespace {
+
+using State = std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)>;
+
+struct Reader {
+  UniqueFd fd;
+  struct stat opened {};
+  std::unique_ptr<char[]> buffer;
+};
+
+// Members alike so far, with the hash of the bytes they share: one hash per class, since members
+// holding the same bytes have the same hash. Every member is read whole even when alone in its
+// class: its hash is what spares reading it again in later sweeps.
+struct Class {
+  std::vector<size_t> members;
+  State state{nullptr, XXH3_freeState};
+};
+
+// Opens every member that is still the file listed, at `length` bytes; they form the first class.
+Class openMembers(int dirFd, const std::vector<const char*>& names, const std::vector<struct stat>& expected,
+                  off_t length, std::vector<Reader>& readers) {
   Class all;
-  const off_t length = n ? expected[0].st_size : 0;
-  for (size_t i = 0; i < n; ++i) {
+  for (size_t i = 0; i < names.size(); ++i) {
     Reader& r = readers[i];
     r.fd = UniqueFd(openForReading(dirFd, names[i]));
     if (!r.fd || ::fstat(r.fd.get(), &r.opened) != 0 || !S_ISREG(r.opened.st_mode) ||
@@ -136,43 +138,62 @@ std::vector<GroupMember> readGroup(int dirFd, const std::vector<const char*>& na
     all.members.push_back(i);
   }
   all.state.reset(XXH3_createState());
-  if (!all.state || XXH3_64bits_reset(all.state.get()) != XXH_OK) return out;
+  if (all.state && XXH3_64bits_reset(all.state.get()) != XXH_OK) all.state.reset();
+  return all;
+}
+
+// Reads the next `want` bytes of every member and splits each class where the bytes part; a
+// member that reads short is no longer the file compared and drops out.
+std::vector<Class> readBlock(std::vector<Class>& classes, std::vector<Reader>& readers, size_t want, uint64_t& total) {
+  std::vector<Class> next;
+  for (auto& c : classes) {
+    std::vector<std::vector<size_t>> parts;
+    for (const size_t i : c.members) {
+      Reader& r = readers[i];
+      const ssize_t got = fill(r.fd.get(), r.buffer.get(), want);
+      if (got > 0) total += static_cast<uint64_t>(got);
+      if (got != static_cast<ssize_t>(want)) continue;
+      auto it = std::find_if(parts.begin(), parts.end(), [&](const std::vector<size_t>& p) {
+        return std::memcmp(readers[p.front()].buffer.get(), r.buffer.get(), want) == 0;
+      });
+      if (it == parts.end())
+        parts.push_back({i});
+      else
+        it->push_back(i);
+    }
+    for (size_t k = 0; k < parts.size(); ++k) {
+      Class part;
+      part.members = std::move(parts[k]);
+      if (k + 1 == parts.size()) {
+        part.state = std::move(c.state);  // the last part takes the class's own state
+      } else {
+        part.state.reset(XXH3_createState());
+        if (!part.state) continue;
+        XXH3_copyState(part.state.get(), c.state.get());
+      }
+      (void)XXH3_64bits_update(part.state.get(), readers[part.members.front()].buffer.get(), want);
+      next.push_back(std::move(part));
+    }
+  }
+  return next;
+}
+
+}  // namespace
+
+std::vector<GroupMember> readGroup(int dirFd, const std::vector<const char*>& names,
+                                   const std::vector<struct stat>& expected, uint64_t* bytesRead) {
+  const size_t n = names.size();
+  std::vector<GroupMember> out(n);
+  std::vector<Reader> readers(n);
+  const off_t length = n ? expected[0].st_size : 0;
+  Class all = openMembers(dirFd, names, expected, length, readers);
+  if (!all.state) return out;
   std::vector<Class> classes;
   if (!all.members.empty()) classes.push_back(std::move(all));
   uint64_t total = 0;
   for (off_t offset = 0; offset < length && !classes.empty();) {
     const size_t want = static_cast<size_t>(std::min<off_t>(length - offset, static_cast<off_t>(kGroupBlock)));
-    std::vector<Class> next;
-    for (auto& c : classes) {
-      std::vector<std::vector<size_t>> parts;
-      for (const size_t i : c.members) {
-        Reader& r = readers[i];
-        const ssize_t got = fill(r.fd.get(), r.buffer.get(), want);
-        if (got > 0) total += static_cast<uint64_t>(got);
-        if (got != static_cast<ssize_t>(want)) continue;  // shorter than listed: no longer the file compared
-        auto it = std::find_if(parts.begin(), parts.end(), [&](const std::vector<size_t>& p) {
-          return std::memcmp(readers[p.front()].buffer.get(), r.buffer.get(), want) == 0;
-        });
-        if (it == parts.end())
-          parts.push_back({i});
-        else
-          it->push_back(i);
-      }
-      for (size_t k = 0; k < parts.size(); ++k) {
-        Class part;
-        part.members = std::move(parts[k]);
-        if (k + 1 == parts.size()) {
-          part.state = std::move(c.state);  // the last part takes the class's own state
-        } else {
-          part.state.reset(XXH3_createState());
-          if (!part.state) continue;
-          XXH3_copyState(part.state.get(), c.state.get());
-        }
-        (void)XXH3_64bits_update(part.state.get(), readers[part.members.front()].buffer.get(), want);
-        next.push_back(std::move(part));
-      }
-    }
-    classes = std::move(next);
+    classes = readBlock(classes, readers, want, total);
     offset += static_cast<off_t>(want);
   }
   for (const auto& c : classes) {

@@ -237,6 +237,35 @@ class ProjectWalk {
     found_.push_back({project, std::move(item)});
   }
 
+  // Counts the dates of the files and links among `entries` towards `project` and returns the
+  // folders among them; nothing when the walk stops here (the project is in use, or a failed
+  // status hides a date that may be recent).
+  std::optional<std::vector<const Entry*>> dateEntries(int fd, const std::vector<Entry>& entries, int project) {
+    std::vector<const Entry*> folders;
+    for (const auto& e : entries) {
+      if (outermostInUse(project)) return std::nullopt;
+      platform::EntryType type = e.type;
+      platform::EntryStat st;
+      const bool needStat = project >= 0 || type == platform::EntryType::unknown;
+      if (needStat) {
+        if (!platform::statAt(fd, e.name.c_str(), st, true)) {
+          if (errno == ENOENT) continue;  // vanished since the listing
+          if (project < 0) continue;
+          markInUse(project);
+          return std::nullopt;
+        }
+        type = st.type;
+      }
+      if (type == platform::EntryType::directory) {
+        folders.push_back(&e);
+      } else if (project >= 0) {
+        touch(project, st.modified);  // files and links alike; a folder's own date is not the user's
+        if (type == platform::EntryType::symlink) followLink(fd, e.name, project);
+      }
+    }
+    return folders;
+  }
+
   // Visits the open folder `fd`: a project when it holds a marker, else a folder of the search or
   // of the enclosing `project`. Files first (their dates decide staleness), then folders, then
   // build folders, so a project known to be in use is left before anything is measured.
@@ -280,34 +309,11 @@ class ProjectWalk {
       if (hasGit) touchGit(fd, project);
     }
 
-    std::vector<const Entry*> folders;
-    for (const auto& e : entries) {
-      if (outermostInUse(project)) return;
-      platform::EntryType type = e.type;
-      platform::EntryStat st;
-      const bool needStat = project >= 0 || type == platform::EntryType::unknown;
-      if (needStat) {
-        if (!platform::statAt(fd, e.name.c_str(), st, true)) {
-          if (errno == ENOENT) continue;  // vanished since the listing
-          // Any other failure hides a date that may be recent: the project counts as in use.
-          if (project >= 0) {
-            markInUse(project);
-            return;
-          }
-          continue;
-        }
-        type = st.type;
-      }
-      if (type == platform::EntryType::directory) {
-        folders.push_back(&e);
-      } else if (project >= 0) {
-        touch(project, st.modified);  // files and links alike; a folder's own date is not the user's
-        if (type == platform::EntryType::symlink) followLink(fd, e.name, project);
-      }
-    }
+    const auto folders = dateEntries(fd, entries, project);
+    if (!folders) return;
 
     std::vector<std::pair<const Entry*, const BuildFolder*>> build;
-    for (const Entry* e : folders) {
+    for (const Entry* e : *folders) {
       if (outermostInUse(project)) return;
       if (const BuildFolder* b = buildFolder(e->name, kindsHere, project)) {
         build.emplace_back(e, b);
