@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Fails when a source file includes from a layer above its own, and prints each such include.
-# Layers, lowest first; folders on one line share a layer and may include each other.
+# Fails when a source file includes from a layer above its own, or includes a project header any
+# other way than from the repository root in quotes ("../x.h", "./x.h", <core/x.h>), and prints
+# each such include. Layers, lowest first; folders on one line share a layer and may include each
+# other; a layer's subfolders belong to it.
 set -euo pipefail
 root=${1:-$(cd "$(dirname "$0")/.." && pwd)}
 layers=(
@@ -44,4 +46,11 @@ while IFS= read -r file; do
     fi
   done < <(grep -nE '^[[:space:]]*#[[:space:]]*include[[:space:]]+"' "$file" || true)
 done < <(find core agent host -type f \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort)
+
+# One way to name a project header, so the layer check above sees every include.
+while IFS= read -r hit; do
+  echo "not from the repository root in quotes: $hit"
+  status=1
+done < <(find core agent host tests bench fuzz -type f \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort |
+  xargs -r grep -nHE '^[[:space:]]*#[[:space:]]*include[[:space:]]*("\.\.?/|<(core|agent|host|tests)/)' || true)
 exit $status
