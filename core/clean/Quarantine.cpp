@@ -210,23 +210,24 @@ void Quarantine::add(const ParentDir& parent, int64_t size, CleanCategory catego
     // 1. Record the intent first: a crash from here on leaves an entry that recovery settles.
     journal.append(intentRecord(entry));  // nothing has moved if this throws
     // 2. Move, never over anything.
-    const int err = platform::renameNoReplace(parent.fd.get(), parent.name.c_str(), itemsFd.get(),
+    const std::error_code err = platform::renameNoReplace(parent.fd.get(), parent.name.c_str(), itemsFd.get(),
                                               entry.storedName.c_str());
-    if (err == 0) break;
+    if (!err) break;
     try {
       journal.append(record("abort", entry.storedName));
     } catch (const std::system_error&) {
       // The intent stays as "moving"; recovery finds the item still at its original path.
     }
     // A name taken by something no entry knows yet (it is adopted on recovery): try the next.
-    if (err == EEXIST && attempt + 1 < kMaxNameAttempts) continue;
-    throwErrno(err, "move " + item.string() + " to " + (itemsPath / entry.storedName).string());
+    if (err == std::errc::file_exists && attempt + 1 < kMaxNameAttempts) continue;
+    throwErrno(err.value(), "move " + item.string() + " to " + (itemsPath / entry.storedName).string());
   }
   // 3. Confirm. A failure leaves "moving" in the journal, which recovery turns into a plain entry
   // because the item is in "items" under its identity: the move is done, so it is no error here.
   try {
     journal.append(record("confirm", entry.storedName));
   } catch (const std::system_error&) {
+    // Recovery settles the entry by identity (see above).
   }
   entry.moving = false;
   session.entries.push_back(std::move(entry));
@@ -438,9 +439,10 @@ std::optional<std::string> Quarantine::restoreEntry(QuarantineEntry& e, int item
                                           /*createMissing=*/true);
     if (identityAt(parent.fd.get(), parent.name.c_str()))
       return QuarantineError::destinationExists(e.originalPath).what();
-    const int err = platform::renameNoReplace(itemsFd, e.storedName.c_str(), parent.fd.get(), parent.name.c_str());
-    if (err == EEXIST) return QuarantineError::destinationExists(e.originalPath).what();
-    if (err != 0) return std::system_category().message(err);
+    const std::error_code err =
+        platform::renameNoReplace(itemsFd, e.storedName.c_str(), parent.fd.get(), parent.name.c_str());
+    if (err == std::errc::file_exists) return QuarantineError::destinationExists(e.originalPath).what();
+    if (err) return err.message();
   } catch (const std::system_error& err) {
     return err.code().message();
   }

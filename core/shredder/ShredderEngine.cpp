@@ -506,7 +506,7 @@ std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string
         QuarantineSession session = quarantine_.beginSession(trigger, config_.quarantineRetentionDays, now);
         try {
           quarantine_.add(parent, size, category, session);
-        } catch (...) {
+        } catch (const std::exception&) {
           quarantine_.close(session);  // an empty session is removed again
           throw;
         }

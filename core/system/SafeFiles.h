@@ -4,13 +4,15 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <system_error>
 
 namespace kestrel::platform {
 
-// Renames `from` in folder `fromDir` to `to` in folder `toDir`, failing with EEXIST instead of
-// replacing anything already at the destination. Returns 0 or an errno value (ENOSYS/EINVAL where
-// the file system cannot do it; callers must then refuse rather than fall back to a plain rename).
-int renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept;
+// Renames `from` in folder `fromDir` to `to` in folder `toDir`, failing with file_exists instead
+// of replacing anything already at the destination. The error is empty on success (ENOSYS or
+// EINVAL where the file system cannot do it: callers must then refuse rather than fall back to a
+// plain rename).
+std::error_code renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept;
 
 // The path the kernel holds for an open descriptor (the real location of an opened folder, with
 // every link already resolved); nothing when the system cannot say or the object was removed.

@@ -131,7 +131,7 @@ UniqueFd openFolder(const Anchor& anchor, const fs::path& path, bool createMissi
   return openStep(parent.fd.get(), parent.name, createMissing, path);
 }
 
-int renameNoReplace(const ParentDir& from, const ParentDir& to) noexcept {
+std::error_code renameNoReplace(const ParentDir& from, const ParentDir& to) noexcept {
   return platform::renameNoReplace(from.fd.get(), from.name.c_str(), to.fd.get(), to.name.c_str());
 }
 

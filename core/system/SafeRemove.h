@@ -69,8 +69,8 @@ ParentDir openParent(const Anchor& anchor, const fs::path& path, bool createMiss
 // Opens the folder at `path` itself the same way (the last component is not followed either).
 UniqueFd openFolder(const Anchor& anchor, const fs::path& path, bool createMissing = false);
 // Moves `from.name` to `to.name` between two opened parents; never replaces what is there
-// (EEXIST). Returns 0 or an errno value.
-int renameNoReplace(const ParentDir& from, const ParentDir& to) noexcept;
+// (file_exists). The error is empty on success.
+std::error_code renameNoReplace(const ParentDir& from, const ParentDir& to) noexcept;
 
 }  // namespace SafeFS
 

@@ -114,12 +114,12 @@ struct Child {
 std::optional<Child> spawnChild(const std::string& path, const std::vector<std::string>& arguments,
                                 bool ownGroup, std::string& failure) {
   int outPipe[2], errPipe[2];
-  if (int e = platform::closeOnExecPipe(outPipe)) {
-    failure = std::strerror(e);
+  if (const auto ec = platform::closeOnExecPipe(outPipe)) {
+    failure = ec.message();
     return std::nullopt;
   }
-  if (int e = platform::closeOnExecPipe(errPipe)) {
-    failure = std::strerror(e);
+  if (const auto ec = platform::closeOnExecPipe(errPipe)) {
+    failure = ec.message();
     ::close(outPipe[0]);
     ::close(outPipe[1]);
     return std::nullopt;

@@ -138,7 +138,7 @@ void writeAtomically(std::string_view bytes, const fs::path& given) {
     off += static_cast<size_t>(n);
   }
   // A failed flush fails the save: the kernel may have dropped the data already.
-  if (int err = platform::fullSync(fd.get())) fail(err, "fsync " + url.string());
+  if (const auto ec = platform::fullSync(fd.get())) fail(ec.value(), "fsync " + url.string());
   if (::close(fd.release()) != 0) {
     const int err = errno;
     ::unlinkat(dir.get(), tmp.c_str(), 0);
@@ -149,7 +149,7 @@ void writeAtomically(std::string_view bytes, const fs::path& given) {
     ::unlinkat(dir.get(), tmp.c_str(), 0);
     throwErrno(err, "rename " + url.string());
   }
-  if (int err = platform::fullSync(dir.get())) throwErrno(err, "fsync " + parent.string());
+  if (const auto ec = platform::fullSync(dir.get())) throwErrno(ec.value(), "fsync " + parent.string());
 }
 
 }  // namespace kestrel::StoreFile

@@ -169,23 +169,26 @@ fs::path freedesktopMove(const fs::path& root, int rootFd, const ParentDir& item
       fail(errno, "trash info for " + item.itemPath().string());
     }
     const ssize_t w = ::write(infoFd.get(), content.data(), content.size());
-    const int syncErr = w == static_cast<ssize_t>(content.size()) ? fullSync(infoFd.get()) : EIO;
+    const std::error_code syncErr = w == static_cast<ssize_t>(content.size())
+                                        ? fullSync(infoFd.get())
+                                        : std::make_error_code(std::errc::io_error);
     infoFd.reset();
-    if (syncErr != 0) {
+    if (syncErr) {
       ::unlinkat(info.get(), infoName.c_str(), 0);
-      fail(syncErr, "trash info for " + item.itemPath().string());
+      fail(syncErr.value(), "trash info for " + item.itemPath().string());
     }
-    const int err = renameNoReplace(item.fd.get(), item.name.c_str(), files.get(), name.c_str());
-    if (err == EEXIST) {
+    const std::error_code err = renameNoReplace(item.fd.get(), item.name.c_str(), files.get(), name.c_str());
+    if (err == std::errc::file_exists) {
       ::unlinkat(info.get(), infoName.c_str(), 0);  // a stray file without info holds the name
       continue;
     }
-    if (err != 0) {
+    if (err) {
       ::unlinkat(info.get(), infoName.c_str(), 0);
-      fail(err, "move " + item.itemPath().string() + " to the Trash");
+      fail(err.value(), "move " + item.itemPath().string() + " to the Trash");
     }
-    fullSync(files.get());
-    fullSync(item.fd.get());
+    // The move is done either way; a failed flush only weakens what a power cut may undo.
+    (void)fullSync(files.get());
+    (void)fullSync(item.fd.get());
     if (isFolder) {
       struct stat infoStat;
       const int64_t mtime = ::fstatat(info.get(), infoName.c_str(), &infoStat, 0) == 0 ? infoStat.st_mtime : 0;
@@ -213,9 +216,9 @@ fs::path macMove(const Paths& paths, const ParentDir& item, Date now) {
   const std::string stamped = stem + " " + Dates::local(now, "h.mm.ss a");
   for (int n = 0; n < 10000; ++n) {
     const std::string name = n == 0 ? item.name : (n == 1 ? stamped + ext : stamped + " " + std::to_string(n) + ext);
-    const int err = renameNoReplace(item.fd.get(), item.name.c_str(), trash.get(), name.c_str());
-    if (err == 0) return root / name;
-    if (err != EEXIST) fail(err, "move to the Trash");
+    const std::error_code err = renameNoReplace(item.fd.get(), item.name.c_str(), trash.get(), name.c_str());
+    if (!err) return root / name;
+    if (err != std::errc::file_exists) fail(err.value(), "move to the Trash");
   }
   fail(EEXIST, "No free name in the Trash");
 }
@@ -273,6 +276,7 @@ std::optional<Date> trashDeletionDate(const fs::path& entry) noexcept {
     const auto text = StoreFile::readFile(trashInfoFile(entry));
     if (text) return trashInfoDeletionDate(*text);
   } catch (const std::exception&) {
+    // An unreadable record says nothing about when the item arrived.
   }
   return std::nullopt;
 }

@@ -154,9 +154,9 @@ TEST(SafeRemove, ParentHandleBindsTheOpenedFolder) {
   h.file("b/one", 2);
   ParentDir from = SafeFS::openParent(home, h.path("a/one"));
   ParentDir to = SafeFS::openParent(home, h.path("b/one"));
-  EXPECT_EQ(SafeFS::renameNoReplace(from, to), EEXIST);
+  EXPECT_EQ(SafeFS::renameNoReplace(from, to), std::errc::file_exists);
   ParentDir fresh = SafeFS::openParent(home, h.path("c/new/two"), /*createMissing=*/true);
-  EXPECT_EQ(SafeFS::renameNoReplace(from, fresh), 0);
+  EXPECT_FALSE(SafeFS::renameNoReplace(from, fresh));
   EXPECT_EQ(fs::file_size(h.path("c/new/two")), 1u);
   EXPECT_EQ(fs::file_size(h.path("b/one")), 2u);
 }

@@ -7,6 +7,9 @@
 
 namespace kestrel::platform {
 
-int fullSync(int fd) noexcept { return ::fsync(fd) == 0 ? 0 : errno; }
+std::error_code fullSync(int fd) noexcept {
+  if (::fsync(fd) == 0) return {};
+  return {errno, std::generic_category()};
+}
 
 }  // namespace kestrel::platform

@@ -10,7 +10,10 @@
 
 namespace kestrel::platform {
 
-int closeOnExecPipe(int fds[2]) noexcept { return ::pipe2(fds, O_CLOEXEC) == 0 ? 0 : errno; }
+std::error_code closeOnExecPipe(int fds[2]) noexcept {
+  if (::pipe2(fds, O_CLOEXEC) == 0) return {};
+  return {errno, std::generic_category()};
+}
 
 std::string executablePath() {
   char buffer[PATH_MAX];

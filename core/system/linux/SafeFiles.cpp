@@ -13,10 +13,10 @@
 
 namespace kestrel::platform {
 
-int renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept {
+std::error_code renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept {
   // RENAME_NOREPLACE (1); the raw call works with any C library version.
-  if (::syscall(SYS_renameat2, fromDir, from, toDir, to, 1u) == 0) return 0;
-  return errno;
+  if (::syscall(SYS_renameat2, fromDir, from, toDir, to, 1u) == 0) return {};
+  return {errno, std::generic_category()};
 }
 
 std::optional<std::string> pathOfDescriptor(int fd) noexcept {

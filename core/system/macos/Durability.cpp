@@ -8,10 +8,10 @@
 
 namespace kestrel::platform {
 
-int fullSync(int fd) noexcept {
-  if (::fcntl(fd, F_FULLFSYNC) == 0) return 0;
-  if (errno == ENOTSUP || errno == EINVAL) return ::fsync(fd) == 0 ? 0 : errno;
-  return errno;
+std::error_code fullSync(int fd) noexcept {
+  if (::fcntl(fd, F_FULLFSYNC) == 0) return {};
+  if ((errno == ENOTSUP || errno == EINVAL) && ::fsync(fd) == 0) return {};
+  return {errno, std::generic_category()};
 }
 
 }  // namespace kestrel::platform

@@ -12,11 +12,11 @@
 
 namespace kestrel::platform {
 
-int closeOnExecPipe(int fds[2]) noexcept {
-  if (::pipe(fds) != 0) return errno;
+std::error_code closeOnExecPipe(int fds[2]) noexcept {
+  if (::pipe(fds) != 0) return {errno, std::generic_category()};
   ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
   ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
-  return 0;
+  return {};
 }
 
 std::string executablePath() {

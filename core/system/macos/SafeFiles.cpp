@@ -11,9 +11,9 @@
 
 namespace kestrel::platform {
 
-int renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept {
-  if (::renameatx_np(fromDir, from, toDir, to, RENAME_EXCL) == 0) return 0;
-  return errno;
+std::error_code renameNoReplace(int fromDir, const char* from, int toDir, const char* to) noexcept {
+  if (::renameatx_np(fromDir, from, toDir, to, RENAME_EXCL) == 0) return {};
+  return {errno, std::generic_category()};
 }
 
 std::optional<std::string> pathOfDescriptor(int fd) noexcept {
