@@ -10,9 +10,8 @@ namespace {
 int status(Context& ctx) {
   const AdminQueue queue(ctx.paths);
   if (const auto damage = queue.damage())
-    throw std::runtime_error("The administrator queue " + ctx.paths.adminQueueFile().string() +
-                             " is damaged (" + *damage +
-                             "); `kestrel admin clear` empties it (nothing is removed).");
+    throw CommandError("The administrator queue " + ctx.paths.adminQueueFile().string() + " is damaged (" + *damage +
+                       "); `kestrel admin clear` empties it (nothing is removed).");
   const auto items = queue.items();
   if (ctx.json) {
     ctx.printJson(
@@ -36,7 +35,7 @@ int run(Context& ctx) {
   const ConfigStore store(ctx.paths);
   const auto config = store.loadChecked();
   // The defaults lack the user's protected paths: never remove on them.
-  if (config.damaged()) throw std::runtime_error(store.damagedMessage(config.reason));
+  if (config.damaged()) throw CommandError(store.damagedMessage(config.reason));
   const AdminQueue queue(ctx.paths);
   if (queue.count() == 0 && !queue.damage()) {
     if (ctx.json)
@@ -84,14 +83,14 @@ int clear(Context& ctx) {
 }  // namespace
 
 // The queue's line of "kestrel status" and its JSON.
-Json adminStatus(Context& ctx, std::vector<std::string>& lines) {
+StatusPart adminStatus(Context& ctx) {
   const AdminQueue queue(ctx.paths);
   const size_t count = queue.count();
   const int64_t bytes = queue.pendingBytes();
-  lines.push_back(count == 0 ? "Administrator queue: empty"
-                             : "Administrator queue: " + std::to_string(count) + " item(s), " +
-                                   ByteFormat::string(bytes) + " (`kestrel admin run`)");
-  return {{"count", count}, {"bytes", bytes}};
+  return {{count == 0 ? "Administrator queue: empty"
+                      : "Administrator queue: " + std::to_string(count) + " item(s), " + ByteFormat::string(bytes) +
+                            " (`kestrel admin run`)"},
+          {{"count", count}, {"bytes", bytes}}};
 }
 
 void addAdminCommands(CLI::App& app, Context& context, Action& action) {

@@ -23,8 +23,8 @@ std::string stateText(bool installed, std::optional<bool> active) {
 
 int install(Context& ctx) {
   if (::access(ctx.agentPath.c_str(), X_OK) != 0)
-    throw std::runtime_error("KestrelAgent was not found at " + ctx.agentPath +
-                             "; install it beside kestrel (cmake --install) first.");
+    throw CommandError("KestrelAgent was not found at " + ctx.agentPath +
+                       "; install it beside kestrel (cmake --install) first.");
   auto manager = ctx.serviceManager();
   manager->removeLegacyAgents();
   for (const auto agent : kAgents) manager->install(agent, ctx.agentPath);
@@ -56,31 +56,30 @@ int uninstall(Context& ctx) {
 }  // namespace
 
 // The agents' lines of "kestrel status" and its JSON.
-Json agentsStatus(Context& ctx, std::vector<std::string>& lines) {
+StatusPart agentsStatus(Context& ctx) {
   auto manager = ctx.serviceManager();
-  Json json = Json::object();
+  StatusPart part{{}, Json::object()};
   for (const auto agent : kAgents) {
     const bool installed = manager->isInstalled(agent);
     const std::optional<bool> active =
         installed ? manager->isActive(agent) : std::optional<bool>(false);
-    json[std::string(agentName(agent))] = {{"installed", installed},
-                                           {"running", active ? Json(*active) : Json(nullptr)}};
-    lines.push_back(std::string(agent == BackgroundAgent::scheduler ? "Scheduler service: "
-                                                                    : "Shredder service: ") +
-                    stateText(installed, active));
+    part.json[std::string(agentName(agent))] = {{"installed", installed},
+                                                {"running", active ? Json(*active) : Json(nullptr)}};
+    part.lines.push_back(std::string(agent == BackgroundAgent::scheduler ? "Scheduler service: "
+                                                                         : "Shredder service: ") +
+                         stateText(installed, active));
   }
-  return json;
+  return part;
 }
 
 namespace {
 
 int status(Context& ctx) {
-  std::vector<std::string> lines;
-  const Json json = agentsStatus(ctx, lines);
+  const StatusPart part = agentsStatus(ctx);
   if (ctx.json) {
-    ctx.printJson(json);
+    ctx.printJson(part.json);
   } else {
-    for (const auto& line : lines) ctx.out << line << '\n';
+    for (const auto& line : part.lines) ctx.out << line << '\n';
   }
   return kOK;
 }

@@ -49,6 +49,13 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A command that cannot do its work (a damaged file it needs, an agent that is not installed):
+// its text printed to standard error, status 1.
+class CommandError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 // The action a parsed subcommand runs; it returns the exit status.
 using Action = std::function<int()>;
 
@@ -61,11 +68,15 @@ void addRulesCommands(CLI::App& app, Context& context, Action& action);
 void addAdminCommands(CLI::App& app, Context& context, Action& action);
 void addShredderCommands(CLI::App& app, Context& context, Action& action);
 
-// The lines of "kestrel status" (added to `lines`) and their JSON: the background agents, the
-// administrator queue and the Shredder.
-Json agentsStatus(Context& context, std::vector<std::string>& lines);
-Json adminStatus(Context& context, std::vector<std::string>& lines);
-Json shredderStatus(Context& context, std::vector<std::string>& lines);
+// One part of "kestrel status": its lines and its JSON.
+struct StatusPart {
+  std::vector<std::string> lines;
+  Json json;
+};
+// The parts of the background agents, the administrator queue and the Shredder.
+StatusPart agentsStatus(Context& context);
+StatusPart adminStatus(Context& context);
+StatusPart shredderStatus(Context& context);
 
 // Parses `args` (without the program name) and runs the chosen command. Help goes to `out` with
 // status 0; parse and usage errors go to `err` with status 2; a failed command returns 1.

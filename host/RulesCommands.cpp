@@ -191,7 +191,7 @@ int list(Context& ctx) {
   const RuleStore store(ctx.paths);
   const auto loaded = store.loadChecked(ctx.now());
   if (loaded.damaged())
-    throw JSONStore::StoreError(JSONStore::StoreError::Kind::damaged, store.damagedMessage(loaded.reason));
+    throw CommandError(store.damagedMessage(loaded.reason));
   const auto& rules = *loaded.value;
   if (ctx.json) {
     ctx.printJson(toJson(rules));

@@ -127,7 +127,7 @@ int shred(Context& ctx, const std::string& path) {
   const ConfigStore config(ctx.paths);
   const auto loaded = config.loadChecked();
   // The defaults lack the user's protected paths: never dispose of anything on them.
-  if (loaded.damaged()) throw std::runtime_error(config.damagedMessage(loaded.reason));
+  if (loaded.damaged()) throw CommandError(config.damagedMessage(loaded.reason));
   ShredderEngine engine(ctx.paths, loaded.value.value_or(AppConfig{}),
                         ShredderStore(ctx.paths).load(), ctx.services);
   const auto event = engine.shredCandidate(*candidate, ctx.now());
@@ -188,13 +188,12 @@ int set(Context& ctx, const std::string& key, const std::string& value) {
 }  // namespace
 
 // The Shredder's line of "kestrel status" and its JSON.
-Json shredderStatus(Context& ctx, std::vector<std::string>& lines) {
+StatusPart shredderStatus(Context& ctx) {
   const ShredderSettings settings = ShredderStore(ctx.paths).load();
   const size_t waiting = ShredReviewQueue(ctx.paths).all().size();
-  lines.push_back("Shredder: " + stateWord(settings) +
-                  (settings.enabled ? ", watching " + folderList(settings) : "") +
-                  (waiting ? "; " + std::to_string(waiting) + " file(s) wait for review" : ""));
-  return {{"approved", settings.approved}, {"enabled", settings.enabled}, {"reviewQueue", waiting}};
+  return {{"Shredder: " + stateWord(settings) + (settings.enabled ? ", watching " + folderList(settings) : "") +
+           (waiting ? "; " + std::to_string(waiting) + " file(s) wait for review" : "")},
+          {{"approved", settings.approved}, {"enabled", settings.enabled}, {"reviewQueue", waiting}}};
 }
 
 void addShredderCommands(CLI::App& app, Context& context, Action& action) {

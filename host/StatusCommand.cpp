@@ -22,7 +22,11 @@ std::optional<ScheduleRule> lastRun(const std::vector<ScheduleRule>& rules) {
 int status(Context& ctx) {
   std::vector<std::string> lines;
   Json json = Json::object();
-  json["agents"] = agentsStatus(ctx, lines);
+  const auto add = [&](const char* key, StatusPart part) {
+    lines.insert(lines.end(), part.lines.begin(), part.lines.end());
+    json[key] = std::move(part.json);
+  };
+  add("agents", agentsStatus(ctx));
 
   const auto rules = RuleStore(ctx.paths).load(ctx.now());
   const auto last = lastRun(rules);
@@ -63,8 +67,8 @@ int status(Context& ctx) {
     json["daysUntilFull"] = nullptr;
   }
 
-  json["adminQueue"] = adminStatus(ctx, lines);
-  json["shredder"] = shredderStatus(ctx, lines);
+  add("adminQueue", adminStatus(ctx));
+  add("shredder", shredderStatus(ctx));
 
   if (ctx.json) {
     ctx.printJson(json);

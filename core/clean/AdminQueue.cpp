@@ -85,7 +85,7 @@ AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSes
                                           Date now) const {
   // Two batches over one queue would each audit the other's removals.
   const auto running = FileLock::acquire(paths_.adminRunLockFile());
-  if (!running) throw std::runtime_error("Another administrator batch is running.");
+  if (!running) throw AdminBatchRunning();
   const auto loaded = JSONStore::loadChecked<Items>(paths_.adminQueueFile(), adminQueueFromJson);
   if (loaded.damaged())
     throw JSONStore::StoreError(

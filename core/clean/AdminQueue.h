@@ -45,12 +45,18 @@ class AdminQueue {
   // whose paths exists any more is removed (audited as "delete", trigger "admin batch"),
   // otherwise it failed with the explanation of what stayed. Items leave the file only after the
   // batch, and only when removed, refused or already gone: a process killed on the way or a
-  // cancelled prompt loses none of them. Throws std::runtime_error when another batch is running
+  // cancelled prompt loses none of them. Throws AdminBatchRunning when another batch is running
   // and JSONStore::StoreError when the file is damaged. `now` dates the audit records.
   FlushResult flush(const AppConfig& config, PrivilegedSession& session, Date now) const;
 
  private:
   Paths paths_;
+};
+
+// A batch refused because another one is running: "Another administrator batch is running."
+class AdminBatchRunning : public std::runtime_error {
+ public:
+  AdminBatchRunning() : std::runtime_error("Another administrator batch is running.") {}
 };
 
 // The queue file's JSON form: an array of items, dates as ISO 8601 text.

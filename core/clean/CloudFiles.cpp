@@ -84,7 +84,7 @@ void evict(const fs::path& url, const Paths& paths, const Services& given) {
   try {
     platform::evictUbiquitousItem(url);
     return;
-  } catch (const std::runtime_error& e) {
+  } catch (const platform::CloudServiceError& e) {
     platformError = e.what();
   }
   const auto r = services.run("brctl", {"evict", path}, 60);

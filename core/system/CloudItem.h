@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 
 namespace kestrel::platform {
@@ -10,8 +11,13 @@ namespace kestrel::platform {
 // on a system without such files.
 bool isDataless(const std::filesystem::path& path) noexcept;
 
-// Asks the platform's cloud service to drop the local copy of the item. Throws
-// std::runtime_error with the description of the platform's error.
+// The platform's cloud service refused or could not be reached; the text describes its error.
+class CloudServiceError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Asks the platform's cloud service to drop the local copy of the item. Throws CloudServiceError.
 void evictUbiquitousItem(const std::filesystem::path& path);
 
 // Removes the item (a link as a link, a folder with its contents) through the safe remover, the

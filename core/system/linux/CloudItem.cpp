@@ -8,7 +8,7 @@ namespace kestrel::platform {
 bool isDataless(const std::filesystem::path&) noexcept { return false; }
 
 void evictUbiquitousItem(const std::filesystem::path&) {
-  throw std::runtime_error("This system has no cloud document service");
+  throw CloudServiceError("This system has no cloud document service");
 }
 
 }  // namespace kestrel::platform

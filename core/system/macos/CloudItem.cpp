@@ -20,7 +20,7 @@ bool isDataless(const std::filesystem::path& path) noexcept {
 void evictUbiquitousItem(const std::filesystem::path&) {
   // The Objective-C eviction call is not reachable from this C++ library; the caller falls back
   // to the command-line tool, which does the same work.
-  throw std::runtime_error("The cloud document service could not be reached");
+  throw CloudServiceError("The cloud document service could not be reached");
 }
 
 
