@@ -1,11 +1,10 @@
-// The command table: each command joins it together with its handler, in dispatch order.
+// The command table: each command word with its handler.
 #include "agent/Commands.h"
 
 namespace kestrel::agent {
 
 std::vector<Command> commandHandlers() {
-  // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
-  // forecast, growth, quarantine, rules.
+  // Words are matched exactly, so the order is only how they are listed here.
   return {
       {"run-scheduled", runScheduled},
       {"run-rule", runRule},

@@ -10,7 +10,7 @@
 
 namespace kestrel::agent {
 
-// The command table in dispatch order: a new command is its handler plus one row there.
+// The command table: a new command is its handler plus one row there.
 std::vector<Command> commandHandlers();
 
 // "run-scheduled": one scheduled tick; always 0 (ScheduleCommands.cpp).

@@ -21,8 +21,6 @@ void Context::stamp(std::string_view message) const {
 }
 
 const std::vector<Command>& commandTable() {
-  // Dispatch order: shred-watch, shred-now, shred-history, run-scheduled, run-rule, scan, clean,
-  // forecast, growth, quarantine, rules. Commands whose handlers are not built yet are absent.
   static const std::vector<Command> table = commandHandlers();
   return table;
 }

@@ -39,8 +39,7 @@ struct Command {
   Handler handler;
 };
 
-// The commands in dispatch order. A command is listed only once its handler exists; any other
-// word prints the usage text.
+// Every command word with its handler; any other word prints the usage text.
 const std::vector<Command>& commandTable();
 
 // "orvo Kestrel agent" followed by the three usage lines, with a final newline.
