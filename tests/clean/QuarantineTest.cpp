@@ -30,6 +30,26 @@ fs::path itemsDir(const ScratchHome& h, const QuarantineSession& s) {
   return h.paths().quarantineDir() / s.id / "items";
 }
 
+// ---- The journal ----------------------------------------------------------------------------
+
+std::string line(const Json& j) { return JsonText::compact(j) + "\n"; }
+std::string intent(const QuarantineEntry& e) {
+  return line(Json{{"op", "intent"}, {"entry", toJson(e)}});
+}
+std::string op(const char* kind, const std::string& name) {
+  return line(Json{{"op", kind}, {"storedName", name}});
+}
+
+// The entries in order, each as its stored name with "(moving)" or "(restored)" when it is.
+std::string summary(const std::vector<QuarantineEntry>& entries) {
+  std::string out;
+  for (const auto& e : entries) {
+    if (!out.empty()) out += ' ';
+    out += e.storedName + (e.moving ? "(moving)" : "") + (e.restored ? "(restored)" : "");
+  }
+  return out;
+}
+
 TEST(Quarantine, BeginSessionWritesTheManifestAndItsFolders) {
   ScratchHome h;
   Quarantine q(h.paths());
@@ -39,26 +59,14 @@ TEST(Quarantine, BeginSessionWritesTheManifestAndItsFolders) {
   EXPECT_EQ(s.id.substr(0, 15), Dates::local(kNow, "yyyyMMdd-HHmmss"));
   EXPECT_EQ(s.expiresAt - s.createdAt, std::chrono::hours(7 * 24));
   EXPECT_TRUE(fs::is_directory(itemsDir(h, s)));
-  const std::string manifest = test::readText(h.paths().quarantineDir() / s.id / "manifest.json");
-  EXPECT_EQ(manifest,
-            "{\n  \"createdAt\" : \"2026-03-01T09:30:00Z\",\n  \"entries\" : [\n\n  ],\n"
-            "  \"expiresAt\" : \"2026-03-08T09:30:00Z\",\n  \"id\" : \"" +
-                s.id +
-                "\",\n"
-                "  \"trigger\" : {\n    \"schedule\" : {\n      \"ruleName\" : \"Nightly\"\n    "
-                "}\n  }\n}");
   // Listing is newest first; a fresh session with no entries yet is listed, not tidied away.
-  const QuarantineSession newer =
-      q.beginSession(TriggerSource::manual(), 7, kNow + std::chrono::hours(1));
-  const QuarantineSession older =
-      q.beginSession(TriggerSource::manual(), 7, kNow - std::chrono::hours(1));
-  EXPECT_NE(newer.id, s.id);
+  const QuarantineSession newer = q.beginSession(TriggerSource::manual(), 7, kNow + std::chrono::hours(1));
+  const QuarantineSession older = q.beginSession(TriggerSource::manual(), 7, kNow - std::chrono::hours(1));
   const auto listed = q.sessions();
   ASSERT_EQ(listed.size(), 3u);
   EXPECT_EQ(listed[0].id, newer.id);
   EXPECT_EQ(listed[1], s);
   EXPECT_EQ(listed[2].id, older.id);
-  EXPECT_EQ(listed[1].trigger.label(), "Schedule: Nightly");
 }
 
 TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
@@ -72,9 +80,6 @@ TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
   s.entries.push_back(a);
   s.entries.push_back(
       {"/Users/me/b", "1-b", 20, CleanCategory::trash, true, true, std::nullopt, true, {}});
-  EXPECT_EQ(
-      JsonText::compact(toJson(s.entries[0])),
-      R"({"category":"logs","dev":2049,"ino":77,"originalPath":"\/Users\/me\/a","restored":false,"size":10,"storedName":"0-a"})");
   EXPECT_EQ(quarantineSessionFromJson(toJson(s)), s);
   EXPECT_EQ(s.totalSize(), 10);
   EXPECT_EQ(s.activeCount(), 1);
@@ -129,62 +134,35 @@ TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
 }
 
 TEST(Quarantine, SessionIDsNameOneFolderAndNoDotFile) {
-  const std::pair<std::string, bool> cases[] = {
-      {"20260301-093000-3F2A9C", true}, {"stray-full", true}, {"", false},
-      {".lock", false}, {".", false}, {"..", false},
-      {"a/b", false}, {"a..b", false}, {std::string("a\0b", 3), false}};
-  for (const auto& [id, valid] : cases) {
-    SCOPED_TRACE(id);
-    EXPECT_EQ(isQuarantineSessionID(id), valid);
-  }
+  for (const std::string id : {"20260301-093000-3F2A9C", "stray-full"}) EXPECT_TRUE(isQuarantineSessionID(id)) << id;
+  for (const std::string& id : std::vector<std::string>{"", ".lock", ".", "..", "a/b", "a..b", std::string("a\0b", 3)})
+    EXPECT_FALSE(isQuarantineSessionID(id)) << id;
 }
 
-TEST(Quarantine, SameNameTwiceRestoresEachToItsOwnPlace) {
+TEST(Quarantine, SameNameTwiceRestoresEachToItsOwnPlaceOneEntryAtATime) {
   ScratchHome h;
   Quarantine q(h.paths());
   const fs::path a = h.text("Library/Caches/one/data.db", "first");
   const fs::path b = h.text("Library/Caches/two/data.db", "second");
+  h.file("Library/Caches/two/inner/x", 4);
   QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
   q.add(a, 5, CleanCategory::userCaches, s);
-  q.add(b, 6, CleanCategory::userCaches, s);
-  ASSERT_EQ(s.entries.size(), 2u);
-  EXPECT_EQ(s.entries[0].storedName, "0-data.db");
-  EXPECT_EQ(s.entries[1].storedName, "1-data.db");
-  EXPECT_FALSE(s.entries[0].moving);
+  q.add(b.parent_path(), 6, CleanCategory::userCaches, s);
+  EXPECT_EQ(summary(s.entries), "0-data.db 1-two");
   EXPECT_FALSE(lexists(a));
-  EXPECT_EQ(test::readText(itemsDir(h, s) / "1-data.db"), "second");
   EXPECT_EQ(q.totalSize(), 11);
-
+  // Restore re-creates missing parent folders; unknown ids and restored entries are skipped.
+  fs::remove_all(h.path("Library/Caches"));
+  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-two"}).empty());
+  EXPECT_EQ(test::readText(b), "second");
+  EXPECT_TRUE(lexists(h.path("Library/Caches/two/inner/x")));
+  ASSERT_EQ(q.sessions().size(), 1u);
+  EXPECT_EQ(q.sessions()[0].activeCount(), 1);
+  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-two", "9-nothing"}).empty());
+  EXPECT_TRUE(lexists(h.paths().quarantineDir() / s.id));
   EXPECT_TRUE(q.restore(s.id, kNow).empty());
   EXPECT_EQ(test::readText(a), "first");
-  EXPECT_EQ(test::readText(b), "second");
-  EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));
-  EXPECT_TRUE(q.sessions().empty());
-}
-
-TEST(Quarantine, PartialRestoreKeepsTheSessionUntilTheLastEntry) {
-  ScratchHome h;
-  Quarantine q(h.paths());
-  const fs::path a = h.file("Downloads/a.dmg", 3);
-  const fs::path b = h.folder("Downloads/folder b");
-  h.file("Downloads/folder b/inner/x", 4);
-  QuarantineSession s = q.beginSession(TriggerSource::manual(), 7, kNow);
-  q.add(a, 3, CleanCategory::installers, s);
-  q.add(b, 4, CleanCategory::installers, s);
-  // Restore re-creates missing parent folders.
-  fs::remove(h.path("Downloads"));
-  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-folder b"}).empty());
-  EXPECT_TRUE(lexists(h.path("Downloads/folder b/inner/x")));
-  auto listed = q.sessions();
-  ASSERT_EQ(listed.size(), 1u);
-  EXPECT_EQ(listed[0].activeCount(), 1);
-  EXPECT_TRUE(listed[0].entries[1].restored);
-  // Unknown ids and already restored entries are skipped without failure.
-  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"1-folder b", "9-nothing"}).empty());
-  EXPECT_TRUE(lexists(h.paths().quarantineDir() / s.id));
-  EXPECT_TRUE(q.restore(s.id, kNow, std::set<std::string>{"0-a.dmg"}).empty());
-  EXPECT_EQ(fs::file_size(a), 3u);
-  EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));
+  EXPECT_FALSE(lexists(h.paths().quarantineDir() / s.id));  // the last entry takes the session along
 }
 
 TEST(Quarantine, RestoreNeverOverwritesAndReportsMissingCopies) {
@@ -304,26 +282,6 @@ TEST(Quarantine, PurgeRemovesOneSessionAndRefusesAnythingElse) {
     }
   }
   EXPECT_TRUE(lexists(h.paths().quarantineDir() / ".lock"));
-}
-
-// ---- The journal ----------------------------------------------------------------------------
-
-std::string line(const Json& j) { return JsonText::compact(j) + "\n"; }
-std::string intent(const QuarantineEntry& e) {
-  return line(Json{{"op", "intent"}, {"entry", toJson(e)}});
-}
-std::string op(const char* kind, const std::string& name) {
-  return line(Json{{"op", kind}, {"storedName", name}});
-}
-
-// The entries in order, each as its stored name with "(moving)" or "(restored)" when it is.
-std::string summary(const std::vector<QuarantineEntry>& entries) {
-  std::string out;
-  for (const auto& e : entries) {
-    if (!out.empty()) out += ' ';
-    out += e.storedName + (e.moving ? "(moving)" : "") + (e.restored ? "(restored)" : "");
-  }
-  return out;
 }
 
 TEST(Quarantine, AddsGoToTheJournalAndCloseWritesTheManifestOnce) {

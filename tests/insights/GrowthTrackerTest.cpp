@@ -146,28 +146,19 @@ TEST(GrowthTracker, SnapshotMeasuresChildrenOfWatchedFolders) {
   EXPECT_EQ(tracker.snapshots().size(), 2u);
 }
 
-TEST(GrowthTracker, EmptyHomeGivesAnEmptySnapshotAndNoReportUntilTwo) {
+TEST(GrowthTracker, NoReportUntilTwoAndAStoreElsewhereLeavesHomeUntouched) {
   ScratchHome h;
-  GrowthTracker tracker(h.paths());
-  EXPECT_EQ(tracker.watchedParents().size(), 8u);
-  EXPECT_EQ(tracker.watchedParents().front(), h.home());
-  EXPECT_EQ(tracker.watchedParents().back(), h.path("Downloads"));
-  EXPECT_FALSE(tracker.report(7, 25));
-  EXPECT_FALSE(tracker.lastSnapshotDate());
-  EXPECT_TRUE(tracker.takeSnapshot(kNow, nullptr).sizes.empty());
-  EXPECT_EQ(tracker.snapshots().size(), 1u);
-  EXPECT_EQ(tracker.lastSnapshotDate(), kNow);
-  EXPECT_FALSE(tracker.report(7, 25));
-}
-
-TEST(GrowthTracker, StoreElsewhereLeavesHomeUntouched) {
-  ScratchHome h;
-  h.file("Documents/a", 5000);
+  // A Downloads folder that is a link to another disk is measured where it lives.
+  h.file("../outside/dl/video/part", 4096);
+  h.link("Downloads", h.outside("dl"));
   const fs::path store = h.outside("store") / "growth-snapshots.json";
   GrowthTracker tracker(h.paths(), store);
+  EXPECT_FALSE(tracker.lastSnapshotDate());
   const auto snapshot = tracker.takeSnapshot(kNow, nullptr);
-  EXPECT_EQ(snapshot.sizes.size(), 1u);
+  EXPECT_EQ(snapshot.sizes, (std::map<std::string, int64_t>{{h.path("Downloads/video").string(), FS::allocatedSize(h.outside("dl") / "video")}}));
   EXPECT_EQ(GrowthTracker(h.paths(), store).snapshots(), (std::vector<FolderSnapshot>{snapshot}));
+  EXPECT_EQ(tracker.lastSnapshotDate(), kNow);
+  EXPECT_FALSE(tracker.report(7, 25));
   EXPECT_FALSE(fs::exists(h.paths().library()));
 }
 
@@ -227,18 +218,6 @@ TEST(GrowthTracker, DamagedFileCountsAsEmptyAndIsReplaced) {
     ASSERT_EQ(tracker.snapshots().size(), 1u);
     EXPECT_EQ(tracker.snapshots()[0].date, kNow);
   }
-}
-
-TEST(GrowthTracker, SnapshotJsonForm) {
-  const FolderSnapshot s{kNow, {{"/Users/me/Downloads/b", 20}, {"/Users/me/Documents", 4096}}};
-  EXPECT_EQ(JsonText::pretty(toJson(s)),
-            "{\n  \"date\" : \"2026-11-18T11:06:40Z\",\n  \"sizes\" : {\n"
-            "    \"\\/Users\\/me\\/Documents\" : 4096,\n    \"\\/Users\\/me\\/Downloads\\/b\" : "
-            "20\n  }\n}");
-  EXPECT_EQ(folderSnapshotFromJson(toJson(s)), s);
-  EXPECT_EQ(folderSnapshotFromJson(Json::parse(R"({"date":"2026-11-18T11:06:40Z","sizes":{}})"))
-                .sizes.size(),
-            0u);
 }
 
 }  // namespace

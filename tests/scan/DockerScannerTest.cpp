@@ -48,8 +48,7 @@ Services fakeServices(const FakeTools& tools) {
 }
 
 std::vector<ScanItem> scanDocker(const ScratchHome& h, const Services& services, Layout layout = Layout::linux) {
-  ScanContext context{Paths(h.home(), layout).withSystemRoot(h.root() / "system"), AppConfig{},
-                      std::chrono::system_clock::now()};
+  ScanContext context{Paths(h.home(), layout).withSystemRoot(h.root() / "system"), AppConfig{}, test::kTestNow};
   context.services = services;
   return DockerScanner().scan(context);
 }

@@ -110,22 +110,6 @@ TEST(ScanEngineDedupe, SortsItemsBySizeStablyAndResultsByCategory) {
   EXPECT_EQ(ids, (std::vector<std::string>{home + "/p2", home + "/p4", home + "/p1", home + "/p3"}));
 }
 
-TEST(ScanEngineDedupe, ClaimRanks) {
-  struct Case {
-    CleanCategory c;
-    int rank;
-  };
-  const Case cases[] = {{CleanCategory::userCaches, 1},     {CleanCategory::mailDownloads, 1},
-                        {CleanCategory::iosBackups, 2},     {CleanCategory::largeOldFiles, 2},
-                        {CleanCategory::xcode, 3},          {CleanCategory::docker, 3},
-                        {CleanCategory::duplicates, 4},     {CleanCategory::cloudLocalCopies, 4},
-                        {CleanCategory::securityThreats, 5}, {CleanCategory::orphanedLeftovers, 5}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(rawValue(c.c)));
-    EXPECT_EQ(claimRank(c.c), c.rank);
-  }
-}
-
 // A scanner of the test's own: returns fixed items after reporting progress many times.
 class FixedScanner : public JunkScanner {
  public:
@@ -164,12 +148,10 @@ TEST(ScanEngine, RunsEveryScannerOnItsOwnThreadAndJoinsThem) {
         statuses.insert(c);
       });
   ASSERT_EQ(results.size(), 3u);
-  EXPECT_EQ(results[0].category, C::logs);
-  EXPECT_EQ(results[1].category, C::xcode);
-  EXPECT_EQ(results[2].category, C::duplicates);
-  EXPECT_TRUE(results[1].items.empty());
+  EXPECT_EQ(idsByCategory(results), (std::map<CleanCategory, std::vector<std::string>>{{C::logs, {home + "/l"}},
+                                                                                     {C::duplicates, {home + "/d"}}}));
+  EXPECT_EQ(results[1].category, C::xcode);  // the broken scanner's result is empty, in its place
   EXPECT_FALSE(results[1].error);
-  EXPECT_EQ(results[0].items.size(), 1u);
   EXPECT_EQ(statuses, (std::multiset<CleanCategory>{C::logs, C::xcode, C::duplicates}));
   // 600 reports from three threads in a few milliseconds: the shared 0.09 s throttle lets through
   // only a handful (under ThreadSanitizer this also checks its locking).
@@ -193,14 +175,11 @@ TEST(ScanEngine, RealScannersOnAnEmptyHome) {
   EXPECT_TRUE(engine.scan({}).empty());
   std::set<CleanCategory> all(allCategories().begin(), allCategories().end());
   const auto results = engine.scan(all);
-  // One result per category that has a scanner, none for the others, all empty here.
+  // One result per category that has a scanner, none for the others, all empty here, in order.
   ASSERT_EQ(results.size(), ScannerRegistry::scannable().size());
-  EXPECT_EQ(results.size(), 15u);
   for (size_t i = 0; i < results.size(); ++i) {
     EXPECT_TRUE(results[i].items.empty());
-    if (i > 0) {
-      EXPECT_LT(position(results[i - 1].category), position(results[i].category));
-    }
+    EXPECT_TRUE(i == 0 || position(results[i - 1].category) < position(results[i].category));
   }
   EXPECT_EQ(ScannerRegistry::scanners({CleanCategory::largeOldFiles, CleanCategory::duplicates}).size(), 0u);
 }
@@ -213,11 +192,10 @@ TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {
     double at;
     bool admitted;
   };
-  const Case cases[] = {{0.0, true}, {0.05, false}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
+  const Case cases[] = {{0.0, true}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.at);
     now = Clock::time_point{} + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(c.at));
-    EXPECT_EQ(throttle.allow(), c.admitted);
+    EXPECT_EQ(throttle.allow(), c.admitted) << c.at;
   }
 }
 

@@ -22,7 +22,7 @@ constexpr const char* kDevC = "1A2B3C4D-0000-4000-8000-00000000000C";
 
 // Items by home-relative id (command items by their own id) with their risk.
 std::map<std::string, Risk> scan(CleanCategory category, const ScratchHome& h, Layout layout, const Services& s = {}) {
-  ScanContext context{Paths(h.home(), layout), AppConfig{}, std::chrono::system_clock::now()};
+  ScanContext context{Paths(h.home(), layout), AppConfig{}, test::kTestNow};
   context.services = s;
   auto scanners = ScannerRegistry::scanners({category});
   std::map<std::string, Risk> out;
@@ -33,11 +33,7 @@ std::map<std::string, Risk> scan(CleanCategory category, const ScratchHome& h, L
   return out;
 }
 
-void aged(ScratchHome& h, const std::string& rel, int64_t bytes, double days) {
-  h.file(rel, bytes);
-  const Date now = std::chrono::system_clock::now();
-  for (fs::path p(rel); !p.empty(); p = p.parent_path()) h.age(p.string(), days, now);
-}
+void aged(ScratchHome& h, const std::string& rel, int64_t bytes, double days) { h.aged(rel, bytes, days, test::kTestNow); }
 
 TEST(XcodeScanner, BuildDataOldArchivesOlderSymbolsAndTheCache) {
   ScratchHome h;
@@ -98,7 +94,7 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
     aged(h, devices + kDevA + "/device.plist", 4096, 5);
     aged(h, "Library/Developer/CoreSimulator/Caches/dyld/x", 4096, 3);
 
-    ScanContext context{Paths(h.home(), Layout::macos), AppConfig{}, std::chrono::system_clock::now()};
+    ScanContext context{Paths(h.home(), Layout::macos), AppConfig{}, test::kTestNow};
     const auto items = SimulatorsScanner().scan(context);
     std::map<std::string, int64_t> sizes;
     for (const auto& i : items) sizes[i.id] = i.size;
@@ -113,7 +109,7 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
     EXPECT_EQ(sizes, expected);
     EXPECT_EQ(tools.calls("xcrun"), (std::vector<std::vector<std::string>>{
                                         {"simctl", "list", "devices", "unavailable", "--json"}}));
-    ScanContext linuxHome{Paths(h.home(), Layout::linux), AppConfig{}, std::chrono::system_clock::now()};
+    ScanContext linuxHome{Paths(h.home(), Layout::linux), AppConfig{}, test::kTestNow};
     EXPECT_TRUE(SimulatorsScanner().scan(linuxHome).empty());
   }
 }

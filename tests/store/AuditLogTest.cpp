@@ -40,36 +40,19 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-TEST(AuditEntry, GoldenTextsAndRoundTrips) {
-  struct Case {
-    AuditEntry e;
-    const char* json;
-  };
-  AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete",
-                  "/Users/me/Library/Caches/é x", 4096, CleanCategory::logs,
-                  TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
-  AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt,
-                  TriggerSource::manual(), true, std::nullopt};
-  const Case cases[] = {
-      {full,
-       R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")"
-       "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"
-       R"(","message":"Permission denied","size":4096,"success":false,)"
-       R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})"},
-      {bare,
-       R"({"action":"purge","date":"2026-03-01T09:30:00Z","id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
-       R"("size":10,"success":true,"target":"expired quarantine","trigger":{"manual":{}}})"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.json);
-    const std::string text = JsonText::compact(toJson(c.e));
-    EXPECT_EQ(text, c.json);
-    auto back = decodeAuditLine(text);
-    ASSERT_TRUE(back);
-    AuditEntry expected = c.e;
-    expected.date = kNow;  // whole seconds on disk
-    EXPECT_EQ(*back, expected);
-  }
+TEST(AuditEntry, LineFormAndRoundTrips) {
+  const AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete", "/Users/me/Library/Caches/é x", 4096,
+                        CleanCategory::logs, TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
+  const std::string text = JsonText::compact(toJson(full));
+  EXPECT_EQ(text, R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")" + std::string(kId) +
+                      R"(","message":"Permission denied","size":4096,"success":false,)"
+                      R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})");
+  AuditEntry expected = full;
+  expected.date = kNow;  // whole seconds on disk
+  EXPECT_EQ(decodeAuditLine(text), expected);
+  const AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt, TriggerSource::manual(), true,
+                        std::nullopt};
+  EXPECT_EQ(decodeAuditLine(JsonText::compact(toJson(bare))), bare);
 }
 
 TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
@@ -81,11 +64,9 @@ TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
   EXPECT_EQ(lines(test::readText(log.url())).size(), 2u);
   EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all),
             fs::perms::owner_read | fs::perms::owner_write);
-  auto recent = log.recent(10);
-  ASSERT_EQ(recent.size(), 2u);
-  EXPECT_EQ(recent[0].action, "trash");  // newest first
-  EXPECT_EQ(log.recent(1).size(), 1u);
-  EXPECT_EQ(log.recent(1)[0].action, "trash");
+  EXPECT_EQ(log.recent(10).size(), 2u);
+  ASSERT_EQ(log.recent(1).size(), 1u);
+  EXPECT_EQ(log.recent(1)[0].action, "trash");  // newest first
   EXPECT_TRUE(log.recent(0).empty());
 }
 
@@ -120,11 +101,9 @@ TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
       {"the four counted actions",
        {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
        1111},
-      {"quarantine and restore do not count",
-       {entry("quarantine", 5), entry("restore", 5), entry("delete", 1)},
+      {"quarantine, restore, failures and other cases do not count",
+       {entry("quarantine", 5), entry("restore", 5), entry("delete", 50, false), entry("Delete", 50), entry("delete", 1)},
        1},
-      {"failed delete does not count", {entry("delete", 50, false), entry("delete", 2)}, 2},
-      {"case-sensitive", {entry("Delete", 50), entry("TRASH", 50)}, 0},
       {"negative sizes are summed as given", {entry("delete", -5), entry("delete", 8)}, 3},
       {"an overflowing record is skipped",
        {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)},
@@ -152,34 +131,25 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   };
   const std::string cases[] = {
       base,
-      with("\"size\":7", "\"size\":7.0"),
       with("\"size\":7", "\"size\":7.5"),
       with("\"size\":7", "\"size\":07"),
       with("\"size\":7", "\"size\":1e3"),
       with("\"size\":7", "\"size\":99999999999999999999"),
-      with("\"size\":7", "\"size\":\"7\""),
       with("\"action\":\"delete\"", "\"action\":\"del\\u0065te\""),
       with("\"action\":\"delete\"", "\"action\":\"delete\",\"action\":\"restore\""),
       with("\"target\":\"\\/x\"", "\"target\":\"caf\xC3\xA9 \\\"q\\\"\""),
       with("\"target\":\"\\/x\"", "\"target\":\"bad \xC3\x28 utf8\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udcff\""),
       with("\"target\":\"\\/x\"", "\"target\":\"bad \\udc7f\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"bad \\ud800\""),
       with("\"target\":\"\\/x\"", "\"target\":\"ctl \x01\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"esc \\q\""),
       with("\"target\":\"\\/x\"", "\"target\":null"),
       with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"manual\":{},\"x\":{}}"),
       with("\"trigger\":{\"manual\":{}}", "\"trigger\": { \"manual\" : { } }"),
-      with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"uninstall\":{\"appName\":\"A\"}}"),
       with("\"id\":\"E621", "\"id\":\"X621"),
       with("\"date\":\"2026-03-01T09:30:00Z\"", "\"date\":\"2026-03-01 09:30\""),
       with("\"success\":true", "\"success\":1"),
       with(",\"success\":true", ""),
-      with("\"success\":true", "\"success\":true,\"category\":\"logs\""),
       with("\"success\":true", "\"success\":true,\"category\":\"nonsense\""),
-      with("\"success\":true", "\"success\":true,\"category\":null"),
       with("\"success\":true", "\"success\":true,\"message\":null,\"extra\":[1,2]"),
-      base + " ",
       base + "x",
       " " + base,
   };

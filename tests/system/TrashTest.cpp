@@ -46,6 +46,41 @@ TEST(Trash, FolderGetsASizeLineAndLeavingTakesInfoAndLine) {
   EXPECT_EQ(test::readText(sizes), "");
 }
 
+// Percent-decoded.
+std::string decoded(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] != '%') out += s[i];
+    else out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16)), i += 2;
+  }
+  return out;
+}
+
+TEST(Trash, SameNamesNeverOverwriteAndTheOriginalPathIsEscaped) {
+  ScratchHome h;
+  const Paths paths = h.linuxPaths();
+  const fs::path files = h.path(".local/share/Trash/files");
+  h.text(".local/share/Trash/files/stray.log", "already in the Trash");  // without an info file
+  const struct Case {
+    std::string rel, trashName;
+  } cases[] = {
+      {"one/100% é #1.txt", "100% é #1.txt"}, {"two/100% é #1.txt", "100% é #1.2.txt"}, {"stray.log", "stray.2.log"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rel);
+    const fs::path item = h.text("Library/Caches/" + c.rel, c.rel);
+    EXPECT_EQ(trash(paths, item), files / c.trashName);
+    EXPECT_EQ(test::readText(files / c.trashName), c.rel);
+    const std::string info = test::readText(platform::trashInfoFile(files / c.trashName));
+    EXPECT_EQ(info.rfind("[Trash Info]\nPath=", 0), 0u) << info;
+    const std::string path = info.substr(18, info.find('\n', 18) - 18);
+    EXPECT_EQ(path.find_first_of(" #é"), std::string::npos) << path;  // blanks, '%', '#' and bytes past ASCII
+    EXPECT_EQ(decoded(path), item.string());
+    EXPECT_NE(info.find("\nDeletionDate=" + Dates::local(kNow, "yyyy-MM-ddTHH:mm:ss") + "\n"), std::string::npos);
+  }
+  EXPECT_EQ(test::readText(files / "stray.log"), "already in the Trash");
+  EXPECT_FALSE(fs::exists(platform::trashInfoFile(files / "stray.log")));
+}
+
 TEST(Trash, ItemOnAnotherVolumeGoesToThatVolumesTrash) {
   ScratchHome h;
   const fs::path volume = h.outside("usb");
