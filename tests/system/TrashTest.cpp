@@ -3,8 +3,8 @@
 #include "core/system/Trash.h"
 
 #include "core/safety/SafetyPolicy.h"
-#include "core/system/Shell.h"
 #include "tests/support/ScratchHome.h"
+#include "tests/support/ScratchVolume.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -84,12 +84,8 @@ TEST(Trash, SameNamesNeverOverwriteAndTheOriginalPathIsEscaped) {
 TEST(Trash, ItemOnAnotherVolumeGoesToThatVolumesTrash) {
   ScratchHome h;
   const fs::path volume = h.outside("usb");
-  if (::geteuid() != 0 || Shell::run("mount", {"-t", "tmpfs", "-o", "size=4m", "tmpfs", volume.string()}, 10).status != 0)
-    GTEST_SKIP() << "needs root to mount a scratch volume";
-  struct Unmount {
-    fs::path at;
-    ~Unmount() { Shell::run("umount", {at.string()}, 10); }
-  } unmount{volume};
+  const test::ScratchVolume mounted(volume);
+  if (!mounted.mounted()) GTEST_SKIP() << "needs root to mount a scratch volume";
   const test::ScopedEnv volumes("KESTREL_VOLUMES_ROOT", volume.string());
   const Paths paths = h.linuxPaths();
   const std::string uid = std::to_string(::getuid());
