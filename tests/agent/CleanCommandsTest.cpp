@@ -61,12 +61,11 @@ TEST(QuarantineCommand, IdsThatAreNoSessionTouchNothing) {
   ScratchHome h;
   h.file("Documents/keep", 3);
   const fs::path lock = h.text("Library/Application Support/orvo Kestrel/Quarantine/.lock", "");
-  struct Case {
+  const struct Case {
     std::vector<std::string> args;
     int status;
     std::string out;  // empty: any non-empty text
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{"quarantine", "restore"}, 2, "usage: quarantine restore <id>\n"},
       {{"quarantine", "purge"}, 2, "usage: quarantine purge <id>\n"},
       {{"quarantine", "restore", "20260101-000000-ABCDEF"}, 1, ""},

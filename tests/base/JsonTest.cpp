@@ -43,12 +43,11 @@ TEST(JsonText, LayoutKeyOrderAndEscapesMatchPlatform) {
 }
 
 TEST(JsonText, NumbersAsPlatformPrintsThem) {
-  struct Case {
+  const struct Case {
     double value;
     const char* json;
     const char* description;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {786000000.0, "786000000", "786000000.0"}, {786000000.123, "786000000.123", "786000000.123"},
       {1.0 / 3.0, "0.3333333333333333", "0.3333333333333333"}, {0.0001, "0.0001", "0.0001"},
       {0.00009, "9e-05", "9e-05"}, {5e-324, "5e-324", "5e-324"}, {1e16, "1e+16", "1e+16"},
@@ -170,11 +169,10 @@ TEST(JsonText, EveryStringRoundTripsAsValueAndKey) {
 }
 
 TEST(JsonDecode, IntegersFollowDecoderRules) {
-  struct Case {
+  const struct Case {
     const char* json;
     std::optional<int64_t> value;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"10.0", 10}, {"1e2", 100}, {"10.5", std::nullopt}, {"\"10\"", std::nullopt},
       {"9223372036854775807", INT64_MAX}, {"9223372036854775808", std::nullopt}, {"-9223372036854775808", INT64_MIN},
   };
@@ -190,11 +188,10 @@ TEST(JsonDecode, IntegersFollowDecoderRules) {
 }
 
 TEST(JsonDecode, OneCaseNeedsExactlyOneKnownKey) {
-  struct Case {
+  const struct Case {
     const char* json;
     const char* name;  // nullptr: rejected
-  };
-  const Case cases[] = {
+  } cases[] = {
       {R"({})", nullptr}, {R"({"manual":{},"schedule":{"ruleName":"a"}})", nullptr},
       {R"({"bogus":{}})", nullptr}, {R"({"manual":{},"bogus":1})", "manual"},
       {R"({"manual":{"x":1}})", "manual"}, {R"({"manual":null})", nullptr},

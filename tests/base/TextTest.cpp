@@ -37,11 +37,10 @@ TEST(Utf8, DisplayTextReplacesEachIllFormedSequenceOnce) {
 }
 
 TEST(ByteFormat, MatchesPlatformVectors) {
-  struct Case {
+  const struct Case {
     int64_t bytes;
     const char* text;
-  };
-  const Case cases[] = {
+  } cases[] = {
       // Bytes, singular and plural, either sign.
       {0, "Zero KB"}, {1, "1 byte"}, {2, "2 bytes"}, {-1, "-1 byte"}, {-2, "-2 bytes"},
       {999, "999 bytes"},
@@ -61,10 +60,7 @@ TEST(ByteFormat, MatchesPlatformVectors) {
       {-1023, "-1 KB"}, {-999999, "-1 MB"}, {-1234567898, "-1.23 GB"},
       {-12345678987, "-12.35 GB"}, {INT64_MIN, "-9.22 EB"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.bytes);
-    EXPECT_EQ(ByteFormat::string(c.bytes), c.text);
-  }
+  for (const auto& c : cases) EXPECT_EQ(ByteFormat::string(c.bytes), c.text) << c.bytes;
 }
 
 }  // namespace

@@ -17,12 +17,11 @@ TEST(CloudFiles, RootsAndProviders) {
   const fs::path home = "/Users/ada";
   EXPECT_EQ(CloudRoots::syncRoots(home),
             (std::vector<fs::path>{"/Users/ada/Library/Mobile Documents", "/Users/ada/Library/CloudStorage"}));
-  struct Case {
+  const struct Case {
     std::string path;
     bool synced;
     std::string provider;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/Users/ada/Library/Mobile Documents/com~apple~CloudDocs/a.txt", true, "iCloud Drive"},
       {"/Users/ada/Library/CloudStorage/Dropbox/x", true, "Dropbox"},
       {"/Users/ada/Library/CloudStorage/GoogleDrive-ada@example.com", true, "GoogleDrive"},
@@ -39,14 +38,13 @@ TEST(CloudFiles, RootsAndProviders) {
 }
 
 TEST(CloudFiles, RemovalRetriesWithGrowingWaits) {
-  struct Case {
+  const struct Case {
     const char* name;
     int failures;  // attempts that throw before one works
     int attempts;
     bool succeeds;
     std::vector<double> waits;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"first attempt", 0, 4, true, {}},
       {"third attempt", 2, 4, true, {0.25, 0.5}},
       {"never", 9, 4, false, {0.25, 0.5, 1.0}},

@@ -80,12 +80,11 @@ TEST(PrivilegedSession, FallsBackToOneShotCommandsPerOperation) {
     r.stderr = r.status ? "User canceled. (-128)" : "";
     return r;
   }));
-  struct Case {
+  const struct Case {
     Op op;
     std::string command;
     std::string prompt;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {Op::kill(123, 9), "/bin/kill -9 123", "orvo Kestrel: quit an app"},
       {Op::bootout("/Library/LaunchDaemons/it's.plist"), "/bin/launchctl bootout system '/Library/LaunchDaemons/it'\\''s.plist'",
        "orvo Kestrel: stop a background item"},

@@ -89,12 +89,11 @@ TEST(Quarantine, JsonRoundTripKeepsUnknownKeysAndDamagedEntries) {
   EXPECT_FALSE(again["entries"][0].contains("dev"));
 
   // An entry that does not decode is kept verbatim in its place; the others still decode.
-  struct Case {
+  const struct Case {
     const char* what;
     std::function<void(Json&)> damage;
     std::string id;
-  };
-  const Case damaged[] = {
+  } damaged[] = {
       {"entry without size", [](Json& e) { e.erase("size"); }, "0-a"},
       {"unknown category", [](Json& e) { e["category"] = "stuff"; }, "0-a"},
       {"stored name escapes items", [](Json& e) { e["storedName"] = "../../x"; }, "../../x"},
@@ -314,13 +313,12 @@ TEST(Quarantine, JournalReplayIsIdempotentAndSkipsTornLines) {
   };
   auto moving = [&](const std::string& name) { return entry(name, true); };
   const std::string torn = intent(moving("1-b")).substr(0, 30);
-  struct Case {
+  const struct Case {
     const char* what;
     std::vector<QuarantineEntry> manifest;
     std::string journal;
     std::string listed;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"intent and confirm", {}, intent(moving("0-a")) + op("confirm", "0-a"), "0-a"},
       {"intent alone is a move under way", {}, intent(moving("0-a")), "0-a(moving)"},
       {"abort drops the intent", {}, intent(moving("0-a")) + op("abort", "0-a") + intent(moving("1-b")) + op("confirm", "1-b"),
@@ -364,13 +362,12 @@ TEST(Quarantine, JournalReplayIsIdempotentAndSkipsTornLines) {
 }
 
 TEST(Quarantine, DamagedEntryNeverHidesTheRestOfItsSession) {
-  struct Case {
+  const struct Case {
     const char* what;
     std::function<void(Json&)> damage;
     std::string id;
     bool itemStays;  // else adopted: no readable entry names it any more
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a number out of range", [](Json& e) { e["size"] = 1e30; }, "1-b.txt", true},
       {"a stored name that leaves items", [](Json& e) { e["storedName"] = "../1-b.txt"; }, "../1-b.txt", false},
       {"not an object", [](Json& e) { e = "lost"; }, "entry 1", false},
@@ -414,14 +411,13 @@ TEST(Quarantine, DamagedEntryNeverHidesTheRestOfItsSession) {
 TEST(Quarantine, RecoveryRemovesEmptyFoldersAndAdoptsStrayItems) {
   const std::string q = "Library/Application Support/orvo Kestrel/Quarantine/";
   enum class Outcome { removed, adopted, untouched };
-  struct Case {
+  const struct Case {
     const char* what;
     std::function<void(ScratchHome&)> make;
     std::string folder;
     Outcome outcome;
     std::string restoresTo;  // relative to home; empty: to the recovery folder
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"no items folder", [&](ScratchHome& h) { h.folder(q + "x"); }, "x", Outcome::removed, ""},
       {"an empty items folder", [&](ScratchHome& h) { h.folder(q + "x/items"); }, "x",
        Outcome::removed, ""},

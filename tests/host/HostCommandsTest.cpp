@@ -47,11 +47,10 @@ struct Host {
 };
 
 TEST(HostRules, AddStoresEachTriggerAndKeepsTheDefaults) {
-  struct Case {
+  const struct Case {
     std::vector<std::string> flags;
     ScheduleTrigger trigger;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{"--daily", "03:00"}, ScheduleTrigger::daily(3, 0)},
       {{"--weekly", "SUN@03:30"}, ScheduleTrigger::weekly(1, 3, 30)},
       {{"--monthly", "31@0:05"}, ScheduleTrigger::monthly(31, 0, 5)},

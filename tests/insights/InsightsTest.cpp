@@ -63,15 +63,14 @@ TEST(SpaceHistory, ForecastOverSeries) {
   auto afterCleanup = [](int count) {
     return series(3, 0, count, [](double ago) { return 58e9 + ago * 1e9; });
   };
-  struct Case {
+  const struct Case {
     const char* name;
     std::vector<SpaceSample> samples;
     bool expectForecast;
     double basedOnDays = 0;
     std::optional<double> bytesPerDay = std::nullopt;  // nothing: only the samples fit matter
     std::optional<double> daysUntilFull = std::nullopt;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"steady loss of 1 GB a day", series(10, 0, 41, steady), true, 10, 1e9, 100},
       {"hourly samples over 1.9 days", series(1.9, 0, 46, steady), false},
       {"one recent sample", series(0, 0, 1, steady), false},
@@ -219,11 +218,10 @@ TEST(GrowthTracker, DiffKeepsChangesOfTenMillionBytesAndMore) {
   // Equal growth keeps path order ("/h/grew" before "/h/new"); shrinkage comes last.
   EXPECT_EQ(paths(entries), (std::vector<std::string>{"/h/grew", "/h/new", "/h/exact",
                                                       "/h/shrankExact", "/h/gone"}));
-  struct Case {
+  const struct Case {
     const char* path;
     int64_t before, after, delta;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/h/grew", 1000, 30001000, 30000000}, {"/h/new", 0, 30000000, 30000000},
       {"/h/exact", 0, 10000000, 10000000},   {"/h/shrankExact", 10000000, 0, -10000000},
       {"/h/gone", 50000000, 0, -50000000},
@@ -246,13 +244,12 @@ TEST(GrowthTracker, DiffKeepsChangesOfTenMillionBytesAndMore) {
 }
 
 TEST(GrowthTracker, ReportPicksSnapshotClosestToTarget) {
-  struct Case {
+  const struct Case {
     const char* name;
     std::vector<int> days;  // snapshot days, oldest first; the last one is the newer snapshot
     int64_t reportDays;
     int expectedFrom;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a week: day 0", {0, 1, 7}, 7, 0},
       {"three days: day 4 is closer to day 1", {0, 1, 7}, 3, 1},
       {"tie goes to the earlier", {0, 2, 4}, 3, 0},

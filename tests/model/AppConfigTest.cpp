@@ -12,14 +12,13 @@ namespace {
 using test::ScratchHome;
 
 TEST(AppConfig, DisposalRulesInOrder) {
-  struct Case {
+  const struct Case {
     const char* name;
     CleanCategory category;
     bool everything;
     std::map<std::string, Disposal> overrides;
     Disposal expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"docker ignores override and everything", CleanCategory::docker, true, {{"docker", Disposal::quarantine}}, Disposal::delete_},
       {"override wins over built-in", CleanCategory::trash, false, {{"trash", Disposal::quarantine}}, Disposal::quarantine},
       {"override wins over everything", CleanCategory::logs, true, {{"logs", Disposal::trash}}, Disposal::trash},
@@ -42,12 +41,11 @@ TEST(ConfigStore, LoadFallsBackWholesale) {
   logs10.logAgeDays = 10;
   AppConfig withOverride;
   withOverride.disposalOverrides["trash"] = Disposal::trash;
-  struct Case {
+  const struct Case {
     const char* name;
     std::optional<std::string> text;  // nothing: no file
     AppConfig expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"missing file", std::nullopt, AppConfig{}},
       {"one key", R"({"logAgeDays": 10})", logs10},
       {"unknown keys ignored", R"({"logAgeDays": 10, "futureSetting": [1,2]})", logs10},

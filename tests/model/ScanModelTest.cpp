@@ -71,12 +71,11 @@ TEST(RunSummary, PartsInOrderAndNothingToClean) {
   zeros.itemsProcessed = 4;
   zeros.freedBytes = 0;
   zeros.deferredAdmin = 2;
-  struct Case {
+  const struct Case {
     const CleanReport& report;
     bool dryRun;
     const char* summary;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {all, false, "Freed 1.5 MB, 3 GB to quarantine, 1 byte to Trash, 999 bytes offloaded to cloud, 2 failed"},
       {all, true, "Would free 1.5 MB, 3 GB to quarantine, 1 byte to Trash, 999 bytes offloaded to cloud, 2 failed"},
       {freedOnly, false, "Freed 2 KB"},
@@ -84,10 +83,7 @@ TEST(RunSummary, PartsInOrderAndNothingToClean) {
       {zeros, false, "Nothing to clean"},
       {CleanReport{}, true, "Nothing to clean"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.summary);
-    EXPECT_EQ(c.report.summary(c.dryRun), c.summary);
-  }
+  for (const auto& c : cases) EXPECT_EQ(c.report.summary(c.dryRun), c.summary) << c.summary;
 }
 
 TEST(RunSummary, ReportJsonRoundTrip) {

@@ -30,13 +30,12 @@ Json parsed(std::string_view text) {
 
 TEST(ScheduleTrigger, JsonFormsSummariesAndCalendarFlag) {
   using T = ScheduleTrigger;
-  struct Case {
+  const struct Case {
     ScheduleTrigger trigger;
     const char* json;
     const char* summary;
     bool calendar;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {T::daily(3, 0), R"({"daily":{"hour":3,"minute":0}})", "Every day at 03:00", true},
       {T::weekly(1, 3, 0), R"({"weekly":{"hour":3,"minute":0,"weekday":1}})",
        "Every Sunday at 03:00", true},
@@ -70,19 +69,15 @@ TEST(ScheduleTrigger, StrictDecodingRefusesMalformedObjects) {
       R"({"daily":{"hour":3.5,"minute":0}})", R"({"everyHours":{"_0":"6"}})",
       R"({"everyHours":6})", R"({"diskFreeBelowPercent":{}})", R"(["daily"])",
   };
-  for (const char* text : bad) {
-    SCOPED_TRACE(text);
-    EXPECT_THROW(scheduleTriggerFromJson(parsed(text)), DecodeError);
-  }
+  for (const char* text : bad) EXPECT_THROW(scheduleTriggerFromJson(parsed(text)), DecodeError) << text;
 }
 
 TEST(TriggerSource, JsonFormsLabelsAndStrictness) {
-  struct Case {
+  const struct Case {
     TriggerSource source;
     const char* json;
     const char* label;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {TriggerSource::manual(), R"({"manual":{}})", "Manual"},
       {TriggerSource::schedule("Weekly deep clean"),
        R"({"schedule":{"ruleName":"Weekly deep clean"}})", "Schedule: Weekly deep clean"},
@@ -125,11 +120,10 @@ TEST(ScheduleRule, RoundTripsWithAndWithoutOptionals) {
 
 TEST(ScheduleRule, StrictDecodingOfRequiredKeys) {
   const Json good = toJson(sampleRule());
-  struct Case {
+  const struct Case {
     const char* what;
     std::function<void(Json&)> damage;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"id missing", [](Json& j) { j.erase("id"); }},
       {"id not a UUID", [](Json& j) { j["id"] = "E621E1F8C36C495A93FC0C247A3E6E5F"; }},
       {"name ill-typed", [](Json& j) { j["name"] = 3; }},

@@ -48,11 +48,10 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
   const SafetyPolicy policy(h.paths(), {"~/Projects/keep/"},
                             writableOnly({"/Applications", "/Applications/Mine.app"}));
   const std::string rule = "Protected by your rules (" + home + "/Projects/keep)";
-  struct Case {
+  const struct Case {
     std::string path;
     Verdict expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       // 2: relative paths
       {"Documents/report.pdf", Verdict::blocked("Not an absolute path")},
       {"./x", Verdict::blocked("Not an absolute path")},
@@ -156,12 +155,11 @@ TEST(SafetyPolicy, UserRulesThatAreEmptyOrRelative) {
   ScratchHome h;
   h.folder("Projects/keep");
   const std::string home = h.home().string();
-  struct Case {
+  const struct Case {
     std::vector<std::string> rules;
     std::string path;
     bool blocked;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{""}, home + "/Library/Caches/app", true},  // an empty entry protects everything
       {{"Projects/keep"}, home + "/Projects/keep/a", true},
       {{"Projects/keep"}, home + "/Projects", true},  // the folder holding it too
@@ -204,10 +202,7 @@ TEST(SafetyPolicy, TheCrashFolderGivesUpOnlyTheUsersOwnReports) {
       {crash / "gone.crash", outside},
       {h.root() / "to-crash/mine.crash", outside},  // only reached without a link
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(onLinux.check(c.path.string()), c.expected);
-  }
+  for (const auto& c : cases) EXPECT_EQ(onLinux.check(c.path.string()), c.expected) << c.path;
   if (othersOwn) {
     EXPECT_EQ(onLinux.check((crash / "theirs.crash").string()), outside);
   }
@@ -241,12 +236,11 @@ TEST(SafetyPolicy, NormalizesLikeThePlatform) {
   const std::string home = h.home().string();
   const fs::path deep = h.outside("deep/inner");
   h.link("L", deep);
-  struct Case {
+  const struct Case {
     std::string in;
     bool stripPrivate;
     std::string out;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"~", false, home},
       {"~/Documents/", false, home + "/Documents"},
       {"/a//b///", false, "/a/b"},
@@ -261,10 +255,7 @@ TEST(SafetyPolicy, NormalizesLikeThePlatform) {
       {"/private/nonexistent-kestrel", true, "/private/nonexistent-kestrel"},
       {"/private", true, "/private"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.in);
-    EXPECT_EQ(SafetyPolicy::normalize(c.in, h.home(), c.stripPrivate), c.out);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SafetyPolicy::normalize(c.in, h.home(), c.stripPrivate), c.out) << c.in;
 }
 
 TEST(SafetyPolicy, ResolvesLinksComponentByComponent) {
@@ -277,20 +268,16 @@ TEST(SafetyPolicy, ResolvesLinksComponentByComponent) {
   h.link("loopA", h.path("loopB"));
   h.link("loopB", h.path("loopA"));
   const std::string home = h.home().string();
-  struct Case {
+  const struct Case {
     std::string in, out;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {home + "/rel/sub/x", home + "/real/sub/x"},
       {home + "/chain/missing/y", home + "/real/sub/missing/y"},
       {home + "/up/sub", home + "/real/sub"},
       {home + "/missing/rel", home + "/missing/rel"},  // nothing below a missing component is resolved
       {"relative/path", "relative/path"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.in);
-    EXPECT_EQ(SafetyPolicy::resolveLinks(c.in), c.out);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SafetyPolicy::resolveLinks(c.in), c.out) << c.in;
   // A loop ends instead of spinning.
   EXPECT_FALSE(SafetyPolicy::resolveLinks(home + "/loopA/x").empty());
 }
@@ -317,12 +304,11 @@ TEST(SafetyPolicy, OnlyAllowedAndAdminVerdictsAreSafeForAutomation) {
 }
 
 TEST(SafetyPolicy, ContainmentIsByWholeComponents) {
-  struct Case {
+  const struct Case {
     const char* a;
     const char* b;
     bool atOrUnder, overlap;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/a/b", "/a", true, true},   {"/a", "/a/b", false, true}, {"/ab", "/a", false, false},
       {"/a", "/a", true, true},     {"/a/b", "/a/", true, true}, {"/x", "/", true, true},
   };

@@ -39,7 +39,7 @@ TEST(EverydayScanners, FiltersHoldAtTheirBoundaries) {
   const std::string mail = "Library/Containers/com.apple.mail/Data/Library/Mail Downloads/";
   const std::string saved = "Library/Saved Application State/";
   const double minute = 1.0 / 1440;
-  struct Case {
+  const struct Case {
     const char* name;
     C category;
     std::string child;  // the direct child the scanner may list
@@ -48,8 +48,7 @@ TEST(EverydayScanners, FiltersHoldAtTheirBoundaries) {
     double ageDays;     // of the child and, with ageInner, of the file inside
     bool ageInner;
     bool listed;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"cache under 64 KiB", C::userCaches, "Library/Caches/com.small", "data", 60000, 2, true, false},
       {"cache of exactly 64 KiB", C::userCaches, "Library/Caches/com.exact", "data", 65536, 2, true, true},
       {"excluded cache", C::userCaches, "Library/Caches/Homebrew", "big", 200000, 2, true, false},
@@ -174,14 +173,13 @@ TEST(EverydayScanners, BackupInfoFromXmlAndBinaryPropertyLists) {
       "<key>Device Name</key><string>Ada's iPhone</string><key>Installed Applications</key>"
       "<array><string>com.example.a</string><string>com.example.b</string></array>"
       "<key>Last Backup Date</key><date>2002-01-01T00:00:00Z</date>");
-  struct Case {
+  const struct Case {
     const char* name;
     std::vector<char> bytes;
     bool parses;
     std::optional<std::string> device;
     bool hasDate;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"xml", bytesOf(xml), true, "Ada's iPhone", true},
       {"binary", binary, true, "Ada's iPhone", true},
       {"display name only", bytesOf(plistXml("<key>Display Name</key><string>iPad</string>")), true,

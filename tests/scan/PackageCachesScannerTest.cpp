@@ -27,15 +27,14 @@ void cache(ScratchHome& h, const std::string& rel, int64_t bytes, double ageDays
 }
 
 TEST(PackageCachesScanner, FloorAgeAndRisk) {
-  struct Case {
+  const struct Case {
     const char* rel;
     int64_t bytes;
     double ageDays;
     bool listed;
     const char* title;
     Risk risk;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {".npm/_cacache", kMiB, 1, true, "npm cache", Risk::safe},
       {".npm/_cacache", kMiB - 4096, 1, false, "npm cache", Risk::safe},  // one block under the floor
       {"Library/Caches/go-build", 2 * kMiB, 2.0 / 1440, false, "Go build cache", Risk::safe},

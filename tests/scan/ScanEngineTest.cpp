@@ -80,10 +80,7 @@ TEST(ScanEngineDedupe, OwnershipAncestorsAndPolicy) {
         {C::userCaches, {pathItem(a, C::userCaches)}, {}}},
        {{C::userCaches, {a}}, {C::docker, {"img", "img"}}, {C::cloudLocalCopies, {"e"}}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(idsByCategory(dedupe(c.in, policy)), c.kept);
-  }
+  for (const auto& c : cases) EXPECT_EQ(idsByCategory(dedupe(c.in, policy)), c.kept) << c.name;
 }
 
 TEST(ScanEngineDedupe, SortsItemsBySizeStablyAndResultsByCategory) {
@@ -188,11 +185,10 @@ TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {
   using Clock = Throttle::Clock;
   Clock::time_point now{};
   Throttle throttle(0.09, [&] { return now; });
-  struct Case {
+  const struct Case {
     double at;
     bool admitted;
-  };
-  const Case cases[] = {{0.0, true}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
+  } cases[] = {{0.0, true}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
   for (const auto& c : cases) {
     now = Clock::time_point{} + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(c.at));
     EXPECT_EQ(throttle.allow(), c.admitted) << c.at;
@@ -202,11 +198,10 @@ TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {
 TEST(ScanEngineContext, AgesAndDays) {
   ScanContext context{Paths("/h"), AppConfig{}, Dates::fromUnixSeconds(1'000'000)};
   context.config.minItemAgeHours = 1;
-  struct Case {
+  const struct Case {
     std::optional<int64_t> modifiedSecondsAgo;
     bool oldEnough;
-  };
-  const Case cases[] = {{std::nullopt, true}, {3600, true}, {3599, false}, {0, false}, {-60, false}};
+  } cases[] = {{std::nullopt, true}, {3600, true}, {3599, false}, {0, false}, {-60, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.modifiedSecondsAgo ? *c.modifiedSecondsAgo : -1);
     std::optional<Date> modified;

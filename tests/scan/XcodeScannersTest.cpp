@@ -69,12 +69,11 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
                               R"({"udid":")" + kDevB + R"(","isAvailable":false,"name":"iPad"},)" +
                               R"({"udid":"../../../Documents","isAvailable":false},)" +
                               R"({"udid":")" + kDevC + R"(","isAvailable":true}]}})";
-  struct Case {
+  const struct Case {
     const char* name;
     std::string out;  // of `xcrun simctl list devices unavailable --json`; empty: xcrun fails
     int64_t size;     // of the command item; -1: none
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"two unavailable devices, one without a folder", listing, 3 * 4096},
       {"none unavailable", R"({"devices":{}})", -1},
       {"xcrun fails", "", -1},

@@ -21,11 +21,10 @@ namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
 TEST(PersistenceTest, CommandWords) {
-  struct Case {
+  const struct Case {
     const char* value;
     Words words;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/usr/bin/app --flag", {"/usr/bin/app", "--flag"}},
       {"-/usr/bin/app", {"/usr/bin/app"}},
       {"@/usr/bin/real argv0 x", {"/usr/bin/real", "argv0", "x"}},
@@ -34,18 +33,14 @@ TEST(PersistenceTest, CommandWords) {
       {"\"\" empty", {"", "empty"}},
       {"", {}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
-    EXPECT_EQ(PersistenceInspector::commandWords(c.value), c.words);
-  }
+  for (const auto& c : cases) EXPECT_EQ(PersistenceInspector::commandWords(c.value), c.words) << c.value;
 }
 
 TEST(PersistenceTest, CrontabLines) {
-  struct Case {
+  const struct Case {
     const char* line;
     std::optional<std::string> label, program;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"*/5 * * * * /home/me/bin/sync --all > /dev/null 2>&1", "/home/me/bin/sync --all > /dev/null 2>&1", "/home/me/bin/sync"},
       {"@reboot /tmp/.x/run", "/tmp/.x/run", "/tmp/.x/run"},
       {"0 3 * * 1\tbackup.sh;echo done", "backup.sh;echo done", "backup.sh"},

@@ -12,14 +12,13 @@ Date at(const char* iso) { return *Dates::parseISO8601(iso); }
 const date::time_zone* zone(const char* name) { return date::locate_zone(name); }
 
 TEST(RuleEvaluatorTest, LatestSlotInTheUsersZone) {
-  struct Case {
+  const struct Case {
     const char* what;
     const char* zone;
     ScheduleTrigger trigger;
     const char* now;
     const char* slot;  // nullptr: none
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"daily at its minute", "Europe/Berlin", ScheduleTrigger::daily(3, 0), "2026-03-10T02:00:00Z", "2026-03-10T02:00:00Z"},
       {"daily a second before", "Europe/Berlin", ScheduleTrigger::daily(3, 0), "2026-03-10T01:59:59Z", "2026-03-09T02:00:00Z"},
       {"02:30 skipped by spring-forward runs at 03:00", "Europe/Berlin", ScheduleTrigger::daily(2, 30), "2026-03-29T10:00:00Z", "2026-03-29T01:00:00Z"},

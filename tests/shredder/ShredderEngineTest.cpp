@@ -129,10 +129,7 @@ TEST(ShredderEngine, AgedRulesAndTheTrash) {
   s.tidyScreenshotsAfterDays = 10;
   ShredderEngine engine(h.linuxPaths(), {}, s);
   const auto events = engine.sweep(now).events;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(fs::exists(h.path(c.rel)), !c.gone);
-  }
+  for (const auto& c : cases) EXPECT_EQ(fs::exists(h.path(c.rel)), !c.gone) << c.name;
   EXPECT_FALSE(lexists(h.path(".local/share/Trash/files/big.iso")));
   EXPECT_FALSE(lexists(h.path(".local/share/Trash/info/big.iso.trashinfo")));
   EXPECT_TRUE(fs::exists(h.path(".local/share/Trash/files/old-photo.jpg")));
@@ -279,15 +276,12 @@ class FakeWatcher : public FolderWatcher {
 
 TEST(ShredderEngine, ADroppedNotificationLeadsToOneFullSweep) {
   ScratchHome h;
-  const Date now = std::chrono::system_clock::now();
-  h.file("Downloads/a.zip", 6000);
-  h.age("Downloads/a.zip", 2, now);
-  const fs::path copy = h.file("Desktop/a (1).zip", 6000);
-  h.age("Desktop/a (1).zip", 1, now);
-  h.file("Desktop/a.zip", 6000);
-  h.age("Desktop/a.zip", 2, now);
+  h.aged("Downloads/a.zip", 6000, 2, kTestNow);
+  const fs::path copy = h.aged("Desktop/a (1).zip", 6000, 1, kTestNow);
+  h.aged("Desktop/a.zip", 6000, 2, kTestNow);
   auto shared = std::make_shared<FakeWatcher::Shared>();
-  Services services;
+  Services services;  // the watch thread sweeps at the clock it is given
+  services.now = [] { return kTestNow; };
   services.makeFolderWatcher = [shared] { return std::make_unique<FakeWatcher>(shared); };
   ShredderEngine engine(h.linuxPaths(), {}, on(), services);
   engine.setDebounce(std::chrono::milliseconds(50));

@@ -93,12 +93,11 @@ TEST(AuditLog, ReadsPastDamageAndOverlongLinesAndNeverGluesOntoATornLine) {
 }
 
 TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
-  struct Case {
+  const struct Case {
     const char* what;
     std::vector<AuditEntry> entries;
     int64_t expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"the four counted actions",
        {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
        1111},
@@ -167,11 +166,10 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
 
 TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
   enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder, danglingLink };
-  struct Case {
+  const struct Case {
     const char* what;
     Put put;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a link to a file elsewhere", Put::linkToFile}, {"a FIFO", Put::fifo},
       {"a FIFO someone reads", Put::fifoWithReader}, {"a link to a FIFO", Put::linkToFifo},
       {"a folder", Put::folder}, {"a link that leads nowhere", Put::danglingLink},

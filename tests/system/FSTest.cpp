@@ -27,11 +27,10 @@ TEST(FS, KindsNeverFollowLinks) {
   h.folder("d");
   h.link("dangling", h.path("nowhere"));
   h.link("dirlink", h.path("d"));
-  struct Case {
+  const struct Case {
     const char* rel;
     bool exists, reachable, directory, symlink;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"f", true, true, false, false},
       {"d", true, true, true, false},
       {"dangling", true, false, false, true},

@@ -13,11 +13,10 @@ using test::ScratchHome;
 TEST(Paths, DerivesEveryLocationFromHomeOnBothLayouts) {
   const Paths mac("/Users/me", Layout::macos);
   const Paths linux("/home/me", Layout::linux, {"/home/me/cfg", {}, {}, {}});
-  struct Case {
+  const struct Case {
     fs::path actual;
     const char* expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {mac.configFile(), "/Users/me/Library/Application Support/orvo Kestrel/config.json"},
       {mac.agentLogFile(), "/Users/me/Library/Logs/orvo Kestrel/agent.log"},
       {linux.configFile(), "/home/me/cfg/orvo-kestrel/config.json"},
@@ -68,11 +67,10 @@ TEST(Paths, FromEnvironmentUsesHomeThenPasswordDatabase) {
 
 TEST(Paths, UserDirsFileNamesTheLocalisedDownloadFolder) {
   const fs::path home = "/home/me";
-  struct Case {
+  const struct Case {
     const char* text;
     std::optional<const char*> expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"XDG_DOWNLOAD_DIR=\"$HOME/Téléchargements\"\n", "/home/me/Téléchargements"},
       {"# comment\n  XDG_DOWNLOAD_DIR=\"/srv/dl\"  \r\n", "/srv/dl"},
       {"XDG_DOWNLOAD_DIR=\"$HOME/a \\\"b\\\"\"", "/home/me/a \"b\""},

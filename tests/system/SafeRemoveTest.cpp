@@ -49,11 +49,10 @@ TEST(SafeRemove, RemovesFilesTreesAndLinksWithoutFollowingThem) {
   h.file("Library/Caches/single.log", 5);
   h.link("Library/Caches/dirLink", outside);
 
-  struct Case {
+  const struct Case {
     const char* rel;
     Status status;
-  };
-  const Case cases[] = {{"Library/Caches/app", Status::removed},     {"Library/Caches/single.log", Status::removed},
+  } cases[] = {{"Library/Caches/app", Status::removed},     {"Library/Caches/single.log", Status::removed},
                         {"Library/Caches/dirLink", Status::removed}, {"Library/Caches/absent", Status::missing},
                         {"Library/Nothing/here/x", Status::missing}};
   SafeRemover remover(h.home());
@@ -78,13 +77,12 @@ TEST(SafeRemove, RefusesProtectedFoldersByIdentityAndBadPaths) {
   h.link("Library/Caches/app/homeLink", h.home());
   h.link("Library/Caches/toDocuments", h.path("Documents"));
 
-  struct Case {
+  const struct Case {
     fs::path path;
     Status status;
     std::errc error;
     std::errc alsoAccepted = std::errc::invalid_argument;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {h.path("Library/Caches"), Status::refused, std::errc::operation_not_permitted},
       {h.path("Documents"), Status::refused, std::errc::operation_not_permitted},
       {h.path("Library/Caches/x/"), Status::failed, std::errc::invalid_argument},

@@ -25,12 +25,11 @@ std::string golden(const std::string& name) {
 Paths fixedHome(Layout layout) { return Paths("/home/kestrel-golden", layout); }
 
 TEST(ServiceManager, FilesMatchTheGoldenCopies) {
-  struct Case {
+  const struct Case {
     Layout layout;
     BackgroundAgent agent;
     std::vector<std::pair<std::string, std::string>> files;  // file name, golden copy
-  };
-  const Case cases[] = {
+  } cases[] = {
       {Layout::macos, BackgroundAgent::scheduler, {{"com.orvo.kestrel.agent.plist", "scheduler.plist"}}},
       {Layout::macos, BackgroundAgent::shredder, {{"com.orvo.kestrel.agent.shredder.plist", "shredder.plist"}}},
       {Layout::linux, BackgroundAgent::scheduler,
