@@ -1,4 +1,5 @@
-// Everyday scanners: each filter at its boundary, the texts of every item, odd names and links.
+// Everyday scanners: each filter at its boundary, dates and order of items, ages past the clock,
+// backup names, odd names and links.
 #include "core/scan/scanners/Scanners.h"
 
 #include "tests/support/ScratchHome.h"

@@ -1,6 +1,7 @@
-// Scheduled ticks in process against a scratch home, with fake tools first on PATH and a fixed
-// system state: rules run and are recorded, the lock keeps a second tick out, expired quarantine
-// goes, the disk-full warning keeps its distance and new background items are told once.
+// Scheduled ticks in process against a scratch home at a fixed now, with fake tools first on PATH
+// and a fixed system state: rules run and are recorded, the lock keeps a second tick out, damaged
+// settings run no removal, expired quarantine goes, the disk-full warning keeps its distance and
+// new background items are told once.
 #include "core/schedule/ScheduledRunner.h"
 
 #include "core/clean/Quarantine.h"
