@@ -46,7 +46,8 @@ TEST(HostBinary, AgentsInstalledFromAFolderHoldingADollarRunThatAgent) {
   if (!Shell::which("systemd-analyze")) return;
   const fs::path runtime = h.outside("runtime");
   const auto verify = Shell::run("env", {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "verify", "--user",
-                                         (units / "com.orvo.kestrel.agent.shredder.service").string()}, 60);
+                                         (units / "com.orvo.kestrel.agent.shredder.service").string(),
+                                         (units / "com.orvo.kestrel.agent.service").string()}, 60);
   EXPECT_TRUE(verify.ok()) << verify.stderr;
   EXPECT_EQ(verify.stderr, "");
 }
