@@ -15,9 +15,11 @@ struct Run {
   std::string out;
 };
 
-inline Run run(const ScratchHome& h, std::vector<std::string> args) {
+// The clock stands at kTestNow unless `services` brings one of its own.
+inline Run run(const ScratchHome& h, std::vector<std::string> args, Services services = {}) {
+  if (!services.now) services.now = [] { return kTestNow; };
   std::ostringstream out;
-  const int status = agent::runAgent(std::move(args), h.paths(), out);
+  const int status = agent::runAgent(std::move(args), h.paths(), out, services);
   return {status, out.str()};
 }
 

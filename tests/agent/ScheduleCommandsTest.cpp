@@ -1,9 +1,8 @@
 // The schedule commands in process, with a fixed clock and a fixed system state: "rules" prints
 // its exact lines, "run-rule" finds rules by id or by name ignoring case.
-#include "agent/Dispatcher.h"
+#include "tests/agent/RunInProcess.h"
 #include "core/store/RuleStore.h"
 #include "tests/support/FakeTools.h"
-#include "tests/support/ScratchHome.h"
 
 #include <gtest/gtest.h>
 
@@ -17,19 +16,12 @@ using test::ScratchHome;
 
 const Date kNow = *Dates::parseISO8601("2026-03-10T12:00:00Z");
 
-struct Outcome {
-  int status;
-  std::string out;
-};
-
-Outcome runWith(const ScratchHome& h, std::vector<std::string> args, SystemState state) {
+test::Run runWith(const ScratchHome& h, std::vector<std::string> args, SystemState state) {
   Services services;
   services.now = [] { return kNow; };
   services.probe = [state](const Paths&) { return state; };
   services.notify = [](const std::string&, const std::string&) {};
-  std::ostringstream out;
-  const int status = agent::runAgent(std::move(args), h.paths(), out, services);
-  return {status, out.str()};
+  return test::run(h, std::move(args), services);
 }
 
 // Log lines without their time stamps.

@@ -25,13 +25,9 @@ TEST(ShredderCommands, WatchExitsWhenOffAndNowSweepsWhateverTheSwitches) {
   s.enabled = true;
   s.settleSeconds = 0;
   ShredderStore(h.paths()).save(s);
-  const Date now = std::chrono::system_clock::now();
-  h.file("Downloads/a.zip", 6000);
-  h.age("Downloads/a.zip", 2, now);
-  h.file("Downloads/a (1).zip", 6000);
-  h.age("Downloads/a (1).zip", 1, now);
-  h.file("Downloads/setup.dmg", 7000);
-  h.age("Downloads/setup.dmg", 30, now);
+  h.aged("Downloads/a.zip", 6000, 2, kTestNow);
+  h.aged("Downloads/a (1).zip", 6000, 1, kTestNow);
+  h.aged("Downloads/setup.dmg", 7000, 30, kTestNow);
   // Damaged settings lack the user's protected paths: nothing is disposed of on the defaults.
   h.text("Library/Application Support/orvo Kestrel/config.json", "{\"protectedPaths\": [");
   for (const char* command : {"shred-now", "shred-watch"}) {

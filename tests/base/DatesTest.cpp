@@ -34,11 +34,10 @@ TEST(Dates, WholeSecondTextsAndReferenceSeconds) {
 
 TEST(Dates, ParsesIso8601AsTheStoresDo) {
   constexpr int64_t t = k20260301T093000;
-  struct Case {
+  const struct Case {
     const char* text;
     std::optional<int64_t> unix;
-  };
-  const Case cases[] = {
+  } cases[] = {
       // Zones in every form the stores accept.
       {"2026-03-01T09:30:00Z", t}, {"2026-03-01T09:30:00z", t}, {"2026-03-01T10:30:00+01:00", t},
       {"2026-03-01T10:30:00+0100", t}, {"2026-03-01T10:30:00+01", t},
@@ -64,14 +63,13 @@ TEST(Dates, ParsesIso8601AsTheStoresDo) {
 }
 
 TEST(Dates, LocalPatternsFollowTheZone) {
-  struct Case {
+  const struct Case {
     int64_t unix;
     int64_t millis;
     const char* zone;
     const char* stamp;
     const char* day;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {k20260301T093000, 0, "UTC", "20260301-093000", "2026-03-01"},
       {k20260301T093000, 0, "Europe/Berlin", "20260301-103000", "2026-03-01"},
       {k20260301T093000, 0, "America/New_York", "20260301-043000", "2026-03-01"},

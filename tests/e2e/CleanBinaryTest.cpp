@@ -26,26 +26,14 @@ TEST(CleanBinary, DryRunThenCleanThenUndoKeepTheExactNames) {
   const std::string badPath = h.path(bad).string(), ordinaryPath = h.path(ordinary).string();
   const std::string size = ByteFormat::string(FS::allocatedSize(badPath) + FS::allocatedSize(ordinaryPath));
 
-  // scan --json: valid UTF-8; the id and path keep the byte, the title shows U+FFFD.
+  // scan --json: valid UTF-8; the id keeps the byte, the title shows U+FFFD.
   const auto scan = runAgentBinary(h, {"scan", "--json"});
   ASSERT_EQ(scan.status, 0) << scan.err;
   EXPECT_TRUE(Utf8::isValid(scan.out));
-  EXPECT_NE(scan.out.find(R"(Caches\/bad\udcff")"), std::string::npos) << scan.out;
-  const auto items = JsonText::parse(scan.out);
-  ASSERT_TRUE(items && items->is_array());
-  std::set<std::string> ids;
-  for (const auto& item : *items) {
-    ids.insert(item.at("id").get<std::string>());
-    if (item.at("id") == badPath) {
-      EXPECT_EQ(item.at("target").at("path").at("_0").get<std::string>(), badPath);
-      EXPECT_EQ(item.at("title").get<std::string>(), "bad\xEF\xBF\xBD");
-    }
-  }
-  EXPECT_EQ(ids, (std::set<std::string>{badPath, ordinaryPath}));
+  EXPECT_NE(scan.out.find(R"("id" : ")" + JsonText::compact(Json(badPath)).substr(1)), std::string::npos) << scan.out;
+  EXPECT_NE(scan.out.find("\"title\" : \"bad\xEF\xBF\xBD\""), std::string::npos) << scan.out;
 
-  const auto dry = runAgentBinary(h, {"clean", "--category", "userCaches", "--dry-run"});
-  EXPECT_EQ(dry.status, 0);
-  EXPECT_NE(dry.out.find(" to quarantine"), std::string::npos) << dry.out;
+  EXPECT_EQ(runAgentBinary(h, {"clean", "--category", "userCaches", "--dry-run"}).out, size + " to quarantine\n");
   EXPECT_TRUE(fs::exists(h.path(bad + "/blob")));
 
   // clean → quarantine list → restore: both back, byte-identical.
@@ -60,10 +48,7 @@ TEST(CleanBinary, DryRunThenCleanThenUndoKeepTheExactNames) {
   const std::string id = list.out.substr(0, list.out.find('\t'));
   const auto restore = runAgentBinary(h, {"quarantine", "restore", id});
   EXPECT_EQ(restore.out, "Restored.\n") << restore.err;
-  for (const auto& rel : {bad, ordinary}) {
-    SCOPED_TRACE(rel);
-    EXPECT_EQ(readText(h.path(rel + "/blob")), std::string(70000, 'x'));
-  }
+  for (const auto& rel : {bad, ordinary}) EXPECT_EQ(readText(h.path(rel + "/blob")), std::string(70000, 'x')) << rel;
 }
 
 // A broken or hostile container engine reports sizes no disk holds: shown as unknown, never claimed.

@@ -19,13 +19,10 @@ using test::ScratchHome;
 
 TEST(HostBinary, AddedRuleIsListedByTheAgent) {
   ScratchHome h;
-  const auto added = test::runHostBinary(
-      h, {"rules", "add", "Nightly logs", "--daily", "02:30", "--categories", "logs,crashReports"});
+  const auto added = test::runHostBinary(h, {"rules", "add", "Nightly logs", "--daily", "02:30", "--categories", "logs"});
   ASSERT_EQ(added.status, 0) << added.err;
   const auto rules = test::runAgentBinary(h, {"rules"});
-  EXPECT_NE(rules.out.find("\u25CF Nightly logs \u2014 Every day at 02:30 \u2014 last: never"),
-            std::string::npos)
-      << rules.out;
+  EXPECT_NE(rules.out.find("\u25CF Nightly logs \u2014 Every day at 02:30 \u2014 last: never"), std::string::npos) << rules.out;
   EXPECT_NE(rules.out.find("Weekly deep clean"), std::string::npos);  // the shipped rules stay
 }
 
@@ -50,8 +47,7 @@ TEST(HostBinary, AgentsInstalledFromAFolderHoldingADollarRunThatAgent) {
   const fs::path runtime = h.outside("runtime");
   const auto verify = Shell::run("env", {"XDG_RUNTIME_DIR=" + runtime.string(), "systemd-analyze", "verify", "--user",
                                          (units / "com.orvo.kestrel.agent.shredder.service").string(),
-                                         (units / "com.orvo.kestrel.agent.service").string()},
-                                 60);
+                                         (units / "com.orvo.kestrel.agent.service").string()}, 60);
   EXPECT_TRUE(verify.ok()) << verify.stderr;
   EXPECT_EQ(verify.stderr, "");
 }
@@ -66,12 +62,7 @@ TEST(HostBinary, QueuedAdministratorRemovalsOutliveTheirProcess) {
   std::ofstream(two) << "data";
   // Queued by this process (a clean defers them so: see the Cleaner tests), run by another.
   auto item = [](const fs::path& p, int64_t size) {
-    ScanItem i;
-    i.id = p.string();
-    i.target = ItemTarget::forAdminPath(p.string());
-    i.size = size;
-    i.category = CleanCategory::logs;
-    return i;
+    return ScanItem{p.string(), "", ItemTarget::forAdminPath(p.string()), size, CleanCategory::logs, Risk::safe, "", {}};
   };
   AdminQueue(h.paths()).enqueue({item(one, 100), item(two, 50)});
   ASSERT_EQ(AdminQueue(h.paths()).count(), 2u);

@@ -1,6 +1,7 @@
 // End to end: stores that are not files, too few descriptors and bind mounts never make a command
 // hang, offer what may be in use, or remove anything outside the folder it was given.
 #include "tests/e2e/RunAgent.h"
+#include "tests/support/ScratchVolume.h"
 
 #include "core/system/Shell.h"
 
@@ -153,12 +154,8 @@ TEST(HostileFilesBinary, APurgeThatStopsAtAMountKeepsTheManifest) {
 TEST(HostileFilesBinary, OnlyTheUsersOwnTrashFoldersOnAVolumeAreListed) {
   ScratchHome h;
   const fs::path volume = h.outside("usb");
-  if (::geteuid() != 0 || Shell::run("mount", {"-t", "tmpfs", "-o", "size=4m", "tmpfs", volume.string()}, 10).status != 0)
-    GTEST_SKIP() << "needs root to mount a scratch volume and give folders to another user";
-  struct Unmount {
-    fs::path at;
-    ~Unmount() { Shell::run("umount", {at.string()}, 10); }
-  } unmount{volume};
+  const ScratchVolume mounted(volume);
+  if (!mounted.mounted()) GTEST_SKIP() << "needs root to mount a scratch volume and give folders to another user";
   const std::string uid = std::to_string(::getuid());
   const fs::path own = volume / (".Trash-" + uid), shared = volume / ".Trash";
   auto folder = [](const fs::path& p, mode_t mode = 0700) {

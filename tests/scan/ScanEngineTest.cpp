@@ -80,10 +80,7 @@ TEST(ScanEngineDedupe, OwnershipAncestorsAndPolicy) {
         {C::userCaches, {pathItem(a, C::userCaches)}, {}}},
        {{C::userCaches, {a}}, {C::docker, {"img", "img"}}, {C::cloudLocalCopies, {"e"}}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(idsByCategory(dedupe(c.in, policy)), c.kept);
-  }
+  for (const auto& c : cases) EXPECT_EQ(idsByCategory(dedupe(c.in, policy)), c.kept) << c.name;
 }
 
 TEST(ScanEngineDedupe, SortsItemsBySizeStablyAndResultsByCategory) {
@@ -108,22 +105,6 @@ TEST(ScanEngineDedupe, SortsItemsBySizeStablyAndResultsByCategory) {
   std::vector<std::string> ids;
   for (const auto& i : out[1].items) ids.push_back(i.id);
   EXPECT_EQ(ids, (std::vector<std::string>{home + "/p2", home + "/p4", home + "/p1", home + "/p3"}));
-}
-
-TEST(ScanEngineDedupe, ClaimRanks) {
-  struct Case {
-    CleanCategory c;
-    int rank;
-  };
-  const Case cases[] = {{CleanCategory::userCaches, 1},     {CleanCategory::mailDownloads, 1},
-                        {CleanCategory::iosBackups, 2},     {CleanCategory::largeOldFiles, 2},
-                        {CleanCategory::xcode, 3},          {CleanCategory::docker, 3},
-                        {CleanCategory::duplicates, 4},     {CleanCategory::cloudLocalCopies, 4},
-                        {CleanCategory::securityThreats, 5}, {CleanCategory::orphanedLeftovers, 5}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(rawValue(c.c)));
-    EXPECT_EQ(claimRank(c.c), c.rank);
-  }
 }
 
 // A scanner of the test's own: returns fixed items after reporting progress many times.
@@ -164,12 +145,10 @@ TEST(ScanEngine, RunsEveryScannerOnItsOwnThreadAndJoinsThem) {
         statuses.insert(c);
       });
   ASSERT_EQ(results.size(), 3u);
-  EXPECT_EQ(results[0].category, C::logs);
-  EXPECT_EQ(results[1].category, C::xcode);
-  EXPECT_EQ(results[2].category, C::duplicates);
-  EXPECT_TRUE(results[1].items.empty());
+  EXPECT_EQ(idsByCategory(results), (std::map<CleanCategory, std::vector<std::string>>{{C::logs, {home + "/l"}},
+                                                                                     {C::duplicates, {home + "/d"}}}));
+  EXPECT_EQ(results[1].category, C::xcode);  // the broken scanner's result is empty, in its place
   EXPECT_FALSE(results[1].error);
-  EXPECT_EQ(results[0].items.size(), 1u);
   EXPECT_EQ(statuses, (std::multiset<CleanCategory>{C::logs, C::xcode, C::duplicates}));
   // 600 reports from three threads in a few milliseconds: the shared 0.09 s throttle lets through
   // only a handful (under ThreadSanitizer this also checks its locking).
@@ -193,14 +172,11 @@ TEST(ScanEngine, RealScannersOnAnEmptyHome) {
   EXPECT_TRUE(engine.scan({}).empty());
   std::set<CleanCategory> all(allCategories().begin(), allCategories().end());
   const auto results = engine.scan(all);
-  // One result per category that has a scanner, none for the others, all empty here.
+  // One result per category that has a scanner, none for the others, all empty here, in order.
   ASSERT_EQ(results.size(), ScannerRegistry::scannable().size());
-  EXPECT_EQ(results.size(), 15u);
   for (size_t i = 0; i < results.size(); ++i) {
     EXPECT_TRUE(results[i].items.empty());
-    if (i > 0) {
-      EXPECT_LT(position(results[i - 1].category), position(results[i].category));
-    }
+    EXPECT_TRUE(i == 0 || position(results[i - 1].category) < position(results[i].category));
   }
   EXPECT_EQ(ScannerRegistry::scanners({CleanCategory::largeOldFiles, CleanCategory::duplicates}).size(), 0u);
 }
@@ -209,26 +185,23 @@ TEST(ScanEngineThrottle, AdmitsOneEventPerInterval) {
   using Clock = Throttle::Clock;
   Clock::time_point now{};
   Throttle throttle(0.09, [&] { return now; });
-  struct Case {
+  const struct Case {
     double at;
     bool admitted;
-  };
-  const Case cases[] = {{0.0, true}, {0.05, false}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
+  } cases[] = {{0.0, true}, {0.0899, false}, {0.09, true}, {0.10, false}, {0.2, true}};
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.at);
     now = Clock::time_point{} + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(c.at));
-    EXPECT_EQ(throttle.allow(), c.admitted);
+    EXPECT_EQ(throttle.allow(), c.admitted) << c.at;
   }
 }
 
 TEST(ScanEngineContext, AgesAndDays) {
   ScanContext context{Paths("/h"), AppConfig{}, Dates::fromUnixSeconds(1'000'000)};
   context.config.minItemAgeHours = 1;
-  struct Case {
+  const struct Case {
     std::optional<int64_t> modifiedSecondsAgo;
     bool oldEnough;
-  };
-  const Case cases[] = {{std::nullopt, true}, {3600, true}, {3599, false}, {0, false}, {-60, false}};
+  } cases[] = {{std::nullopt, true}, {3600, true}, {3599, false}, {0, false}, {-60, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.modifiedSecondsAgo ? *c.modifiedSecondsAgo : -1);
     std::optional<Date> modified;

@@ -22,7 +22,7 @@ constexpr const char* kDevC = "1A2B3C4D-0000-4000-8000-00000000000C";
 
 // Items by home-relative id (command items by their own id) with their risk.
 std::map<std::string, Risk> scan(CleanCategory category, const ScratchHome& h, Layout layout, const Services& s = {}) {
-  ScanContext context{Paths(h.home(), layout), AppConfig{}, std::chrono::system_clock::now()};
+  ScanContext context{Paths(h.home(), layout), AppConfig{}, test::kTestNow};
   context.services = s;
   auto scanners = ScannerRegistry::scanners({category});
   std::map<std::string, Risk> out;
@@ -33,11 +33,7 @@ std::map<std::string, Risk> scan(CleanCategory category, const ScratchHome& h, L
   return out;
 }
 
-void aged(ScratchHome& h, const std::string& rel, int64_t bytes, double days) {
-  h.file(rel, bytes);
-  const Date now = std::chrono::system_clock::now();
-  for (fs::path p(rel); !p.empty(); p = p.parent_path()) h.age(p.string(), days, now);
-}
+void aged(ScratchHome& h, const std::string& rel, int64_t bytes, double days) { h.aged(rel, bytes, days, test::kTestNow); }
 
 TEST(XcodeScanner, BuildDataOldArchivesOlderSymbolsAndTheCache) {
   ScratchHome h;
@@ -73,12 +69,11 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
                               R"({"udid":")" + kDevB + R"(","isAvailable":false,"name":"iPad"},)" +
                               R"({"udid":"../../../Documents","isAvailable":false},)" +
                               R"({"udid":")" + kDevC + R"(","isAvailable":true}]}})";
-  struct Case {
+  const struct Case {
     const char* name;
     std::string out;  // of `xcrun simctl list devices unavailable --json`; empty: xcrun fails
     int64_t size;     // of the command item; -1: none
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"two unavailable devices, one without a folder", listing, 3 * 4096},
       {"none unavailable", R"({"devices":{}})", -1},
       {"xcrun fails", "", -1},
@@ -98,7 +93,7 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
     aged(h, devices + kDevA + "/device.plist", 4096, 5);
     aged(h, "Library/Developer/CoreSimulator/Caches/dyld/x", 4096, 3);
 
-    ScanContext context{Paths(h.home(), Layout::macos), AppConfig{}, std::chrono::system_clock::now()};
+    ScanContext context{Paths(h.home(), Layout::macos), AppConfig{}, test::kTestNow};
     const auto items = SimulatorsScanner().scan(context);
     std::map<std::string, int64_t> sizes;
     for (const auto& i : items) sizes[i.id] = i.size;
@@ -113,7 +108,7 @@ TEST(SimulatorsScanner, UnavailableDevicesThroughSimctlAndTheCaches) {
     EXPECT_EQ(sizes, expected);
     EXPECT_EQ(tools.calls("xcrun"), (std::vector<std::vector<std::string>>{
                                         {"simctl", "list", "devices", "unavailable", "--json"}}));
-    ScanContext linuxHome{Paths(h.home(), Layout::linux), AppConfig{}, std::chrono::system_clock::now()};
+    ScanContext linuxHome{Paths(h.home(), Layout::linux), AppConfig{}, test::kTestNow};
     EXPECT_TRUE(SimulatorsScanner().scan(linuxHome).empty());
   }
 }

@@ -21,11 +21,10 @@ namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
 TEST(PersistenceTest, CommandWords) {
-  struct Case {
+  const struct Case {
     const char* value;
     Words words;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"/usr/bin/app --flag", {"/usr/bin/app", "--flag"}},
       {"-/usr/bin/app", {"/usr/bin/app"}},
       {"@/usr/bin/real argv0 x", {"/usr/bin/real", "argv0", "x"}},
@@ -34,18 +33,14 @@ TEST(PersistenceTest, CommandWords) {
       {"\"\" empty", {"", "empty"}},
       {"", {}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.value);
-    EXPECT_EQ(PersistenceInspector::commandWords(c.value), c.words);
-  }
+  for (const auto& c : cases) EXPECT_EQ(PersistenceInspector::commandWords(c.value), c.words) << c.value;
 }
 
 TEST(PersistenceTest, CrontabLines) {
-  struct Case {
+  const struct Case {
     const char* line;
     std::optional<std::string> label, program;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"*/5 * * * * /home/me/bin/sync --all > /dev/null 2>&1", "/home/me/bin/sync --all > /dev/null 2>&1", "/home/me/bin/sync"},
       {"@reboot /tmp/.x/run", "/tmp/.x/run", "/tmp/.x/run"},
       {"0 3 * * 1\tbackup.sh;echo done", "backup.sh;echo done", "backup.sh"},
@@ -120,47 +115,29 @@ TEST(PersistenceTest, LinuxScan) {
          " {\"id\": \"builtin@mozilla.org\", \"type\": \"extension\", \"location\": \"app-builtin\"}]}");
 
   const auto items = PersistenceInspector::scan(Paths(h.home(), Layout::linux), false, {}, sys);
-  const std::string home = h.home().string();
   const auto s = summary(items, h.home());
   using T = std::tuple<std::string, std::string, std::string, Words>;
+  const std::string ext = (h.home() / ".config/google-chrome/Default/Extensions/").string();
+  const Words missingInTmp = {"Program is missing", "Runs from a temporary folder"};
   std::map<std::string, T> expected = {
-      {"userUnit:~/.config/systemd/user/agent.service",
-       T{"Systemd Unit (you)", "My agent", ok.string(), {}}},
-      {"userUnit:~/.config/systemd/user/default.target.wants/sync.service",
-       T{"Systemd Unit (you)", "Sync", ok.string(), {}}},
+      {"userUnit:~/.config/systemd/user/agent.service", T{"Systemd Unit (you)", "My agent", ok.string(), {}}},
+      {"userUnit:~/.config/systemd/user/default.target.wants/sync.service", T{"Systemd Unit (you)", "Sync", ok.string(), {}}},
       {"userUnit:~/.config/systemd/user/open.service",
        T{"Systemd Unit (you)", "open.service", open.string(), {"Program is writable by others"}}},
       {"autostartEntry:~/.config/autostart/hidden.desktop",
-       T{"Autostart Entry",
-         "Hidden helper",
-         hidden.string(),
-         {"Program is hidden (its name starts with a dot)"}}},
+       T{"Autostart Entry", "Hidden helper", hidden.string(), {"Program is hidden (its name starts with a dot)"}}},
       {"sharedUserUnit:" + (sys / "etc/systemd/user/shared.service").string(),
        T{"Systemd Unit (all users)", "Shared", ok.string(), {}}},
       {"systemService:" + (sys / "etc/systemd/system/miner.service").string(),
-       T{"Systemd Service (root)",
-         "miner.service",
-         (sys / "var/tmp/miner").string(),
-         {"Program is missing", "Runs from a temporary folder"}}},
+       T{"Systemd Service (root)", "miner.service", (sys / "var/tmp/miner").string(), missingInTmp}},
       {"browserExtension:~/.config/google-chrome/Default/Extensions/abcdefgh",
-       T{"Browser Extension",
-         "abcdefgh",
-         (h.home() / ".config/google-chrome/Default/Extensions/abcdefgh").string(),
-         {}}},
+       T{"Browser Extension", "abcdefgh", ext + "abcdefgh", {}}},
       {"browserExtension:~/.config/google-chrome/Default/Extensions/ijklmnop",
-       T{"Browser Extension",
-         "Notes",
-         (h.home() / ".config/google-chrome/Default/Extensions/ijklmnop").string(),
-         {}}},
+       T{"Browser Extension", "Notes", ext + "ijklmnop", {}}},
       {"browserExtension:~/.mozilla/firefox/x1.default/extensions/blocker@example.org.xpi",
        T{"Browser Extension", "Blocker", "/p/blocker.xpi", {}}},
-      {"cronJob:30 2 * * * \"~/bin/agent\" --nightly",
-       T{"Cron Job", "\"" + ok.string() + "\" --nightly", ok.string(), {}}},
-      {"cronJob:@reboot \"" + helper + "\"",
-       T{"Cron Job",
-         "\"" + helper + "\"",
-         helper,
-         {"Program is missing", "Runs from a temporary folder"}}},
+      {"cronJob:30 2 * * * \"~/bin/agent\" --nightly", T{"Cron Job", "\"" + ok.string() + "\" --nightly", ok.string(), {}}},
+      {"cronJob:@reboot \"" + helper + "\"", T{"Cron Job", "\"" + helper + "\"", helper, missingInTmp}},
   };
   // Scratch paths may hold the home's path inside the system folder's; compare by what matters.
   for (const auto& [id, v] : s) EXPECT_TRUE(expected.count(id)) << id;

@@ -1,19 +1,20 @@
-// Audit log: record forms, appends (torn tails, several processes, odd files), tolerant reads,
-// lifetime total.
-#include <fcntl.h>
+// Audit log and the JSON lines under it: record forms, appends (torn tails, several processes,
+// odd files), tolerant reads both ways, lifetime total.
+#include "core/base/UniqueFd.h"
+#include "core/store/AuditLog.h"
+#include "core/store/JSONStore.h"
+#include "core/store/JsonLines.h"
+#include "tests/support/Processes.h"
+#include "tests/support/ScratchHome.h"
+
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
-
-#include "core/store/AuditLog.h"
-#include "core/store/JSONStore.h"
-#include "core/base/UniqueFd.h"
-#include "tests/support/Processes.h"
-#include "tests/support/ScratchHome.h"
 
 namespace kestrel {
 namespace {
@@ -40,36 +41,19 @@ std::vector<std::string> lines(const std::string& text) {
   return out;
 }
 
-TEST(AuditEntry, GoldenTextsAndRoundTrips) {
-  struct Case {
-    AuditEntry e;
-    const char* json;
-  };
-  AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete",
-                  "/Users/me/Library/Caches/é x", 4096, CleanCategory::logs,
-                  TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
-  AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt,
-                  TriggerSource::manual(), true, std::nullopt};
-  const Case cases[] = {
-      {full,
-       R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")"
-       "E621E1F8-C36C-495A-93FC-0C247A3E6E5F"
-       R"(","message":"Permission denied","size":4096,"success":false,)"
-       R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})"},
-      {bare,
-       R"({"action":"purge","date":"2026-03-01T09:30:00Z","id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F",)"
-       R"("size":10,"success":true,"target":"expired quarantine","trigger":{"manual":{}}})"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.json);
-    const std::string text = JsonText::compact(toJson(c.e));
-    EXPECT_EQ(text, c.json);
-    auto back = decodeAuditLine(text);
-    ASSERT_TRUE(back);
-    AuditEntry expected = c.e;
-    expected.date = kNow;  // whole seconds on disk
-    EXPECT_EQ(*back, expected);
-  }
+TEST(AuditEntry, LineFormAndRoundTrips) {
+  const AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete", "/Users/me/Library/Caches/é x", 4096,
+                        CleanCategory::logs, TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
+  const std::string text = JsonText::compact(toJson(full));
+  EXPECT_EQ(text, R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")" + std::string(kId) +
+                      R"(","message":"Permission denied","size":4096,"success":false,)"
+                      R"("target":"\/Users\/me\/Library\/Caches\/é x","trigger":{"schedule":{"ruleName":"Weekly deep clean"}}})");
+  AuditEntry expected = full;
+  expected.date = kNow;  // whole seconds on disk
+  EXPECT_EQ(decodeAuditLine(text), expected);
+  const AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt, TriggerSource::manual(), true,
+                        std::nullopt};
+  EXPECT_EQ(decodeAuditLine(JsonText::compact(toJson(bare))), bare);
 }
 
 TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
@@ -81,11 +65,9 @@ TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
   EXPECT_EQ(lines(test::readText(log.url())).size(), 2u);
   EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all),
             fs::perms::owner_read | fs::perms::owner_write);
-  auto recent = log.recent(10);
-  ASSERT_EQ(recent.size(), 2u);
-  EXPECT_EQ(recent[0].action, "trash");  // newest first
-  EXPECT_EQ(log.recent(1).size(), 1u);
-  EXPECT_EQ(log.recent(1)[0].action, "trash");
+  EXPECT_EQ(log.recent(10).size(), 2u);
+  ASSERT_EQ(log.recent(1).size(), 1u);
+  EXPECT_EQ(log.recent(1)[0].action, "trash");  // newest first
   EXPECT_TRUE(log.recent(0).empty());
 }
 
@@ -111,20 +93,17 @@ TEST(AuditLog, ReadsPastDamageAndOverlongLinesAndNeverGluesOntoATornLine) {
 }
 
 TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
-  struct Case {
+  const struct Case {
     const char* what;
     std::vector<AuditEntry> entries;
     int64_t expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"the four counted actions",
        {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
        1111},
-      {"quarantine and restore do not count",
-       {entry("quarantine", 5), entry("restore", 5), entry("delete", 1)},
+      {"quarantine, restore, failures and other cases do not count",
+       {entry("quarantine", 5), entry("restore", 5), entry("delete", 50, false), entry("Delete", 50), entry("delete", 1)},
        1},
-      {"failed delete does not count", {entry("delete", 50, false), entry("delete", 2)}, 2},
-      {"case-sensitive", {entry("Delete", 50), entry("TRASH", 50)}, 0},
       {"negative sizes are summed as given", {entry("delete", -5), entry("delete", 8)}, 3},
       {"an overflowing record is skipped",
        {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)},
@@ -152,34 +131,25 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   };
   const std::string cases[] = {
       base,
-      with("\"size\":7", "\"size\":7.0"),
       with("\"size\":7", "\"size\":7.5"),
       with("\"size\":7", "\"size\":07"),
       with("\"size\":7", "\"size\":1e3"),
       with("\"size\":7", "\"size\":99999999999999999999"),
-      with("\"size\":7", "\"size\":\"7\""),
       with("\"action\":\"delete\"", "\"action\":\"del\\u0065te\""),
       with("\"action\":\"delete\"", "\"action\":\"delete\",\"action\":\"restore\""),
       with("\"target\":\"\\/x\"", "\"target\":\"caf\xC3\xA9 \\\"q\\\"\""),
       with("\"target\":\"\\/x\"", "\"target\":\"bad \xC3\x28 utf8\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"bad \\udcff\""),
       with("\"target\":\"\\/x\"", "\"target\":\"bad \\udc7f\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"bad \\ud800\""),
       with("\"target\":\"\\/x\"", "\"target\":\"ctl \x01\""),
-      with("\"target\":\"\\/x\"", "\"target\":\"esc \\q\""),
       with("\"target\":\"\\/x\"", "\"target\":null"),
       with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"manual\":{},\"x\":{}}"),
       with("\"trigger\":{\"manual\":{}}", "\"trigger\": { \"manual\" : { } }"),
-      with("\"trigger\":{\"manual\":{}}", "\"trigger\":{\"uninstall\":{\"appName\":\"A\"}}"),
       with("\"id\":\"E621", "\"id\":\"X621"),
       with("\"date\":\"2026-03-01T09:30:00Z\"", "\"date\":\"2026-03-01 09:30\""),
       with("\"success\":true", "\"success\":1"),
       with(",\"success\":true", ""),
-      with("\"success\":true", "\"success\":true,\"category\":\"logs\""),
       with("\"success\":true", "\"success\":true,\"category\":\"nonsense\""),
-      with("\"success\":true", "\"success\":true,\"category\":null"),
       with("\"success\":true", "\"success\":true,\"message\":null,\"extra\":[1,2]"),
-      base + " ",
       base + "x",
       " " + base,
   };
@@ -196,11 +166,10 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
 
 TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
   enum class Put { linkToFile, fifo, fifoWithReader, linkToFifo, folder, danglingLink };
-  struct Case {
+  const struct Case {
     const char* what;
     Put put;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"a link to a file elsewhere", Put::linkToFile}, {"a FIFO", Put::fifo},
       {"a FIFO someone reads", Put::fifoWithReader}, {"a link to a FIFO", Put::linkToFifo},
       {"a folder", Put::folder}, {"a link that leads nowhere", Put::danglingLink},
@@ -301,6 +270,62 @@ TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
   EXPECT_EQ(decodable, static_cast<size_t>(kProcesses * kRecords));
   EXPECT_EQ(log.lifetimeFreed(), kProcesses * kRecords);
   EXPECT_EQ(log.recent(100000).size(), static_cast<size_t>(kProcesses * kRecords));
+}
+
+TEST(JsonLines, TakesAndSkipsTheSameLinesBothWays) {
+  const std::string tooLong(JsonLines::kMaxLine + 1, 'x');
+  struct Case {
+    std::string name, text;
+    std::vector<std::string> forward;  // taken lines, oldest first
+    size_t skipped;
+  };
+  const std::vector<Case> cases = {
+      {"empty file", "", {}, 0},
+      {"blank lines are neither", "\n  \n\t\r\n", {}, 0},
+      {"plain records", "a\nb\n", {"a", "b"}, 0},
+      {"torn last line still offered", "a\nb", {"a", "b"}, 0},
+      {"rejected line counted", "a\nbad\nb\n", {"a", "b"}, 1},
+      {"overlong line counted, never offered", "a\n" + tooLong + "\nb\n", {"a", "b"}, 1},
+      {"overlong last line", "a\n" + tooLong, {"a"}, 1},
+      {"overlong first line", tooLong + "\na\n", {"a"}, 1},
+  };
+  test::ScratchHome h;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto file = h.path("lines.jsonl");
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << c.text;
+    const JsonLines lines(file);
+    auto take = [](std::vector<std::string>& into) {
+      return [&into](std::string_view l) {
+        EXPECT_LE(l.size(), JsonLines::kMaxLine);
+        if (l == "bad") return false;
+        into.emplace_back(l);
+        return true;
+      };
+    };
+    std::vector<std::string> forward, backward;
+    const auto f = lines.readAll(take(forward));
+    const auto b = lines.readNewestFirst(100, take(backward));
+    EXPECT_EQ(forward, c.forward);
+    EXPECT_EQ(std::vector<std::string>(backward.rbegin(), backward.rend()), c.forward);
+    EXPECT_EQ(f.taken, c.forward.size());
+    EXPECT_EQ(f.skipped, c.skipped);
+    EXPECT_EQ(b.skipped, c.skipped);
+  }
+}
+
+TEST(JsonLines, NewestFirstStopsAtTheLimitAndMissingFileReadsNothing) {
+  test::ScratchHome h;
+  const JsonLines lines(h.path("sub/lines.jsonl"));
+  EXPECT_EQ(lines.readAll([](std::string_view) { return true; }).taken, 0u);
+  ASSERT_TRUE(lines.append({"1", "2", "3", "4"}, false));
+  std::vector<std::string> seen;
+  const auto count = lines.readNewestFirst(2, [&](std::string_view l) {
+    seen.emplace_back(l);
+    return true;
+  });
+  EXPECT_EQ(seen, (std::vector<std::string>{"4", "3"}));
+  EXPECT_EQ(count.taken, 2u);
 }
 
 }  // namespace

@@ -133,6 +133,12 @@ void ScratchHome::age(std::string_view rel, double days, Date now) {
     throw std::runtime_error("cannot set times of " + p.string());
 }
 
+fs::path ScratchHome::aged(std::string_view rel, int64_t bytes, double days, Date now) {
+  const fs::path p = file(rel, bytes);
+  for (fs::path r(rel); !r.empty(); r = r.parent_path()) age(r.string(), days, now);
+  return p;
+}
+
 fs::path ScratchHome::outside(std::string_view rel) {
   const fs::path p = root_ / "outside" / fs::path(rel);
   fs::create_directories(p);
@@ -162,6 +168,20 @@ std::string readText(const fs::path& p) {
 bool disown(const fs::path& p) {
   // Only root can give a file away; other runs skip what needs it.
   return ::geteuid() == 0 && ::lchown(p.c_str(), 65534, 65534) == 0;
+}
+
+std::map<std::string, std::string> treeListing(const fs::path& root) {
+  std::map<std::string, std::string> out;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(root, ec); !ec && it != fs::recursive_directory_iterator();
+       it.increment(ec)) {
+    struct stat st;
+    if (::lstat(it->path().c_str(), &st) != 0) continue;
+    out[fs::relative(it->path(), root).string()] = std::to_string(st.st_mode) + ' ' + std::to_string(st.st_size) +
+                                                   ' ' + std::to_string(st.st_mtim.tv_sec) + '.' +
+                                                   std::to_string(st.st_mtim.tv_nsec);
+  }
+  return out;
 }
 
 bool lexists(const fs::path& p) {

@@ -5,6 +5,7 @@
 #include "core/system/Paths.h"
 
 #include <cstdint>
+#include <map>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -12,6 +13,9 @@
 namespace kestrel::test {
 
 namespace fs = std::filesystem;
+
+// The fixed "now" of tests that need no real clock: 2026-03-01T09:30:00Z.
+inline const Date kTestNow = Dates::fromUnixSeconds(1772357400);
 
 class ScratchHome {
  public:
@@ -37,6 +41,8 @@ class ScratchHome {
   void age(std::string_view rel, double days, Date now = std::chrono::system_clock::now());
   // A folder at rel holding one file "blob" of `bytes` bytes, both aged by `days` (an old cache).
   fs::path oldFolder(std::string_view rel, int64_t bytes = 200000, double days = 10);
+  // A file of `bytes` bytes at rel, it and every folder above it (up to the home) aged by `days`.
+  fs::path aged(std::string_view rel, int64_t bytes, double days, Date now = std::chrono::system_clock::now());
   // A folder outside the home but inside the scratch folder.
   fs::path outside(std::string_view rel);
 
@@ -62,6 +68,10 @@ std::string readText(const fs::path& p);
 
 // Gives `p` (not following a link) to another user; false when this process cannot (not root).
 bool disown(const fs::path& p);
+
+// Every entry below `root` (links not followed), by relative path, with its type, size and
+// modification time: two listings differ when anything in the tree changed.
+std::map<std::string, std::string> treeListing(const fs::path& root);
 
 // Whether anything, a dangling link included, stands at `p`.
 bool lexists(const fs::path& p);

@@ -26,12 +26,11 @@ std::string contentWith(size_t at, char c) {
 }
 
 TEST(FileHash, AGroupIsReadOnceAndSplitByEqualBytes) {
-  struct Case {
+  const struct Case {
     const char* what;
     std::vector<size_t> differAt;     // per member: the byte changed (kLength: none)
     std::vector<size_t> wantSameAs;   // per member
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"two copies", {kLength, kLength}, {0, 0}},
       {"first byte differs", {kLength, 0}, {0, 1}},
       {"last byte differs", {kLength, kLength - 1}, {0, 1}},

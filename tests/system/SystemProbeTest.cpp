@@ -30,12 +30,11 @@ TEST(SystemProbeTest, MacosParsers) {
 }
 
 TEST(SystemProbeTest, LinuxPowerSupplies) {
-  struct Case {
+  const struct Case {
     const char* what;
     std::vector<PowerSupply> supplies;
     PowerState expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"laptop on battery", {{"Mains", "0", "", "", ""}, {"Battery", "", "Discharging", "63", "System"}}, {false, 63}},
       {"laptop on mains", {{"Mains", "1", "", "", ""}, {"Battery", "", "Charging", "80", ""}}, {true, 80}},
       {"desktop with no supply", {}, {}},
@@ -44,10 +43,7 @@ TEST(SystemProbeTest, LinuxPowerSupplies) {
       {"a mouse's battery is no laptop", {{"Battery", "", "Discharging", "12", "Device"}}, {}},
       {"unreadable capacity", {{"Mains", "1", "", "", ""}, {"Battery", "", "Charging", "", ""}}, {true, std::nullopt}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(SystemProbe::powerFromSupplies(c.supplies), c.expected);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SystemProbe::powerFromSupplies(c.supplies), c.expected) << c.what;
 }
 
 TEST(SystemProbeTest, ReadsSupplyAttributes) {
@@ -80,12 +76,11 @@ TEST(SystemProbeTest, LogindUserState) {
 }
 
 TEST(SystemProbeTest, AppIDsFromCgroups) {
-  struct Case {
+  const struct Case {
     const char* what;
     const char* cgroup;
     std::optional<std::string> id;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"native app", "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-gnome-org.gnome.Nautilus-4242.scope\n",
        "org.gnome.Nautilus"},
       {"Flatpak app", "0::/user.slice/user-1000.slice/user@1000.service/app.slice/app-flatpak-org.mozilla.firefox-1234567.scope\n",
@@ -103,10 +98,7 @@ TEST(SystemProbeTest, AppIDsFromCgroups) {
       {"session scope", "0::/user.slice/user-1000.slice/session-2.scope\n", std::nullopt},
       {"empty", "", std::nullopt},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(SystemProbe::appIDFromCgroup(c.cgroup), c.id);
-  }
+  for (const auto& c : cases) EXPECT_EQ(SystemProbe::appIDFromCgroup(c.cgroup), c.id) << c.what;
 }
 
 TEST(SystemProbeTest, RunningAppsOfTheUsersProcesses) {

@@ -3,8 +3,8 @@
 #include "core/system/Trash.h"
 
 #include "core/safety/SafetyPolicy.h"
-#include "core/system/Shell.h"
 #include "tests/support/ScratchHome.h"
+#include "tests/support/ScratchVolume.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -46,15 +46,46 @@ TEST(Trash, FolderGetsASizeLineAndLeavingTakesInfoAndLine) {
   EXPECT_EQ(test::readText(sizes), "");
 }
 
+// Percent-decoded.
+std::string decoded(const std::string& s) {
+  std::string out;
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] != '%') out += s[i];
+    else out += static_cast<char>(std::stoi(s.substr(i + 1, 2), nullptr, 16)), i += 2;
+  }
+  return out;
+}
+
+TEST(Trash, SameNamesNeverOverwriteAndTheOriginalPathIsEscaped) {
+  ScratchHome h;
+  const Paths paths = h.linuxPaths();
+  const fs::path files = h.path(".local/share/Trash/files");
+  h.text(".local/share/Trash/files/stray.log", "already in the Trash");  // without an info file
+  const struct Case {
+    std::string rel, trashName;
+  } cases[] = {
+      {"one/100% é #1.txt", "100% é #1.txt"}, {"two/100% é #1.txt", "100% é #1.2.txt"}, {"stray.log", "stray.2.log"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.rel);
+    const fs::path item = h.text("Library/Caches/" + c.rel, c.rel);
+    EXPECT_EQ(trash(paths, item), files / c.trashName);
+    EXPECT_EQ(test::readText(files / c.trashName), c.rel);
+    const std::string info = test::readText(platform::trashInfoFile(files / c.trashName));
+    EXPECT_EQ(info.rfind("[Trash Info]\nPath=", 0), 0u) << info;
+    const std::string path = info.substr(18, info.find('\n', 18) - 18);
+    EXPECT_EQ(path.find_first_of(" #é"), std::string::npos) << path;  // blanks, '%', '#' and bytes past ASCII
+    EXPECT_EQ(decoded(path), item.string());
+    EXPECT_NE(info.find("\nDeletionDate=" + Dates::local(kNow, "yyyy-MM-ddTHH:mm:ss") + "\n"), std::string::npos);
+  }
+  EXPECT_EQ(test::readText(files / "stray.log"), "already in the Trash");
+  EXPECT_FALSE(fs::exists(platform::trashInfoFile(files / "stray.log")));
+}
+
 TEST(Trash, ItemOnAnotherVolumeGoesToThatVolumesTrash) {
   ScratchHome h;
   const fs::path volume = h.outside("usb");
-  if (::geteuid() != 0 || Shell::run("mount", {"-t", "tmpfs", "-o", "size=4m", "tmpfs", volume.string()}, 10).status != 0)
-    GTEST_SKIP() << "needs root to mount a scratch volume";
-  struct Unmount {
-    fs::path at;
-    ~Unmount() { Shell::run("umount", {at.string()}, 10); }
-  } unmount{volume};
+  const test::ScratchVolume mounted(volume);
+  if (!mounted.mounted()) GTEST_SKIP() << "needs root to mount a scratch volume";
   const test::ScopedEnv volumes("KESTREL_VOLUMES_ROOT", volume.string());
   const Paths paths = h.linuxPaths();
   const std::string uid = std::to_string(::getuid());
