@@ -61,6 +61,21 @@ const std::array<CleanCategory, kCategoryCount>& allCategories() {
 }
 
 std::string_view rawValue(CleanCategory c) { return kCategories[position(c)].raw; }
+
+bool existsOn(CleanCategory c, Layout layout) {
+  if (layout == Layout::macos) return true;
+  switch (c) {
+    case CleanCategory::savedAppState:
+    case CleanCategory::mailDownloads:
+    case CleanCategory::iosBackups:
+    case CleanCategory::iosUpdates:
+    case CleanCategory::xcode:
+    case CleanCategory::simulators:
+      return false;
+    default:
+      return true;
+  }
+}
 std::string_view displayName(CleanCategory c) { return kCategories[position(c)].displayName; }
 std::string_view systemImage(CleanCategory c) { return kCategories[position(c)].systemImage; }
 CategoryGroup group(CleanCategory c) { return kCategories[position(c)].group; }

@@ -3,9 +3,11 @@
 
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
+#include "core/system/Paths.h"
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,6 +34,9 @@ const std::array<CleanCategory, kCategoryCount>& allCategories();
 inline int position(CleanCategory c) { return static_cast<int>(c); }
 
 std::string_view rawValue(CleanCategory c);
+// Whether the category can hold anything on a system of `layout` (iOS backups or Xcode data
+// cannot on Linux).
+bool existsOn(CleanCategory c, Layout layout);
 std::string_view displayName(CleanCategory c);
 std::string_view systemImage(CleanCategory c);
 CategoryGroup group(CleanCategory c);
@@ -112,9 +117,16 @@ struct ScanItem {
 };
 
 struct CategoryResult {
+  CategoryResult() = default;
+  CategoryResult(CleanCategory c, std::vector<ScanItem> found = {}, std::optional<std::string> why = std::nullopt)
+      : category(c), items(std::move(found)), error(std::move(why)) {}
+
   CleanCategory category = CleanCategory::userCaches;
   std::vector<ScanItem> items;
   std::optional<std::string> error;
+  // Items found but not offered, counted by why: "protected" (the safety policy), "in use".
+  // Not part of the JSON form.
+  std::map<std::string, int64_t> heldBack;
 
   // Sum of the known sizes of the items; a sum past the 64-bit range is INT64_MAX, never a
   // wrapped value.

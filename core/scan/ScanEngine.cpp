@@ -71,9 +71,15 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
                                             const Status& status) const {
   auto throttle = std::make_shared<Throttle>(0.09);
   auto policy = std::make_shared<const SafetyPolicy>(paths_, config_.protectedPaths, services_);
-  ScanContext context{paths_, config_, services_.now(), [] { return false; }, [](CleanCategory, const std::string&) {},
-                      policy};
+  ScanContext context{paths_, config_, services_.now()};
+  context.policy = policy;
   context.services = services_;
+  std::mutex heldMutex;
+  std::map<CleanCategory, std::map<std::string, int64_t>> held;
+  context.holdBack = [&](CleanCategory c, const std::string& reason) {
+    std::lock_guard lock(heldMutex);
+    ++held[c][reason];
+  };
   if (isCancelled) context.isCancelled = isCancelled;
   if (progress)
     context.report = [throttle, progress](CleanCategory c, const std::string& text) {
@@ -97,7 +103,7 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
       }
       if (status) status(category);
       std::lock_guard lock(resultsMutex);
-      results.push_back(CategoryResult{category, std::move(items), std::nullopt});
+      results.push_back(CategoryResult{category, std::move(items)});
     };
     for (const auto& scanner : scanners) {
       const JunkScanner* s = scanner.get();
@@ -109,6 +115,7 @@ std::vector<CategoryResult> ScanEngine::run(std::vector<std::unique_ptr<JunkScan
     }
     for (auto& t : threads) t.join();
   }
+  for (auto& r : results) r.heldBack = std::move(held[r.category]);
   return dedupe(std::move(results), *policy);
 }
 
@@ -171,7 +178,10 @@ std::vector<CategoryResult> dedupe(std::vector<CategoryResult> results, const Sa
       ScanItem& item = results[r].items[i];
       if (item.path()) {
         if (!candidate[r][i]) continue;
-        if (verdicts[next++].isBlocked()) continue;
+        if (verdicts[next++].isBlocked()) {
+          ++results[r].heldBack["protected"];
+          continue;
+        }
       }
       kept.push_back(std::move(item));
     }

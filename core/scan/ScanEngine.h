@@ -27,6 +27,8 @@ struct ScanContext {
   Date now;  // the one reference time of the whole scan
   std::function<bool()> isCancelled = [] { return false; };
   std::function<void(CleanCategory, const std::string&)> report = [](CleanCategory, const std::string&) {};
+  // Counts an item found but not offered, by why ("in use", …); thread-safe.
+  std::function<void(CleanCategory, const std::string&)> holdBack = [](CleanCategory, const std::string&) {};
   // The policy of this scan (built from paths and config when absent).
   std::shared_ptr<const SafetyPolicy> policy = nullptr;
   // The outside world of this scan; an empty tool runner means Shell::run.

@@ -78,7 +78,10 @@ class ProjectWalk {
       bool stale = true;
       for (int p = f.project; p >= 0 && stale; p = projects_[p].parent)
         stale = !projects_[p].inUse && projects_[p].newest && *projects_[p].newest <= staleBefore_;
-      if (!stale) continue;
+      if (!stale) {
+        context_.holdBack(category_, "in use");
+        continue;
+      }
       const Date newest = *projects_[f.project].newest;
       f.item.lastUsed = newest;
       const auto days = std::chrono::duration_cast<std::chrono::hours>(context_.now - newest).count() / 24;
@@ -209,10 +212,10 @@ class ProjectWalk {
   // Lists, measures and records one build folder of `project` found in the open folder `dirFd`.
   void offer(int dirFd, const std::string& name, const fs::path& path, const fs::path& real, int project,
              const BuildFolder& kind) {
-    if (outermostInUse(project)) return;
+    if (outermostInUse(project)) return context_.holdBack(category_, "in use");
     platform::EntryStat st;
     if (!platform::statAt(dirFd, name.c_str(), st, true) || st.type != platform::EntryType::directory) return;
-    if (!context_.oldEnough(st.modified)) return;
+    if (!context_.oldEnough(st.modified)) return context_.holdBack(category_, "changed within the hour");
     UniqueFd folder(platform::openDirectoryAt(dirFd, name.c_str()));
     if (!folder || !sameMount(folder.get())) return;
     // Only what the tool made is offered: a folder of sources that shares the name is not.
