@@ -28,21 +28,27 @@ long peakRssKiB() {
 
 void generate(const Paths& paths, long n) {
   AuditLog log(paths);
-  static const char* kActions[] = {"delete",  "trash",   "quarantine", "purge",
-                                   "restore", "command", "delete",     "trash"};
+  static const AuditAction kActions[] = {AuditAction::delete_, AuditAction::trash,   AuditAction::quarantine,
+                                        AuditAction::purge,   AuditAction::restore, AuditAction::command,
+                                        AuditAction::delete_, AuditAction::trash};
   const Date base = Dates::fromUnixSeconds(1700000000);
   std::vector<AuditEntry> batch;
   for (long i = 0; i < n; ++i) {
-    const char* action = kActions[i % 8];
+    const AuditAction action = kActions[i % 8];
     TriggerSource trigger = i % 3 == 0   ? TriggerSource::schedule("Weekly deep clean")
                             : i % 3 == 1 ? TriggerSource::manual()
                                          : TriggerSource::uninstall("Photo Tool");
-    batch.push_back(AuditEntry::make(
-        base + std::chrono::seconds(i), action,
-        "/Users/someone/Library/Caches/com.example.app" + std::to_string(i % 97) +
-            "/Cache Data/é-file " + std::to_string(i),
-        1000 + (i % 5000) * 4096, CleanCategory::userCaches, trigger, i % 11 != 0,
-        i % 11 == 0 ? std::optional<std::string>("Operation not permitted") : std::nullopt));
+    batch.push_back(
+        AuditEntry::of(action,
+                       "/Users/someone/Library/Caches/com.example.app" + std::to_string(i % 97) +
+                           "/Cache Data/é-file " + std::to_string(i),
+                       base + std::chrono::seconds(i))
+            .bytes(1000 + (i % 5000) * 4096)
+            .in(CleanCategory::userCaches)
+            .by(trigger)
+            .outcome(i % 11 != 0, i % 11 == 0
+                                      ? std::optional<std::string>("Operation not permitted")
+                                      : std::nullopt));
     if (batch.size() == 5000) {
       log.append(batch);
       batch.clear();
@@ -61,8 +67,8 @@ int64_t naive(const Paths& paths) {
     if (nl == std::string::npos) nl = text->size();
     auto e = decodeAuditLine(std::string_view(*text).substr(start, nl - start));
     if (e && e->success &&
-        (e->action == "delete" || e->action == "trash" || e->action == "command" ||
-         e->action == "purge")) {
+        (e->action == AuditAction::delete_ || e->action == AuditAction::trash ||
+         e->action == AuditAction::command || e->action == AuditAction::purge)) {
       __builtin_add_overflow(total, e->size, &total);
     }
     start = nl + 1;

@@ -130,14 +130,19 @@ AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSes
         result.removed.push_back(item);
         if (__builtin_add_overflow(result.freed, item.size, &result.freed))
           result.freed = INT64_MAX;
-        audit.push_back(AuditEntry::make(now, "delete", p, item.size, item.category,
-                                         TriggerSource::schedule("admin batch"), true));
+        audit.push_back(AuditEntry::of(AuditAction::delete_, p, now)
+                            .bytes(item.size)
+                            .in(item.category)
+                            .by(TriggerSource::schedule("admin batch")));
       } else {
         // A reply of success says nothing about why this path stayed.
         const std::string reason = Explain::removalFailure(p, run.ok() ? "" : output);
         result.failed.push_back({item.id, reason});
-        audit.push_back(AuditEntry::make(now, "delete", p, item.size, item.category,
-                                         TriggerSource::schedule("admin batch"), false, reason));
+        audit.push_back(AuditEntry::of(AuditAction::delete_, p, now)
+                            .bytes(item.size)
+                            .in(item.category)
+                            .by(TriggerSource::schedule("admin batch"))
+                            .failed(reason));
       }
     }
     AuditLog(paths_).append(audit);

@@ -27,6 +27,15 @@ struct Cleaner::Pass {
 
 namespace {
 
+AuditAction actionOf(Disposal d) {
+  switch (d) {
+    case Disposal::quarantine: return AuditAction::quarantine;
+    case Disposal::trash: return AuditAction::trash;
+    case Disposal::delete_: return AuditAction::delete_;
+  }
+  return AuditAction::delete_;
+}
+
 void addChecked(int64_t& total, int64_t amount) {
   if (__builtin_add_overflow(total, amount, &total)) total = INT64_MAX;  // a report figure: saturate
 }
@@ -66,8 +75,12 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
           // A tool's own figure, which may be unknown: nothing is claimed for it then.
           if (r.ok()) addChecked(pass.report.freedBytes, item.countedSize());
           else pass.report.failures.push_back({item.id, message});
-          pass.audit.push_back(AuditEntry::make(pass.now, "command", command.display(), item.countedSize(), item.category,
-                                                trigger, r.ok(), r.ok() ? std::nullopt : std::optional(message)));
+          pass.audit.push_back(
+              AuditEntry::of(AuditAction::command, command.display(), pass.now)
+                  .bytes(item.countedSize())
+                  .in(item.category)
+                  .by(trigger)
+                  .outcome(r.ok(), r.ok() ? std::nullopt : std::optional(message)));
           break;
         }
         case ItemTarget::Kind::adminPath:
@@ -78,14 +91,22 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
           const Verdict v = policy_.check(path);
           if (v.isBlocked()) {
             pass.report.skippedProtected.push_back(path);
-            if (!dryRun) pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, trigger, false, v.text));
+            if (!dryRun)
+              pass.audit.push_back(AuditEntry::of(AuditAction::skip, path, pass.now)
+                                       .bytes(item.size)
+                                       .in(item.category)
+                                       .by(trigger)
+                                       .failed(v.text));
             break;
           }
           addChecked(pass.report.evictedBytes, item.size);
           ++pass.report.itemsProcessed;
           if (dryRun) break;
           CloudEvictor::evict(path, paths_, services_);
-          pass.audit.push_back(AuditEntry::make(pass.now, "evict", path, item.size, item.category, trigger, true));
+          pass.audit.push_back(AuditEntry::of(AuditAction::evict, path, pass.now)
+                                   .bytes(item.size)
+                                   .in(item.category)
+                                   .by(trigger));
           break;
         }
         case ItemTarget::Kind::path:
@@ -95,7 +116,11 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
     } catch (const std::exception& e) {
       pass.report.failures.push_back({item.id, e.what()});
       if (!dryRun && item.path())
-        pass.audit.push_back(AuditEntry::make(pass.now, "fail", *item.path(), item.size, item.category, trigger, false, e.what()));
+        pass.audit.push_back(AuditEntry::of(AuditAction::fail, *item.path(), pass.now)
+                                 .bytes(item.size)
+                                 .in(item.category)
+                                 .by(trigger)
+                                 .failed(e.what()));
     }
   }
   if (progress) progress(items.size(), items.size());
@@ -112,7 +137,11 @@ CleanReport Cleaner::clean(const std::vector<ScanItem>& items, const TriggerSour
 void Cleaner::skip(const ScanItem& item, const std::string& path, const std::string& reason, Pass& pass) {
   pass.report.skippedProtected.push_back(path);
   if (!pass.dryRun)
-    pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false, reason));
+    pass.audit.push_back(AuditEntry::of(AuditAction::skip, path, pass.now)
+                             .bytes(item.size)
+                             .in(item.category)
+                             .by(pass.trigger)
+                             .failed(reason));
 }
 
 std::optional<Cleaner::Target> Cleaner::resolve(const ScanItem& item, const std::string& givenPath,
@@ -153,7 +182,8 @@ std::optional<Cleaner::Target> Cleaner::resolve(const ScanItem& item, const std:
   };
   if (::lstat(withPlaceholder(t.real).c_str(), &st) != 0) {
     if (!pass.dryRun)
-      pass.audit.push_back(AuditEntry::make(pass.now, "gone", t.path, 0, item.category, pass.trigger, true));
+      pass.audit.push_back(
+          AuditEntry::of(AuditAction::gone, t.path, pass.now).in(item.category).by(pass.trigger));
     return std::nullopt;
   }
   return Target{withPlaceholder(t.path), withPlaceholder(t.real)};
@@ -173,11 +203,14 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     ++pass.report.itemsProcessed;
     return;
   }
-  const std::string action(rawValue(disposal));
+  const AuditAction action = actionOf(disposal);
   auto failed = [&](const std::string& message) {
     pass.report.failures.push_back({item.id, message});
-    pass.audit.push_back(AuditEntry::make(pass.now, action, target->path, item.size, item.category, pass.trigger,
-                                          false, message));
+    pass.audit.push_back(AuditEntry::of(action, target->path, pass.now)
+                             .bytes(item.size)
+                             .in(item.category)
+                             .by(pass.trigger)
+                             .failed(message));
   };
   try {
     if (!disposeAt(item, *target, verdict, disposal, pass)) return;
@@ -192,7 +225,10 @@ void Cleaner::disposePath(const ScanItem& item, const std::string& givenPath, Pa
     return failed(e.what());
   }
   ++pass.report.itemsProcessed;
-  pass.audit.push_back(AuditEntry::make(pass.now, action, target->path, item.size, item.category, pass.trigger, true));
+  pass.audit.push_back(AuditEntry::of(action, target->path, pass.now)
+                           .bytes(item.size)
+                           .in(item.category)
+                           .by(pass.trigger));
 }
 
 bool Cleaner::setAsideOnPermission(const ScanItem& item, const std::string& path, Disposal disposal,
@@ -219,8 +255,12 @@ bool Cleaner::disposeAt(const ScanItem& item, const Target& target, const Verdic
   const Verdict bound = policy_.check(path);
   if (bound.kind != verdict.kind || policy_.placeOf(path) != real || (opened && *opened != realParent)) {
     pass.report.skippedProtected.push_back(path);
-    pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false,
-                                          bound.isBlocked() ? bound.text : "The folder changed while cleaning"));
+    pass.audit.push_back(
+        AuditEntry::of(AuditAction::skip, path, pass.now)
+            .bytes(item.size)
+            .in(item.category)
+            .by(pass.trigger)
+            .failed(bound.isBlocked() ? bound.text : "The folder changed while cleaning"));
     return false;
   }
   // Records (the quarantine's original path, the Trash's info file) keep the name the user knows.
@@ -230,7 +270,10 @@ bool Cleaner::disposeAt(const ScanItem& item, const Target& target, const Verdic
     CloudFiles::remove(real, 4, services_);
     addChecked(pass.report.freedBytes, item.size);
     ++pass.report.itemsProcessed;
-    pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
+    pass.audit.push_back(AuditEntry::of(AuditAction::delete_, path, pass.now)
+                             .bytes(item.size)
+                             .in(item.category)
+                             .by(pass.trigger));
     return false;
   }
   switch (disposal) {
@@ -267,8 +310,11 @@ void Cleaner::runAdminStep(Pass& pass) {
     const Verdict v = policy_.check(path);
     if (v.isBlocked() || v.kind == Verdict::Kind::syncedCloud) {
       pass.report.skippedProtected.push_back(path);
-      pass.audit.push_back(AuditEntry::make(pass.now, "skip", path, item.size, item.category, pass.trigger, false,
-                                            v.isBlocked() ? v.text : "In " + v.text));
+      pass.audit.push_back(AuditEntry::of(AuditAction::skip, path, pass.now)
+                               .bytes(item.size)
+                               .in(item.category)
+                               .by(pass.trigger)
+                               .failed(v.isBlocked() ? v.text : "In " + v.text));
       continue;
     }
     allowed.push_back(item);
@@ -288,9 +334,11 @@ void Cleaner::runAdminStep(Pass& pass) {
       } else {
         ++pass.report.deferredAdmin;
       }
-      pass.audit.push_back(AuditEntry::make(pass.now, "queued", *item.path(), item.size,
-                                            item.category, pass.trigger, !notQueued,
-                                            notQueued.value_or("needs admin — queued")));
+      pass.audit.push_back(AuditEntry::of(AuditAction::queued, *item.path(), pass.now)
+                               .bytes(item.size)
+                               .in(item.category)
+                               .by(pass.trigger)
+                               .outcome(!notQueued, notQueued.value_or("needs admin — queued")));
     }
     return;
   }
@@ -303,11 +351,18 @@ void Cleaner::runAdminStep(Pass& pass) {
     if (FS::exists(path)) {
       const std::string message = "Could not remove " + path + ": " + Explain::removalFailure(path, output);
       pass.report.failures.push_back({item.id, message});
-      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, false, message));
+      pass.audit.push_back(AuditEntry::of(AuditAction::delete_, path, pass.now)
+                               .bytes(item.size)
+                               .in(item.category)
+                               .by(pass.trigger)
+                               .failed(message));
     } else {
       addChecked(pass.report.freedBytes, item.size);
       ++pass.report.itemsProcessed;
-      pass.audit.push_back(AuditEntry::make(pass.now, "delete", path, item.size, item.category, pass.trigger, true));
+      pass.audit.push_back(AuditEntry::of(AuditAction::delete_, path, pass.now)
+                               .bytes(item.size)
+                               .in(item.category)
+                               .by(pass.trigger));
     }
   }
 }
@@ -326,11 +381,13 @@ std::vector<CleanFailure> Cleaner::restore(const std::string& sessionID, const s
   auto failures = quarantine_.restore(sessionID, now, entryIDs,
                                       [this](const std::string& p) { return policy_.placeOf(p); });
   const int64_t restored = before - activeBytes();
-  audit_.append({AuditEntry::make(now, "restore", sessionID, restored, std::nullopt, TriggerSource::manual(),
-                                  failures.empty(),
-                                  failures.empty() ? std::nullopt
-                                                   : std::optional(std::to_string(failures.size()) +
-                                                                   " item(s) could not be restored"))});
+  audit_.append({AuditEntry::of(AuditAction::restore, sessionID, now)
+                     .bytes(restored)
+                     .by(TriggerSource::manual())
+                     .outcome(failures.empty(),
+                              failures.empty() ? std::nullopt
+                                               : std::optional(std::to_string(failures.size()) +
+                                                               " item(s) could not be restored"))});
   return failures;
 }
 

@@ -134,8 +134,9 @@ void ScheduledRunner::purgeExpiredQuarantine(Tick& t) {
   const int64_t purged = Quarantine(paths_, t.services).purgeExpired(t.now);
   if (purged <= 0) return;
   log_("Purged expired quarantine: " + ByteFormat::string(purged));
-  AuditLog(paths_).append(
-      {AuditEntry::make(t.now, "purge", "expired quarantine", purged, std::nullopt, TriggerSource::manual(), true)});
+  AuditLog(paths_).append({AuditEntry::of(AuditAction::purge, "expired quarantine", t.now)
+                               .bytes(purged)
+                               .by(TriggerSource::manual())});
 }
 
 void ScheduledRunner::runDueRules(Tick& t, const std::optional<std::string>& forceRuleID) {

@@ -461,8 +461,11 @@ std::vector<ShredEvent> ShredderEngine::trash(Date now) {
     ShredEvent e{Uuid::make(), now, item.string(), std::string(ShredRule::trash), reason, size, false,
                  std::nullopt, std::nullopt};
     history_.append(e);
-    audit_.append({AuditEntry::make(now, "delete", item.string(), size, CleanCategory::trash,
-                                    TriggerSource::schedule("Shredder · " + std::string(ShredRule::trash)), true)});
+    audit_.append(
+        {AuditEntry::of(AuditAction::delete_, item.string(), now)
+             .bytes(size)
+             .in(CleanCategory::trash)
+             .by(TriggerSource::schedule("Shredder · " + std::string(ShredRule::trash)))});
     events.push_back(std::move(e));
   }
   return events;
@@ -520,7 +523,11 @@ std::optional<ShredEvent> ShredderEngine::shred(const fs::path& url, std::string
     return std::nullopt;  // refused or failed: the file stays where it is
   }
   history_.append(event);
-  audit_.append({AuditEntry::make(now, s.quarantineFirst ? "quarantine" : "delete", path, size, category, trigger, true)});
+  audit_.append(
+      {AuditEntry::of(s.quarantineFirst ? AuditAction::quarantine : AuditAction::delete_, path, now)
+           .bytes(size)
+           .in(category)
+           .by(trigger)});
   return event;
 }
 

@@ -12,9 +12,12 @@
 namespace kestrel {
 namespace {
 
-bool isCountedAction(std::string_view a) {
-  return a == "delete" || a == "trash" || a == "command" || a == "purge";
+bool isCountedAction(AuditAction a) {
+  return a == AuditAction::delete_ || a == AuditAction::trash || a == AuditAction::command || a == AuditAction::purge;
 }
+
+constexpr std::string_view kActionNames[] = {"delete", "trash", "quarantine", "command", "evict", "restore",
+                                             "purge",  "skip",  "gone",       "fail",    "queued"};
 
 // ---- A fast, strict reader for the records this log writes ----------------------------------
 //
@@ -68,7 +71,13 @@ class QuickReader {
     std::string_view v;
     if (key == "id") return plainString(v) && Uuid::parse(v) ? kId : 0u;
     if (key == "date") return plainString(v) && Dates::parseISO8601(v) ? kDate : 0u;
-    if (key == "action") return plainString(r.action) ? kAction : 0u;
+    if (key == "action") {
+      if (!plainString(v)) return 0u;
+      const auto action = auditActionFromRaw(v);
+      if (!action) return 0u;
+      r.action = *action;
+      return kAction;
+    }
     if (key == "target") return anyString() ? kTarget : 0u;
     if (key == "size") return integer(r.size) ? kSize : 0u;
     if (key == "category") return literal("null") || (plainString(v) && categoryFromRaw(v)) ? kCategory : 0u;
@@ -207,16 +216,17 @@ bool countLine(std::string_view line, int64_t& total) {
 
 }  // namespace
 
-AuditEntry AuditEntry::make(Date date, std::string action, std::string target, int64_t size,
-                            std::optional<CleanCategory> category, TriggerSource trigger,
-                            bool success, std::optional<std::string> message) {
-  return {Uuid::make(),       date,    std::move(action), std::move(target), size, category,
-          std::move(trigger), success, std::move(message)};
+std::string_view rawValue(AuditAction a) { return kActionNames[static_cast<size_t>(a)]; }
+
+std::optional<AuditAction> auditActionFromRaw(std::string_view raw) {
+  for (size_t i = 0; i < std::size(kActionNames); ++i)
+    if (kActionNames[i] == raw) return static_cast<AuditAction>(i);
+  return std::nullopt;
 }
 
 Json toJson(const AuditEntry& e) {
   Json j{{"id", e.id},          {"date", Dates::iso8601(e.date)},
-         {"action", e.action},  {"target", e.target},
+         {"action", std::string(rawValue(e.action))},  {"target", e.target},
          {"size", e.size},      {"trigger", toJson(e.trigger)},
          {"success", e.success}};
   if (e.category) j["category"] = std::string(rawValue(*e.category));
@@ -233,7 +243,9 @@ AuditEntry auditEntryFromJson(const Json& j) {
   auto date = j.find("date");
   if (date == j.end()) throw DecodeError("No value associated with key date");
   e.date = dateFromJson(*date, DateForm::iso8601);
-  e.action = JsonDecode::string(j, "action");
+  const auto action = auditActionFromRaw(JsonDecode::string(j, "action"));
+  if (!action) throw DecodeError("Unknown action");
+  e.action = *action;
   e.target = JsonDecode::string(j, "target");
   e.size = JsonDecode::int64(j, "size");
   if (JsonDecode::has(j, "category")) e.category = categoryFromJson(j.at("category"));
@@ -271,9 +283,15 @@ void AuditLog::append(const std::vector<AuditEntry>& entries) noexcept {
     std::vector<std::string> lines;
     bool durable = false;
     for (const auto& e : entries) {
-      lines.push_back(JsonText::compact(toJson(e)));
+      if (e.id.empty()) {
+        AuditEntry withID = e;
+        withID.id = Uuid::make();
+        lines.push_back(JsonText::compact(toJson(withID)));
+      } else {
+        lines.push_back(JsonText::compact(toJson(e)));
+      }
       // Removals for good are worth a flush: their record is all that is left of the files.
-      durable = durable || e.action == "delete" || e.action == "purge";
+      durable = durable || e.action == AuditAction::delete_ || e.action == AuditAction::purge;
     }
     // A log that cannot be written loses the records: logging never stops the work it records.
     (void)JsonLines(url_).append(lines, durable);

@@ -20,10 +20,18 @@
 
 namespace kestrel {
 
+// What a record says was done. Raw values are the case names ("delete" for delete_).
+enum class AuditAction { delete_, trash, quarantine, command, evict, restore, purge, skip, gone, fail, queued };
+std::string_view rawValue(AuditAction a);
+std::optional<AuditAction> auditActionFromRaw(std::string_view raw);
+
+// One record. Built by name, starting from what was done to what and when:
+//   AuditEntry::of(AuditAction::skip, path, now).bytes(size).in(category).by(trigger).failed(why)
+// A record given to AuditLog::append without an id gets a fresh one.
 struct AuditEntry {
-  std::string id;      // upper-case UUID text
-  Date date{};         // persisted to whole seconds
-  std::string action;  // "delete", "trash", "command", "purge", "quarantine", "restore", …
+  std::string id;  // upper-case UUID text
+  Date date{};     // persisted to whole seconds
+  AuditAction action = AuditAction::delete_;
   std::string target;
   int64_t size = 0;
   std::optional<CleanCategory> category;
@@ -31,10 +39,23 @@ struct AuditEntry {
   bool success = true;
   std::optional<std::string> message;
 
-  // A record with a fresh id.
-  static AuditEntry make(Date date, std::string action, std::string target, int64_t size,
-                         std::optional<CleanCategory> category, TriggerSource trigger, bool success,
-                         std::optional<std::string> message = std::nullopt);
+  static AuditEntry of(AuditAction action, std::string target, Date date) {
+    AuditEntry e;
+    e.action = action;
+    e.target = std::move(target);
+    e.date = date;
+    return e;
+  }
+  AuditEntry& bytes(int64_t n) { return size = n, *this; }
+  AuditEntry& in(std::optional<CleanCategory> c) { return category = c, *this; }
+  AuditEntry& by(TriggerSource t) { return trigger = std::move(t), *this; }
+  // Unsuccessful, and why.
+  AuditEntry& failed(std::string why) { return success = false, message = std::move(why), *this; }
+  // Successful or not as `ok` says, with a message when there is one.
+  AuditEntry& outcome(bool ok, std::optional<std::string> why = std::nullopt) {
+    return success = ok, message = std::move(why), *this;
+  }
+
   bool operator==(const AuditEntry&) const = default;
 };
 
@@ -46,7 +67,7 @@ std::optional<AuditEntry> decodeAuditLine(std::string_view line);
 
 // What the lifetime total needs from a line, read without building a JSON document.
 struct QuickAuditRecord {
-  std::string_view action;  // points into the line
+  AuditAction action = AuditAction::delete_;
   int64_t size = 0;
   bool success = false;
 };

@@ -127,7 +127,7 @@ TEST(AdminQueue, FlushRemovesWithOnePromptAndAuditsEachItem) {
   ASSERT_EQ(audit.size(), 3u);
   int removedRecords = 0;
   for (const auto& e : audit) {
-    EXPECT_EQ(e.action, "delete");
+    EXPECT_EQ(e.action, AuditAction::delete_);
     EXPECT_EQ(e.trigger, TriggerSource::schedule("admin batch"));
     EXPECT_EQ(e.date, now);
     removedRecords += e.success;

@@ -120,7 +120,7 @@ TEST(Cleaner, DisposesOfEachItemByCategorySettingsOrOverride) {
       EXPECT_EQ(sessions[0].entries.at(0).originalPath, item.string());
     }
     ASSERT_EQ(t.audit().size(), 1u);
-    EXPECT_EQ(t.audit()[0].action, rawValue(c.expected));
+    EXPECT_EQ(rawValue(t.audit()[0].action), rawValue(c.expected));
   }
 }
 
@@ -222,7 +222,7 @@ TEST(Cleaner, VanishedItemsAreGoneAndPlaceholdersAreRemovedInstead) {
     EXPECT_TRUE(r.failures.empty());
     const auto audit = t.audit();
     ASSERT_EQ(audit.size(), 1u);
-    EXPECT_EQ(audit[0].action, c.auditAction);
+    EXPECT_EQ(rawValue(audit[0].action), c.auditAction);
     EXPECT_EQ(audit[0].target, c.leftOver.empty() ? item.string() : t.h.path(c.leftOver).string());
   }
 }
@@ -307,7 +307,7 @@ TEST(Cleaner, ProtectedPathsAreSkippedAuditedAndUntouched) {
     EXPECT_EQ(test::readText(item.filename() == "Caches" ? item / "inside" : item), "secret");
     const auto audit = t.audit();
     ASSERT_EQ(audit.size(), 3u);
-    for (const auto& e : audit) EXPECT_EQ(std::tie(e.action, e.target, e.success), std::make_tuple("skip", given, false));
+    for (const auto& e : audit) EXPECT_EQ(std::tie(e.action, e.target, e.success), std::make_tuple(AuditAction::skip, given, false));
   }
 }
 
@@ -330,9 +330,9 @@ TEST(Cleaner, AdminItemsAreQueuedWithoutAnyPrompt) {
     const auto e = t.auditFor(path);
     ASSERT_TRUE(e) << path;
     EXPECT_EQ(std::tie(e->action, e->message, e->success),
-              std::make_tuple("queued", std::optional<std::string>("needs admin — queued"), true));
+              std::make_tuple(AuditAction::queued, std::optional<std::string>("needs admin — queued"), true));
   }
-  EXPECT_EQ(t.auditFor("/usr/lib/kestrel-never")->action, "skip");
+  EXPECT_EQ(t.auditFor("/usr/lib/kestrel-never")->action, AuditAction::skip);
 }
 
 TEST(Cleaner, AdminItemsGoInOneBatchWhenNotQueued) {
@@ -381,7 +381,7 @@ TEST(Cleaner, PermissionErrorSendsOnlyADeletionToTheAdminStep) {
     EXPECT_EQ(r.freedBytes + r.quarantinedBytes + r.trashedBytes, 0);
     EXPECT_EQ(t.queue.count(), queued ? 1u : 0u);
     EXPECT_TRUE(t.prompts.empty());
-    EXPECT_EQ(t.auditFor(item.string())->action, queued ? "queued" : rawValue(disposal));
+    EXPECT_EQ(rawValue(t.auditFor(item.string())->action), queued ? "queued" : rawValue(disposal));
     ASSERT_EQ(r.failures.size(), queued ? 0u : 1u);
     if (!queued) {
       EXPECT_NE(r.failures[0].message.find(std::generic_category().message(EPERM)), std::string::npos);
@@ -433,7 +433,7 @@ TEST(Cleaner, EveryActionIsAuditedOneDecodableRecordPerLine) {
     SCOPED_TRACE(c.action);
     const ItemTarget& target = c.item.target;
     EXPECT_EQ(lines[i].target, target.kind == ItemTarget::Kind::command ? target.command.display() : target.pathValue);
-    EXPECT_EQ(lines[i].action, c.action);
+    EXPECT_EQ(rawValue(lines[i].action), c.action);
     EXPECT_EQ(lines[i].category, c.item.category);
     EXPECT_EQ(lines[i].size, c.size);
     EXPECT_EQ(lines[i].success, c.success);
@@ -458,7 +458,7 @@ TEST(Cleaner, RestoreIsAuditedAndReportsEachEntryThatCouldNotGoBack) {
   EXPECT_EQ(failures[0].message, "Something already exists at " + b.string() + ". Move it first, then restore.");
   const AuditEntry last = t.audit().front();
   EXPECT_EQ(std::tie(last.action, last.target, last.size, last.success),
-            std::make_tuple("restore", *r.quarantineSessionID, 4, false));
+            std::make_tuple(AuditAction::restore, *r.quarantineSessionID, 4, false));
   EXPECT_EQ(last.message, "1 item(s) could not be restored");
 
   // Once the place is free the rest goes back, audited as a success.

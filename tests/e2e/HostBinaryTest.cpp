@@ -78,7 +78,7 @@ TEST(HostBinary, QueuedAdministratorRemovalsOutliveTheirProcess) {
   EXPECT_EQ(test::readText(tools.bin() / "pkexec.calls"), "call\n");
   EXPECT_EQ(AdminQueue(h.paths()).count(), 0u);
   int deletes = 0;
-  for (const auto& e : AuditLog(h.paths()).recent(10)) deletes += e.action == "delete" && e.success;
+  for (const auto& e : AuditLog(h.paths()).recent(10)) deletes += e.action == AuditAction::delete_ && e.success;
   EXPECT_EQ(deletes, 2);
 }
 

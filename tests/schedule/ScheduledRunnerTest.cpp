@@ -154,7 +154,7 @@ TEST(ScheduledRunnerTest, ExpiredQuarantineIsPurgedAndAudited) {
   EXPECT_TRUE(t.logged("Purged expired quarantine: 5 KB"));
   const auto audit = AuditLog(t.h.paths()).recent(1);
   ASSERT_EQ(audit.size(), 1u);
-  EXPECT_EQ(std::tie(audit[0].action, audit[0].target, audit[0].size), std::make_tuple("purge", "expired quarantine", 5000));
+  EXPECT_EQ(std::tie(audit[0].action, audit[0].target, audit[0].size), std::make_tuple(AuditAction::purge, "expired quarantine", 5000));
 }
 
 // Free space falling 5 GB a day, the newest sample half an hour before `now` (so the tick adds none).

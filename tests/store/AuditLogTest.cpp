@@ -24,9 +24,14 @@ using test::ScratchHome;
 const Date kNow = Dates::fromUnixSeconds(1772357400);  // 2026-03-01T09:30:00Z
 constexpr const char* kId = "E621E1F8-C36C-495A-93FC-0C247A3E6E5F";
 
-AuditEntry entry(std::string action, int64_t size, bool success = true) {
-  return AuditEntry::make(kNow, std::move(action), "/Users/me/Library/Caches/x", size,
-                          CleanCategory::userCaches, TriggerSource::manual(), success);
+AuditEntry entry(AuditAction action, int64_t size, bool success = true) {
+  AuditEntry e = AuditEntry::of(action, "/Users/me/Library/Caches/x", kNow)
+                     .bytes(size)
+                     .in(CleanCategory::userCaches)
+                     .by(TriggerSource::manual())
+                     .outcome(success);
+  e.id = kId;
+  return e;
 }
 
 void appendRaw(const fs::path& file, const std::string& text) {
@@ -42,7 +47,7 @@ std::vector<std::string> lines(const std::string& text) {
 }
 
 TEST(AuditEntry, LineFormAndRoundTrips) {
-  const AuditEntry full{kId, kNow + std::chrono::milliseconds(900), "delete", "/Users/me/Library/Caches/é x", 4096,
+  const AuditEntry full{kId, kNow + std::chrono::milliseconds(900), AuditAction::delete_, "/Users/me/Library/Caches/é x", 4096,
                         CleanCategory::logs, TriggerSource::schedule("Weekly deep clean"), false, "Permission denied"};
   const std::string text = JsonText::compact(toJson(full));
   EXPECT_EQ(text, R"({"action":"delete","category":"logs","date":"2026-03-01T09:30:00Z","id":")" + std::string(kId) +
@@ -51,7 +56,7 @@ TEST(AuditEntry, LineFormAndRoundTrips) {
   AuditEntry expected = full;
   expected.date = kNow;  // whole seconds on disk
   EXPECT_EQ(decodeAuditLine(text), expected);
-  const AuditEntry bare{kId, kNow, "purge", "expired quarantine", 10, std::nullopt, TriggerSource::manual(), true,
+  const AuditEntry bare{kId, kNow, AuditAction::purge, "expired quarantine", 10, std::nullopt, TriggerSource::manual(), true,
                         std::nullopt};
   EXPECT_EQ(decodeAuditLine(JsonText::compact(toJson(bare))), bare);
 }
@@ -61,34 +66,34 @@ TEST(AuditLog, AppendCreatesFileOnlyWhenThereIsSomethingToWrite) {
   AuditLog log(h.paths());
   log.append({});
   EXPECT_FALSE(fs::exists(log.url().parent_path()));
-  log.append({entry("delete", 1), entry("trash", 2)});
+  log.append({entry(AuditAction::delete_, 1), entry(AuditAction::trash, 2)});
   EXPECT_EQ(lines(test::readText(log.url())).size(), 2u);
   EXPECT_EQ((fs::status(log.url()).permissions() & fs::perms::all),
             fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(log.recent(10).size(), 2u);
   ASSERT_EQ(log.recent(1).size(), 1u);
-  EXPECT_EQ(log.recent(1)[0].action, "trash");  // newest first
+  EXPECT_EQ(rawValue(log.recent(1)[0].action), "trash");  // newest first
   EXPECT_TRUE(log.recent(0).empty());
 }
 
 TEST(AuditLog, ReadsPastDamageAndOverlongLinesAndNeverGluesOntoATornLine) {
   ScratchHome h;
   AuditLog log(h.paths());
-  log.append({entry("delete", 1)});
+  log.append({entry(AuditAction::delete_, 1)});
   appendRaw(log.url(), "this is not json\n\n   \n{\"action\":\"delete\"}\n");
   appendRaw(log.url(), std::string(AuditLog::kMaxLine * 3 + 17, 'z') + "\n");
-  log.append({entry("trash", 2)});
+  log.append({entry(AuditAction::trash, 2)});
   // A writer killed mid-line: no line feed at the end.
-  appendRaw(log.url(), JsonText::compact(toJson(entry("purge", 1000))).substr(0, 40));
+  appendRaw(log.url(), JsonText::compact(toJson(entry(AuditAction::purge, 1000))).substr(0, 40));
   EXPECT_EQ(log.recent(10).size(), 2u);
   EXPECT_EQ(log.lifetimeFreed(), 3);
-  log.append({entry("command", 4)});
+  log.append({entry(AuditAction::command, 4)});
   const auto all = lines(test::readText(log.url()));
   EXPECT_TRUE(decodeAuditLine(all.back()));  // the new record starts on a fresh line
   auto recent = log.recent(10);
   ASSERT_EQ(recent.size(), 3u);
-  EXPECT_EQ(recent[0].action, "command");
-  EXPECT_EQ(recent[2].action, "delete");
+  EXPECT_EQ(rawValue(recent[0].action), "command");
+  EXPECT_EQ(rawValue(recent[2].action), "delete");
   EXPECT_EQ(log.lifetimeFreed(), 7);
 }
 
@@ -99,14 +104,14 @@ TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
     int64_t expected;
   } cases[] = {
       {"the four counted actions",
-       {entry("delete", 1), entry("trash", 10), entry("command", 100), entry("purge", 1000)},
+       {entry(AuditAction::delete_, 1), entry(AuditAction::trash, 10), entry(AuditAction::command, 100), entry(AuditAction::purge, 1000)},
        1111},
       {"quarantine, restore, failures and other cases do not count",
-       {entry("quarantine", 5), entry("restore", 5), entry("delete", 50, false), entry("Delete", 50), entry("delete", 1)},
+       {entry(AuditAction::quarantine, 5), entry(AuditAction::restore, 5), entry(AuditAction::delete_, 50, false), entry(AuditAction::delete_, 1)},
        1},
-      {"negative sizes are summed as given", {entry("delete", -5), entry("delete", 8)}, 3},
+      {"negative sizes are summed as given", {entry(AuditAction::delete_, -5), entry(AuditAction::delete_, 8)}, 3},
       {"an overflowing record is skipped",
-       {entry("delete", INT64_MAX), entry("delete", 1), entry("trash", 2)},
+       {entry(AuditAction::delete_, INT64_MAX), entry(AuditAction::delete_, 1), entry(AuditAction::trash, 2)},
        INT64_MAX},
   };
   for (const auto& c : cases) {
@@ -123,7 +128,7 @@ TEST(AuditLog, LifetimeFreedCountsOnlySuccessfulRemovals) {
 TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   // Each line is alone in a log; the expected total is what the full decoder says it is worth.
   const std::string base = JsonText::compact(toJson(AuditEntry{
-      kId, kNow, "delete", "/x", 7, std::nullopt, TriggerSource::manual(), true, std::nullopt}));
+      kId, kNow, AuditAction::delete_, "/x", 7, std::nullopt, TriggerSource::manual(), true, std::nullopt}));
   auto with = [&](const std::string& from, const std::string& to) {
     std::string s = base;
     s.replace(s.find(from), from.size(), to);
@@ -156,7 +161,7 @@ TEST(AuditLog, FastCountAgreesWithTheFullDecoderOnOddLines) {
   for (const auto& line : cases) {
     SCOPED_TRACE(line);
     auto full = decodeAuditLine(line);
-    const int64_t expected = full && full->success && full->action == "delete" ? full->size : 0;
+    const int64_t expected = full && full->success && full->action == AuditAction::delete_ ? full->size : 0;
     ScratchHome h;
     AuditLog log(h.paths());
     appendRaw(log.url(), line + "\n");
@@ -183,7 +188,7 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
     UniqueFd reader;
     switch (c.put) {
       case Put::linkToFile:
-        appendRaw(elsewhere, JsonText::compact(toJson(entry("trash", 5))) + "\n");
+        appendRaw(elsewhere, JsonText::compact(toJson(entry(AuditAction::trash, 5))) + "\n");
         fs::create_symlink(elsewhere, log.url());
         break;
       case Put::fifo:
@@ -204,7 +209,7 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
         break;
     }
     // Each call returns at once: none of them may wait for a FIFO's other end.
-    log.append({entry("delete", 1)});
+    log.append({entry(AuditAction::delete_, 1)});
     if (c.put == Put::linkToFile) {
       EXPECT_TRUE(fs::is_symlink(log.url()));
       EXPECT_EQ(lines(test::readText(elsewhere)).size(), 2u);
@@ -228,12 +233,12 @@ TEST(AuditLog, FollowsALinkAndUsesOnlyARegularFile) {
 TEST(AuditLog, NamesThatAreOnlyBytesAreCountedAndReadBack) {
   ScratchHome h;
   AuditLog log(h.paths());
-  AuditEntry escaped = entry("delete", 40);
+  AuditEntry escaped = entry(AuditAction::delete_, 40);
   escaped.target = "/Users/me/Library/Caches/bad\xff";
   log.append({escaped});
   EXPECT_NE(test::readText(log.url()).find(R"(Caches\/bad\udcff")"), std::string::npos);
   // A record as earlier versions wrote it, with the raw byte.
-  AuditEntry raw = entry("trash", 2);
+  AuditEntry raw = entry(AuditAction::trash, 2);
   raw.target = "/Users/me/raw\xfe";
   appendRaw(log.url(),
             "{\"action\":\"trash\",\"date\":\"2026-03-01T09:30:00Z\",\"id\":\"" + raw.id +
@@ -252,7 +257,7 @@ TEST(AuditLog, ConcurrentProcessesLeaveWholeLines) {
   const auto writer = [&](int p) {
     AuditLog log(h.paths());
     for (int i = 0; i < kRecords; ++i) {
-      AuditEntry e = entry("delete", 1);
+      AuditEntry e = entry(AuditAction::delete_, 1);
       e.target = "process " + std::to_string(p) + " record " + std::to_string(i) +
                  std::string(static_cast<size_t>(i % 300), 'p');
       log.append({e});
