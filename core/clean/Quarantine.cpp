@@ -77,11 +77,9 @@ class Quarantine::Lock {
     // A whole restore or purge may run under it elsewhere: wait for that, within reason.
     constexpr std::chrono::minutes kWait{10};
     const fs::path file = paths.quarantineLockFile();
-    file_ = FileLock::acquire(file, kWait, createStore);
-    if (!file_) {
-      const int err = errno;  // read before building the message
-      throwErrno(err, "lock " + file.string());
-    }
+    auto acquired = FileLock::acquire(file, kWait, createStore);
+    if (!acquired) throwErrno(acquired.error.value(), "lock " + file.string());
+    file_ = std::move(acquired.lock);
   }
 
  private:

@@ -150,7 +150,9 @@ SweepResult ShredderEngine::sweep(Date now) {
   const auto lock = FileLock::acquire(paths_.shredderSweepLockFile(), lockWait);
   if (!lock) {
     result.status = SweepResult::Status::busy;
-    result.message = std::string(ShredderBusy::kText);
+    result.message = lock.busy() ? std::string(ShredderBusy::kText)
+                                 : "Cannot lock " + paths_.shredderSweepLockFile().string() + ": " +
+                                       lock.error.message() + "; skipping.";
     return result;
   }
   // The index may have been changed by another process's sweep since it was read.

@@ -94,7 +94,9 @@ T update(const fs::path& file, Decode decode, Encode encode, const std::function
          const std::function<bool(T&)>& change, bool replaceDamaged,
          std::chrono::milliseconds wait = kUpdateWait) {
   const auto lock = FileLock::acquire(Paths::lockFileFor(file), wait);
-  if (!lock) throw StoreError(StoreError::Kind::busy, "Another process is writing " + file.string());
+  if (!lock)
+    throw StoreError(StoreError::Kind::busy, lock.busy() ? "Another process is writing " + file.string()
+                                                         : "Cannot lock " + file.string() + ": " + lock.error.message());
   Loaded<T> loaded = loadChecked<T>(file, decode);
   if (loaded.damaged() && !replaceDamaged)
     throw StoreError(StoreError::Kind::damaged, file.string() + " is damaged (" + loaded.reason + ")");

@@ -10,30 +10,25 @@
 
 namespace kestrel {
 
-std::unique_ptr<FileLock> FileLock::acquire(const std::filesystem::path& url) {
-  return acquire(url, std::chrono::milliseconds(0));
-}
-
-std::unique_ptr<FileLock> FileLock::acquire(const std::filesystem::path& url, std::chrono::milliseconds timeout,
-                                             bool createFolder) {
+FileLock::Acquired FileLock::acquire(const std::filesystem::path& url, std::chrono::milliseconds timeout,
+                                     bool createFolder) {
   std::error_code ec;
   if (createFolder) std::filesystem::create_directories(url.parent_path(), ec);  // the open reports failure
   // Non-blocking too: a FIFO put in the lock file's place must not hang the open.
   const int fd = ::open(url.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0644);
-  if (fd < 0) return nullptr;
+  if (fd < 0) return {nullptr, {errno, std::generic_category()}};
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return std::unique_ptr<FileLock>(new FileLock(fd));
+    if (::flock(fd, LOCK_EX | LOCK_NB) == 0) return {std::unique_ptr<FileLock>(new FileLock(fd)), {}};
     if (errno != EINTR && errno != EWOULDBLOCK) break;
     if (errno == EWOULDBLOCK) {
       if (std::chrono::steady_clock::now() >= deadline) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
-  const int err = errno;
+  const std::error_code why(errno == EWOULDBLOCK ? EAGAIN : errno, std::generic_category());
   ::close(fd);
-  errno = err;
-  return nullptr;
+  return {nullptr, why};
 }
 
 FileLock::~FileLock() { release(); }

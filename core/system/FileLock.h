@@ -5,20 +5,29 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 namespace kestrel {
 
 class FileLock {
  public:
-  // Creates the parent folder (ignoring failure), opens the file read-write (0644, never through
-  // a link, close-on-exec) and takes a non-blocking exclusive flock. Nothing when the lock is held
-  // elsewhere or the file cannot be opened or locked.
-  static std::unique_ptr<FileLock> acquire(const std::filesystem::path& url);
-  // The same, waiting up to `timeout` for a holder elsewhere to let go (polled every 10 ms);
-  // nothing at once when the file cannot be opened. Without `createFolder` a missing folder is not
-  // made. On nothing, errno says why (EWOULDBLOCK: still held when the time was up).
-  static std::unique_ptr<FileLock> acquire(const std::filesystem::path& url, std::chrono::milliseconds timeout,
-                                           bool createFolder = true);
+  // The lock, or why there is none: `error` is resource_unavailable_try_again while another
+  // holder keeps it (`busy`), else the reason the file could not be opened or locked.
+  struct Acquired {
+    std::unique_ptr<FileLock> lock;
+    std::error_code error;
+
+    explicit operator bool() const { return lock != nullptr; }
+    FileLock* operator->() const { return lock.get(); }
+    bool busy() const { return error == std::errc::resource_unavailable_try_again; }
+  };
+
+  // Creates the parent folder unless `createFolder` is false (ignoring failure), opens the file
+  // read-write (0644, never through a link, close-on-exec) and takes an exclusive flock, waiting
+  // up to `timeout` for a holder elsewhere to let go (polled every 10 ms; no wait by default);
+  // fails at once when the file cannot be opened.
+  static Acquired acquire(const std::filesystem::path& url, std::chrono::milliseconds timeout = {},
+                          bool createFolder = true);
 
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;

@@ -152,7 +152,7 @@ TEST(JSONStoreUpdate, WaitsForAnotherWriterThenGivesUp) {
   ASSERT_TRUE(other);
   std::thread release([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    other.reset();
+    other.lock.reset();
   });
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(addOne(file), (Counts{0}));  // got it once the other writer let go

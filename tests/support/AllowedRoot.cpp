@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 AllowedRoot::AllowedRoot() {
   // Tests in other processes may be creating or removing /Library at the same time.
-  while (!(lock_ = FileLock::acquire("/tmp/kestrel-allowed-root.lock")))
+  while (!(lock_ = FileLock::acquire("/tmp/kestrel-allowed-root.lock").lock))
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   createdLibrary_ = !fs::exists("/Library");
   createdCaches_ = !fs::exists("/Library/Caches");

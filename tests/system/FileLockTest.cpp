@@ -58,18 +58,18 @@ TEST(FileLock, SecondProcessWaitsForReleaseOrExit) {
     const fs::path file = h.paths().lockFile();  // the folder does not exist yet
     Child child = lockInChild(file, release);
     ASSERT_EQ(readByte(child.fromChild), 'L');
-    EXPECT_EQ(FileLock::acquire(file), nullptr);
-    EXPECT_EQ(FileLock::acquire(file), nullptr);
+    EXPECT_TRUE(FileLock::acquire(file).busy());
+    EXPECT_TRUE(FileLock::acquire(file, std::chrono::milliseconds(30)).busy());
     char go = 'g';
     ASSERT_EQ(::write(child.toChild, &go, 1), 1);
     if (release) {
       ASSERT_EQ(readByte(child.fromChild), 'R');
-      EXPECT_NE(FileLock::acquire(file), nullptr);
+      EXPECT_TRUE(FileLock::acquire(file));
       ASSERT_EQ(::write(child.toChild, &go, 1), 1);
     }
     ::waitpid(child.pid, nullptr, 0);
     auto lock = FileLock::acquire(file);
-    ASSERT_NE(lock, nullptr);
+    ASSERT_TRUE(lock);
     EXPECT_TRUE(::fcntl(lock->fd(), F_GETFD) & FD_CLOEXEC);
     ::close(child.toChild);
     ::close(child.fromChild);
@@ -79,13 +79,13 @@ TEST(FileLock, SecondProcessWaitsForReleaseOrExit) {
 TEST(FileLock, ChildToolsDoNotInheritTheLock) {
   ScratchHome h;
   auto lock = FileLock::acquire(h.paths().lockFile());
-  ASSERT_NE(lock, nullptr);
+  ASSERT_TRUE(lock);
   // A child that outlives this check would keep an inherited lock; its descriptor list shows none.
   auto r = Shell::run("/bin/sh", {"-c", "ls -l /proc/self/fd"}, 5);
   ASSERT_TRUE(r.ok()) << r.stderr;
   EXPECT_EQ(r.stdout.find("agent.lock"), std::string::npos) << r.stdout;
   lock->release();
-  EXPECT_NE(FileLock::acquire(h.paths().lockFile()), nullptr);
+  EXPECT_TRUE(FileLock::acquire(h.paths().lockFile()));
 }
 
 TEST(FileLock, RefusesALinkAndAFolder) {
@@ -93,8 +93,9 @@ TEST(FileLock, RefusesALinkAndAFolder) {
   h.file("real.lock");
   h.link("link.lock", h.path("real.lock"));
   h.folder("dir.lock");
-  EXPECT_EQ(FileLock::acquire(h.path("link.lock")), nullptr);
-  EXPECT_EQ(FileLock::acquire(h.path("dir.lock")), nullptr);
+  // Not held by anyone, so the error says why it cannot be opened.
+  EXPECT_EQ(FileLock::acquire(h.path("link.lock")).error, std::errc::too_many_symbolic_link_levels);
+  EXPECT_EQ(FileLock::acquire(h.path("dir.lock")).error, std::errc::is_a_directory);
 }
 
 }  // namespace
