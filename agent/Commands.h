@@ -33,8 +33,7 @@ int runForecast(Context& context);
 // (InsightCommands.cpp).
 int runGrowth(Context& context);
 // "shred-watch": watches the shredder's folders until its settings switch it off
-// (ShredderCommands.cpp). Test knobs: KESTREL_SHRED_TICK_SECONDS (the 900-second timer) and
-// KESTREL_SHRED_DEBOUNCE_SECONDS (the 5-second quiet time before a sweep).
+// (ShredderCommands.cpp); its quiet time and timer come from the services.
 int runShredWatch(Context& context);
 // "shred-now": one sweep, one line per event or "Nothing to shred." (ShredderCommands.cpp).
 int runShredNow(Context& context);

@@ -8,24 +8,13 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <deque>
 #include <mutex>
 
 namespace kestrel::agent {
 namespace {
 
-constexpr double kTickSeconds = 900;
 constexpr size_t kHistoryLines = 40;
-
-// Seconds from a test knob in the environment, else `fallback`; only positive numbers count.
-double secondsFromEnvironment(const char* name, double fallback) {
-  const char* text = std::getenv(name);
-  if (!text || !*text) return fallback;
-  char* end = nullptr;
-  const double value = std::strtod(text, &end);
-  return (end && *end == '\0' && value > 0 && value < 1e7) ? value : fallback;
-}
 
 void printEvents(const Context& ctx, const std::vector<ShredEvent>& events, bool notifyEach) {
   if (events.empty()) return;
@@ -82,10 +71,8 @@ int runShredWatch(Context& ctx) {
   ShredderEngine engine(ctx.paths, *config, settings, ctx.services);
   // Every sweep acts on the settings files as they are then, and a change of them is watched.
   engine.followSettingsFiles();
-  // Test knobs: the watcher's quiet time before a sweep and the periodic timer.
-  engine.setDebounce(std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_DEBOUNCE_SECONDS", 5.0)));
-  const auto tick = std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-      std::chrono::duration<double>(secondsFromEnvironment("KESTREL_SHRED_TICK_SECONDS", kTickSeconds)));
+  engine.setDebounce(ctx.services.shredderDebounce);
+  const auto tick = std::chrono::duration_cast<std::chrono::steady_clock::duration>(ctx.services.shredderTick);
 
   std::string names;
   for (const auto& folder : engine.watchedURLs()) names += (names.empty() ? "" : ", ") + folder.filename().string();

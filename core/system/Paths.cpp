@@ -1,7 +1,6 @@
 // Paths: data locations under one home folder, legacy migration and the support folders.
 #include "core/system/Paths.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -138,48 +137,21 @@ Paths::Paths(const fs::path& home, Layout layout, const XdgDirs& xdg)
   }
 }
 
-Layout layoutFromEnvironment() {
-  // The other system's table, on request: for tests, and to try a copied home.
-  const char* chosen = std::getenv("KESTREL_LAYOUT");
-  if (chosen && std::string_view(chosen) == "macos") return Layout::macos;
-  if (chosen && std::string_view(chosen) == "linux") return Layout::linux;
-  return hostLayout();
-}
-
 fs::path Paths::launchAgentFile(std::string_view label, std::string_view extension) const {
   std::string name(label);
   name += extension;
   return launchAgentsDir() / name;
 }
 
-Paths Paths::fromEnvironment() {
-  const Layout layout = layoutFromEnvironment();
-  XdgDirs xdg;
-  auto env = [](const char* name) {
-    const char* v = std::getenv(name);
-    return v ? fs::path(v) : fs::path();
-  };
-  xdg.config = env("XDG_CONFIG_HOME");
-  xdg.cache = env("XDG_CACHE_HOME");
-  xdg.data = env("XDG_DATA_HOME");
-  xdg.state = env("XDG_STATE_HOME");
-  // Tests point the system's own folders (the crash reports) into a scratch folder.
-  const char* root = std::getenv("KESTREL_SYSTEM_ROOT");
-  const fs::path systemRoot = root && root[0] == '/' ? fs::path(root) : fs::path("/");
-  const char* home = std::getenv("HOME");
-  if (home && home[0] == '/') return Paths(home, layout, xdg).withSystemRoot(systemRoot);
-  // No usable HOME: ask the password database, as login shells do.
-  std::vector<char> buf(16384);
-  struct passwd pw {};
-  struct passwd* result = nullptr;
-  if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &result) == 0 && result && result->pw_dir)
-    return Paths(result->pw_dir, layout, xdg).withSystemRoot(systemRoot);
-  return Paths("/", layout, xdg).withSystemRoot(systemRoot);
-}
-
 Paths Paths::withSystemRoot(const fs::path& root) const {
   Paths copy = *this;
   copy.systemRoot_ = standardizedPath(root);
+  return copy;
+}
+
+Paths Paths::withVolumesRoot(const fs::path& root) const {
+  Paths copy = *this;
+  copy.volumesRoot_ = root.empty() ? root : standardizedPath(root);
   return copy;
 }
 

@@ -32,8 +32,6 @@ fs::path realFolderPath(const fs::path& p);
 // is the default, so tests on one system can exercise the other's against a scratch home.
 enum class Layout { macos, linux };
 Layout hostLayout();
-// KESTREL_LAYOUT ("macos" or "linux") when set to one of those, else the host's.
-Layout layoutFromEnvironment();
 
 // The base folders of a Linux home (`XDG_*_HOME`). An empty or relative value means the default
 // under the home folder.
@@ -47,10 +45,6 @@ class Paths {
   // The home folder is resolved once to its real path (when it exists): that real folder is the
   // trusted anchor every walk and removal starts from, however HOME reaches it.
   explicit Paths(const fs::path& home, Layout layout = hostLayout(), const XdgDirs& xdg = {});
-
-  // HOME when set and absolute, else the password database's entry for the current user; the
-  // `XDG_*_HOME` variables that hold absolute paths; the layout of layoutFromEnvironment.
-  static Paths fromEnvironment();
 
   const fs::path& home() const { return home_; }
   Layout layout() const { return layout_; }
@@ -85,6 +79,10 @@ class Paths {
   // Where the system's crash handler (apport) writes the reports of crashed programs (Linux).
   fs::path systemCrashDir() const { return systemRoot_ / "var/crash"; }
   Paths withSystemRoot(const fs::path& root) const;
+  // Below which other volumes' Trash folders are looked for: "/" for the real program, nothing
+  // (no other volume at all) unless set, so a home built in a test never reaches a real disk.
+  const fs::path& volumesRoot() const { return volumesRoot_; }
+  Paths withVolumesRoot(const fs::path& root) const;
 
   // The system's own folders. macOS keeps everything in one support folder; Linux follows the
   // platform's conventions: what the user edits in the config folder, history, logs and locks in
@@ -166,6 +164,7 @@ class Paths {
 
   fs::path home_;
   fs::path systemRoot_ = "/";
+  fs::path volumesRoot_;
   Layout layout_ = Layout::linux;
   XdgDirs xdg_;
   fs::path downloads_, desktop_;

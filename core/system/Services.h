@@ -42,6 +42,9 @@ struct Services {
   std::function<SystemState(const Paths&)> probe;
   // Makes a folder watcher (the platform's own by default; tests hand in a fake).
   std::function<std::unique_ptr<FolderWatcher>()> makeFolderWatcher;
+  // The Shredder watcher's quiet time before a sweep, and its periodic timer.
+  std::chrono::duration<double> shredderDebounce{5.0};
+  std::chrono::duration<double> shredderTick{900.0};
 
   // A copy with every empty member set to the real service (volumeOf stays empty).
   Services withDefaults() const;

@@ -321,10 +321,9 @@ std::vector<fs::path> otherVolumeTrashes(const Paths& paths) {
   const bool haveHome = ::stat(paths.home().c_str(), &homeStat) == 0;
   // Tests confine the search to their own scratch mounts, so a developer's real USB stick is never
   // offered to (and emptied by) a test's clean.
-  const char* confined = std::getenv("KESTREL_VOLUMES_ROOT");
-  const fs::path volumesRoot = confined && *confined == '/' ? fs::path(confined) : fs::path("/");
+  if (paths.volumesRoot().empty()) return out;
   for (const auto& top : mountPoints()) {
-    const std::string point = top.string(), root = volumesRoot.string();
+    const std::string point = top.string(), root = paths.volumesRoot().string();
     if (root != "/" && point != root && point.rfind(root + "/", 0) != 0) continue;
     // Anyone who can write a volume can plant names in it: every folder on the way is opened
     // without following a link, and only the user's own folders count.

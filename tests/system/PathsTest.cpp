@@ -1,4 +1,5 @@
 // Paths: derived locations, standardisation, legacy migration and the support folders.
+#include "core/system/Environment.h"
 #include "core/system/Paths.h"
 
 #include "tests/support/ScratchHome.h"
@@ -56,13 +57,30 @@ TEST(Paths, StandardisesHome) {
   EXPECT_EQ(standardizedPath("//").string(), "/");
 }
 
-TEST(Paths, FromEnvironmentUsesHomeThenPasswordDatabase) {
+TEST(Environment, HomeThenPasswordDatabaseAndTheKnobsOfTests) {
   {
     test::ScopedEnv env("HOME", "/tmp/some home/");
-    EXPECT_EQ(Paths::fromEnvironment().home().string(), "/tmp/some home");
+    test::ScopedEnv layout("KESTREL_LAYOUT", "linux");
+    test::ScopedEnv root("KESTREL_SYSTEM_ROOT", "/tmp/sys");
+    test::ScopedEnv volumes("KESTREL_VOLUMES_ROOT", "relative/ignored");
+    const Paths p = Environment::paths();
+    EXPECT_EQ(p.home().string(), "/tmp/some home");
+    EXPECT_EQ(p.layout(), Layout::linux);
+    EXPECT_EQ(p.systemRoot(), "/tmp/sys");
+    EXPECT_EQ(p.volumesRoot(), "/");
   }
   test::ScopedEnv env("HOME", "relative/path");
-  EXPECT_TRUE(Paths::fromEnvironment().home().is_absolute());
+  EXPECT_TRUE(Environment::paths().home().is_absolute());
+  EXPECT_EQ(Environment::paths().layout(), Layout::macos);  // as every test process sets it
+  const struct Case {
+    const char* text;
+    double seconds;
+  } cases[] = {{"0.2", 0.2}, {"0", 5.0}, {"-1", 5.0}, {"5s", 5.0}, {"", 5.0}};
+  for (const auto& c : cases) {
+    test::ScopedEnv debounce("KESTREL_SHRED_DEBOUNCE_SECONDS", c.text);
+    EXPECT_EQ(Environment::services().shredderDebounce.count(), c.seconds) << c.text;
+  }
+  EXPECT_TRUE(Paths("/home/me").volumesRoot().empty()) << "no other volume unless asked for";
 }
 
 TEST(Paths, UserDirsFileNamesTheLocalisedDownloadFolder) {

@@ -86,8 +86,7 @@ TEST(Trash, ItemOnAnotherVolumeGoesToThatVolumesTrash) {
   const fs::path volume = h.outside("usb");
   const test::ScratchVolume mounted(volume);
   if (!mounted.mounted()) GTEST_SKIP() << "needs root to mount a scratch volume";
-  const test::ScopedEnv volumes("KESTREL_VOLUMES_ROOT", volume.string());
-  const Paths paths = h.linuxPaths();
+  const Paths paths = h.linuxPaths().withVolumesRoot(volume);
   const std::string uid = std::to_string(::getuid());
   h.file("../outside/usb/first.bin", 100);
   EXPECT_EQ(trash(paths, volume / "first.bin"), volume / (".Trash-" + uid) / "files/first.bin");
