@@ -6,7 +6,7 @@
 #include "core/model/AppConfig.h"
 #include "core/store/ConfigStore.h"
 #include "core/base/ByteFormat.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 
 #include <cmath>
 #include <limits>

@@ -1,6 +1,6 @@
 // Benchmark: FS::allocatedSize over a folder, median wall time of several runs and peak RSS.
 // Usage: allocated_size <folder> [runs]
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 
 #include <sys/resource.h>
 

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "core/store/AuditLog.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 #include "core/store/JSONStore.h"
 
 using namespace kestrel;

@@ -1,6 +1,6 @@
 // Benchmark: GrowthTracker.takeSnapshot against GNU du -s over the same folders; cancel latency.
 #include "core/insights/GrowthTracker.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <algorithm>
 #include <atomic>

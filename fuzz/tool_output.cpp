@@ -9,8 +9,8 @@
 
 #include "core/scan/scanners/Scanners.h"
 #include "core/system/Paths.h"
-#include "core/system/SystemProbe.h"
-#include "core/system/Trash.h"
+#include "core/system/process/SystemProbe.h"
+#include "core/system/fs/Trash.h"
 #include "fuzz/Check.h"
 
 using namespace kestrel;

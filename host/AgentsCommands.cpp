@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "core/shredder/ShredderStore.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "host/Host.h"
 
 namespace kestrel::host {

@@ -1,7 +1,7 @@
 // The host command line's runner: one CLI11 application, the command groups, exit statuses.
 #include "host/Host.h"
 
-#include "core/system/Process.h"
+#include "core/system/process/Process.h"
 
 namespace kestrel::host {
 

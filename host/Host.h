@@ -12,7 +12,7 @@
 #include "core/base/Dates.h"
 #include "core/base/Json.h"
 #include "core/system/Paths.h"
-#include "core/system/ServiceManager.h"
+#include "core/system/process/ServiceManager.h"
 #include "core/system/Services.h"
 
 namespace kestrel::host {

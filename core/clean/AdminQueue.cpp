@@ -7,8 +7,8 @@
 #include "core/safety/SafetyPolicy.h"
 #include "core/store/AuditLog.h"
 #include "core/store/JSONStore.h"
-#include "core/system/FS.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileLock.h"
 
 namespace kestrel {
 

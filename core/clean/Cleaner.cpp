@@ -2,8 +2,8 @@
 #include "core/clean/Cleaner.h"
 
 #include "core/clean/CloudFiles.h"
-#include "core/system/Trash.h"
-#include "core/system/FS.h"
+#include "core/system/fs/Trash.h"
+#include "core/system/fs/FS.h"
 #include "core/clean/Explain.h"
 
 #include <sys/stat.h>

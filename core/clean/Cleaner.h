@@ -11,9 +11,9 @@
 #include "core/model/TriggerSource.h"
 #include "core/model/AppConfig.h"
 #include "core/store/AuditLog.h"
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 #include "core/system/Services.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <functional>
 #include <optional>

@@ -3,9 +3,9 @@
 
 #include "core/safety/CloudRoots.h"
 #include "core/safety/SafetyPolicy.h"
-#include "core/system/CloudItem.h"
-#include "core/system/FS.h"
-#include "core/system/Shell.h"
+#include "core/system/fs/CloudItem.h"
+#include "core/system/fs/FS.h"
+#include "core/system/process/Shell.h"
 
 #include <cmath>
 #include <system_error>

@@ -1,11 +1,11 @@
 // Privileged session: start (folder, pipes, prompt, handshake), send, run with restart and
 // fallback, and the batch removal of AdminRunner.
 #include "core/clean/PrivilegedSession.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 #include "core/base/Text.h"
 #include "core/clean/AdminCommand.h"
-#include "core/system/AdminPrompt.h"
+#include "core/system/process/AdminPrompt.h"
 #include "core/store/JSONStore.h"
 #include "core/base/UniqueFd.h"
 

@@ -4,7 +4,7 @@
 
 #include "core/system/Paths.h"
 #include "core/system/Services.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <cstdint>
 #include <functional>

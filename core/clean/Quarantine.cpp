@@ -2,7 +2,7 @@
 #include "core/clean/Quarantine.h"
 
 #include "core/clean/QuarantineJournal.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -15,11 +15,11 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "core/system/Durability.h"
-#include "core/system/FileStat.h"
-#include "core/system/SafeFiles.h"
-#include "core/system/FS.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/Durability.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/SafeFiles.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileLock.h"
 #include "core/store/JSONStore.h"
 #include "core/base/UniqueFd.h"
 #include "core/system/Uuid.h"

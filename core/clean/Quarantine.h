@@ -22,7 +22,7 @@
 #include "core/base/UniqueFd.h"
 #include "core/system/Paths.h"
 #include "core/system/Services.h"
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 
 namespace kestrel {
 

@@ -5,7 +5,7 @@
 #include "core/base/Json.h"
 #include "core/base/UniqueFd.h"
 #include "core/clean/Quarantine.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 #include <filesystem>
 #include <optional>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "core/base/Dates.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "core/base/Json.h"
 #include "core/system/Paths.h"
 

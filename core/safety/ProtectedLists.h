@@ -2,7 +2,7 @@
 // system locations and the allowed locations outside the home folder.
 #pragma once
 
-#include "core/system/TopLevelFolders.h"
+#include "core/system/fs/TopLevelFolders.h"
 
 #include <array>
 #include <string_view>

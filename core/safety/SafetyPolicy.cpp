@@ -3,7 +3,7 @@
 
 #include "core/safety/CloudRoots.h"
 #include "core/system/PathRules.h"
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 #include "core/safety/ProtectedLists.h"
 
 #include <fcntl.h>

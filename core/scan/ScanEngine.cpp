@@ -1,7 +1,7 @@
 // Scan engine: parallel scanner threads, throttled progress, ownership and de-duplication.
 #include "core/scan/ScanEngine.h"
 
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <algorithm>
 #include <exception>

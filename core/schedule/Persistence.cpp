@@ -3,7 +3,7 @@
 #include "core/schedule/Persistence.h"
 
 #include "core/store/JSONStore.h"
-#include "core/system/QuietRead.h"
+#include "core/system/fs/QuietRead.h"
 
 #include <plist/plist.h>
 #include <sys/stat.h>

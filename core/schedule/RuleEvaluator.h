@@ -3,7 +3,7 @@
 
 #include "core/base/Dates.h"
 #include "core/model/ScheduleRule.h"
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 #include <optional>
 #include <string>

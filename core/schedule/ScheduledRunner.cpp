@@ -14,7 +14,7 @@
 #include "core/store/ConfigStore.h"
 #include "core/store/RuleStore.h"
 #include "core/store/JSONStore.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 
 #include <date/tz.h>
 

@@ -6,7 +6,7 @@
 #include "core/model/CleanReport.h"
 #include "core/system/Paths.h"
 #include "core/system/Services.h"
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 #include <filesystem>
 #include <functional>

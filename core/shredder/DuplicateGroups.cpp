@@ -8,8 +8,8 @@
 #include <atomic>
 
 #include "core/base/Workers.h"
-#include "core/system/FileHash.h"
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileHash.h"
+#include "core/system/fs/FileStat.h"
 
 namespace kestrel::DuplicateGroups {
 namespace {

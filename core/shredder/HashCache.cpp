@@ -1,8 +1,8 @@
 // HashCache: one text line per file ("dev ino size mtime ctime hash"), rewritten atomically.
 #include "core/shredder/HashCache.h"
 
-#include "core/system/FileStat.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/StoreFile.h"
 
 #include <cinttypes>
 #include <cstdio>

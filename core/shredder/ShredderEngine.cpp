@@ -16,12 +16,12 @@
 #include "core/shredder/ShredderStore.h"
 #include "core/store/ConfigStore.h"
 #include "core/store/JSONStore.h"
-#include "core/system/FS.h"
-#include "core/system/FileHash.h"
-#include "core/system/FileLock.h"
-#include "core/system/FileStat.h"
-#include "core/system/StoreFile.h"
-#include "core/system/Trash.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileHash.h"
+#include "core/system/fs/FileLock.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/StoreFile.h"
+#include "core/system/fs/Trash.h"
 #include "core/system/Uuid.h"
 
 namespace kestrel {

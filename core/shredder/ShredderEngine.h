@@ -11,9 +11,9 @@
 #include "core/shredder/ShredReviewQueue.h"
 #include "core/shredder/ShredderModel.h"
 #include "core/store/AuditLog.h"
-#include "core/system/FolderWatcher.h"
+#include "core/system/fs/FolderWatcher.h"
 #include "core/system/Paths.h"
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 #include "core/system/Services.h"
 
 #include <atomic>

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "core/base/Json.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 #include "core/system/Paths.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 #include <chrono>
 #include <cstddef>

@@ -2,7 +2,7 @@
 #include "core/store/JsonLines.h"
 
 #include "core/base/UniqueFd.h"
-#include "core/system/Durability.h"
+#include "core/system/fs/Durability.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

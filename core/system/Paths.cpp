@@ -9,7 +9,7 @@
 #include <iterator>
 #include <vector>
 
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 namespace kestrel {
 

@@ -1,9 +1,9 @@
 // Services: the real clock, tools, prompt, notifications and file-system answers.
 #include "core/system/Services.h"
 
-#include "core/system/AdminPrompt.h"
-#include "core/system/CloudItem.h"
-#include "core/system/Notification.h"
+#include "core/system/process/AdminPrompt.h"
+#include "core/system/fs/CloudItem.h"
+#include "core/system/process/Notification.h"
 
 #include <fcntl.h>
 #include <unistd.h>

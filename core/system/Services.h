@@ -3,9 +3,9 @@
 #pragma once
 
 #include "core/base/Dates.h"
-#include "core/system/FolderWatcher.h"
-#include "core/system/Shell.h"
-#include "core/system/SystemProbe.h"
+#include "core/system/fs/FolderWatcher.h"
+#include "core/system/process/Shell.h"
+#include "core/system/process/SystemProbe.h"
 
 #include <chrono>
 #include <filesystem>

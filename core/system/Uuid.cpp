@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "core/system/SafeFiles.h"
+#include "core/system/fs/SafeFiles.h"
 
 namespace kestrel::Uuid {
 namespace {

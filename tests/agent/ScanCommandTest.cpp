@@ -1,7 +1,7 @@
 // The "scan" command in process: the table's padding and order, the empty scan and the JSON form.
 #include "core/base/ByteFormat.h"
 #include "core/base/Json.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "tests/agent/RunInProcess.h"
 
 #include <gtest/gtest.h>

@@ -12,7 +12,7 @@
 #include <tuple>
 
 #include "core/clean/Cleaner.h"
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/Immutable.h"
 #include "tests/support/ScratchHome.h"

@@ -4,7 +4,7 @@
 
 #include "core/base/Text.h"
 #include "core/clean/AdminCommand.h"
-#include "core/system/AdminPrompt.h"
+#include "core/system/process/AdminPrompt.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Wait.h"
 

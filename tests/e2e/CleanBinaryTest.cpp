@@ -4,7 +4,7 @@
 #include "core/base/Json.h"
 #include "core/base/Text.h"
 #include "core/store/AuditLog.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "tests/support/FakeTools.h"
 #include "tests/e2e/RunAgent.h"
 

@@ -7,7 +7,7 @@
 
 #include "core/clean/AdminQueue.h"
 #include "core/store/AuditLog.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/AllowedRoot.h"
 #include "tests/support/FakeTools.h"

@@ -3,7 +3,7 @@
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/ScratchVolume.h"
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

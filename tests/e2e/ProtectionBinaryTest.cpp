@@ -2,7 +2,7 @@
 // and settings look like (each reproduces a careless setup).
 #include "tests/e2e/RunAgent.h"
 
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 // Runs the built agent binary in a child process with a controlled environment.
 #include "tests/e2e/RunAgent.h"
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <cstdlib>
 

@@ -2,7 +2,7 @@
 #include "core/safety/SafetyPolicy.h"
 #include "core/base/ByteFormat.h"
 #include "core/base/Json.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include "tests/e2e/RunAgent.h"
 

@@ -2,7 +2,7 @@
 #include "core/clean/Quarantine.h"
 #include "core/shredder/ShredderStore.h"
 #include "core/store/ConfigStore.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/Wait.h"

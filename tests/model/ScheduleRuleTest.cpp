@@ -7,7 +7,7 @@
 #include <set>
 
 #include "core/model/ScheduleRule.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 #include "core/store/JSONStore.h"
 #include "core/store/RuleStore.h"
 #include "core/system/Uuid.h"

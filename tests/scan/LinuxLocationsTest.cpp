@@ -1,7 +1,7 @@
 // The Linux location tables: every row finds what a Linux home keeps there, and nothing beside
 // it; the macOS-only categories find nothing in a Linux home.
 #include "core/scan/scanners/Scanners.h"
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 
 #include "tests/support/ScratchHome.h"
 

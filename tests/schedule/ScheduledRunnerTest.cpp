@@ -10,7 +10,7 @@
 #include "core/store/AuditLog.h"
 #include "core/store/JSONStore.h"
 #include "core/store/RuleStore.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 #include "tests/support/FakeTools.h"
 #include "tests/support/ScratchHome.h"
 

@@ -1,5 +1,5 @@
 // The layer check: the tree as it is passes, and an include from a higher layer is caught and named.
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 #include "tests/support/ScratchHome.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // reads that tell missing from damaged, and the one read-modify-write with its bounded wait.
 #include "core/insights/GrowthTracker.h"
 #include "core/store/JSONStore.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 #include "tests/support/Processes.h"
 #include "tests/support/ScratchHome.h"
 

@@ -2,7 +2,7 @@
 #include "tests/support/AllowedRoot.h"
 
 #include "core/clean/PrivilegedSession.h"
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 
 #include <chrono>
 #include <thread>

@@ -4,7 +4,7 @@
 
 #include <filesystem>
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 namespace kestrel::test {
 

@@ -1,5 +1,5 @@
 // FS: links are never followed, hidden Finder files are not children, sizes count regular files.
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 
 #include "tests/support/ScratchHome.h"
 

@@ -1,6 +1,6 @@
 // FileHash: files of one length read side by side are each read once, hashed as when read alone,
 // and grouped by equal bytes; a file that is no longer the one listed is left out.
-#include "core/system/FileHash.h"
+#include "core/system/fs/FileHash.h"
 
 #include "tests/support/ScratchHome.h"
 

@@ -1,7 +1,7 @@
 // FileLock: exclusion across processes, release, and no inheritance by child processes.
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 #include "tests/support/ScratchHome.h"
 
 #include <fcntl.h>

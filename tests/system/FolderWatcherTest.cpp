@@ -1,5 +1,5 @@
 // FolderWatcher: the platform's watcher reports changes in watched folders only, until stopped.
-#include "core/system/FolderWatcher.h"
+#include "core/system/fs/FolderWatcher.h"
 #include "tests/support/ScratchHome.h"
 #include "tests/support/Wait.h"
 

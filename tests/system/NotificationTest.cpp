@@ -1,5 +1,5 @@
 // Notifications: the escaped script text, and a post that needs no tool to be there.
-#include "core/system/Notification.h"
+#include "core/system/process/Notification.h"
 #include "core/system/Services.h"
 #include "tests/support/FakeTools.h"
 

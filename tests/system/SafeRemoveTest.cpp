@@ -12,7 +12,7 @@
 #include <random>
 #include <thread>
 
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 #include "tests/support/ScratchHome.h"
 #include "tests/support/ScratchVolume.h"
 

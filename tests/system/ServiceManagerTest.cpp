@@ -6,7 +6,7 @@
 #include <fstream>
 #include <map>
 
-#include "core/system/ServiceManager.h"
+#include "core/system/process/ServiceManager.h"
 #include "tests/support/FakeTools.h"
 
 namespace kestrel {

@@ -1,5 +1,5 @@
 // Shell: resolution, exact arguments, time-outs, large outputs and unreadable output.
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include "tests/support/FakeTools.h"
 

@@ -1,6 +1,6 @@
 // System probe: each source's parser on captured output, and the sysfs and /proc readers on
 // scratch folders laid out like the kernel's.
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 #include "tests/support/ScratchHome.h"
 

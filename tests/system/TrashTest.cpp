@@ -1,6 +1,6 @@
 // The freedesktop Trash: the size line a trashed folder gets, what leaving the Trash takes with it,
 // and the Trash of another volume.
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 
 #include "core/safety/SafetyPolicy.h"
 #include "tests/support/ScratchHome.h"

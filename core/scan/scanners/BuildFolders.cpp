@@ -3,7 +3,7 @@
 
 #include "core/base/UniqueFd.h"
 #include "core/scan/scanners/Locations.h"
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <algorithm>
 #include <optional>

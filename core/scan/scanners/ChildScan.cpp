@@ -1,7 +1,7 @@
 // The shared child-listing walk of the folder scanners.
 #include "core/scan/scanners/ChildScan.h"
 
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <fcntl.h>
 

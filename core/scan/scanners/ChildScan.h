@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/scan/ScanEngine.h"
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "core/base/UniqueFd.h"
 
 #include <sys/stat.h>

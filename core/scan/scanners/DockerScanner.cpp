@@ -2,8 +2,8 @@
 #include "core/scan/scanners/Scanners.h"
 
 #include "core/base/Json.h"
-#include "core/system/FS.h"
-#include "core/system/FileStat.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileStat.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,5 +1,5 @@
 // iPhone/iPad backups: each backup folder, named after its device from the backup's "Info.plist".
-#include "core/system/QuietRead.h"
+#include "core/system/fs/QuietRead.h"
 #include "core/scan/scanners/ChildScan.h"
 #include "core/scan/scanners/Scanners.h"
 

@@ -1,7 +1,7 @@
 // The location rows: resolving a row's base and pattern, and visiting what it finds.
 #include "core/scan/scanners/Locations.h"
 
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // Logs: log folders and files in the user's log folders untouched for logAgeDays.
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 #include "core/scan/scanners/Locations.h"
 #include "core/scan/scanners/Scanners.h"
 

@@ -13,9 +13,9 @@
 
 #include "core/scan/scanners/BuildFolders.h"
 #include "core/scan/scanners/Scanners.h"
-#include "core/system/FS.h"
-#include "core/system/FileStat.h"
-#include "core/system/SafeFiles.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/SafeFiles.h"
 
 namespace kestrel {
 namespace {

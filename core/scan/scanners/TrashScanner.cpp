@@ -1,7 +1,7 @@
 // Trash: everything in the user's Trash folders, whatever its age or size.
 #include "core/scan/scanners/Locations.h"
 #include "core/scan/scanners/Scanners.h"
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 
 namespace kestrel {
 namespace {

@@ -1,5 +1,5 @@
 // The administrator prompt on Linux: polkit's pkexec running the command through /bin/sh.
-#include "core/system/AdminPrompt.h"
+#include "core/system/process/AdminPrompt.h"
 
 namespace kestrel::platform {
 

@@ -1,5 +1,5 @@
 // Cloud placeholders on Linux: there are none, and no cloud document service to evict through.
-#include "core/system/CloudItem.h"
+#include "core/system/fs/CloudItem.h"
 
 #include <stdexcept>
 

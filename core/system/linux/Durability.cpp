@@ -1,5 +1,5 @@
 // Flushing to disk on Linux: fsync.
-#include "core/system/Durability.h"
+#include "core/system/fs/Durability.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // File queries on Linux: getdents64 listings, statx with only the fields asked for, O_NOATIME.
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <dirent.h>
 #include <fcntl.h>

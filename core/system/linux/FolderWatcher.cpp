@@ -1,5 +1,5 @@
 // Folder watching on Linux: one inotify descriptor read by one thread that blocks in poll().
-#include "core/system/FolderWatcher.h"
+#include "core/system/fs/FolderWatcher.h"
 
 #include "core/base/UniqueFd.h"
 

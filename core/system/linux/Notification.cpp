@@ -1,7 +1,7 @@
 // User notifications on Linux: notify-send (libnotify) when it is installed.
-#include "core/system/Notification.h"
+#include "core/system/process/Notification.h"
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 namespace kestrel::platform {
 

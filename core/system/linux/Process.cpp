@@ -1,5 +1,5 @@
 // Process plumbing on Linux: pipe2 sets close-on-exec atomically.
-#include "core/system/Process.h"
+#include "core/system/process/Process.h"
 
 #include <fcntl.h>
 #include <unistd.h>

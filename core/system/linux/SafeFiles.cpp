@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "core/system/SafeFiles.h"
+#include "core/system/fs/SafeFiles.h"
 
 namespace kestrel::platform {
 

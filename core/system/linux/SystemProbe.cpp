@@ -1,5 +1,5 @@
 // The system probe on Linux: power supplies in sysfs, the session's idle time, /proc.
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
 // The administrator prompt on macOS: osascript's "do shell script … with administrator privileges".
-#include "core/system/AdminPrompt.h"
+#include "core/system/process/AdminPrompt.h"
 
 
 namespace kestrel::platform {

@@ -1,5 +1,5 @@
 // Cloud placeholders on macOS: the dataless flag of the file system, and the cloud tools' fallback.
-#include "core/system/CloudItem.h"
+#include "core/system/fs/CloudItem.h"
 
 #include <sys/stat.h>
 

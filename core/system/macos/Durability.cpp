@@ -1,5 +1,5 @@
 // Flushing to disk on macOS: F_FULLFSYNC, because plain fsync leaves data in the drive's cache.
-#include "core/system/Durability.h"
+#include "core/system/fs/Durability.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // File queries on macOS: readdir listings, fstatat, the added-to-folder date and volume flags.
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 #include <dirent.h>
 #include <fcntl.h>

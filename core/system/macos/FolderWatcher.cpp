@@ -1,5 +1,5 @@
 // Folder watching on macOS: libuv's uv_fs_event (FSEvents underneath) on a loop of its own thread.
-#include "core/system/FolderWatcher.h"
+#include "core/system/fs/FolderWatcher.h"
 
 #include <uv.h>
 

@@ -1,7 +1,7 @@
 // User notifications on macOS: osascript "display notification".
-#include "core/system/Notification.h"
+#include "core/system/process/Notification.h"
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 namespace kestrel::platform {
 

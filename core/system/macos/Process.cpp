@@ -1,5 +1,5 @@
 // Process plumbing on macOS: no pipe2, so close-on-exec is set right after creation.
-#include "core/system/Process.h"
+#include "core/system/process/Process.h"
 
 #include <fcntl.h>
 #include <mach-o/dyld.h>

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "core/system/SafeFiles.h"
+#include "core/system/fs/SafeFiles.h"
 
 namespace kestrel::platform {
 

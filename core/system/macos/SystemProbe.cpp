@@ -1,5 +1,5 @@
 // The system probe on macOS: pmset, ioreg and System Events through the tool runner.
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 namespace kestrel::platform {
 

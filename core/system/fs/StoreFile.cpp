@@ -1,7 +1,7 @@
 // Store files: whole-file reads that never block, and the atomic, durable replace.
-#include "core/system/StoreFile.h"
+#include "core/system/fs/StoreFile.h"
 
-#include "core/system/Durability.h"
+#include "core/system/fs/Durability.h"
 #include "core/system/Paths.h"
 #include "core/base/UniqueFd.h"
 

@@ -2,7 +2,7 @@
 // authorises it.
 #pragma once
 
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <string>
 #include <string_view>

@@ -1,5 +1,5 @@
 // FileHash: whole-file XXH3 through one descriptor opened without following links.
-#include "core/system/FileHash.h"
+#include "core/system/fs/FileHash.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "core/base/UniqueFd.h"
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 
 namespace kestrel::FileHash {
 namespace {

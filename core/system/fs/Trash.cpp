@@ -1,6 +1,6 @@
 // The Trash of both layouts: macOS "~/.Trash" with time-stamped names, and the freedesktop.org
 // Trash (info file first with O_EXCL, then a no-replace rename into "files") of every volume.
-#include "core/system/Trash.h"
+#include "core/system/fs/Trash.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -15,11 +15,11 @@
 #include <sstream>
 #include <system_error>
 
-#include "core/system/Durability.h"
-#include "core/system/FS.h"
-#include "core/system/FileStat.h"
-#include "core/system/SafeFiles.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/Durability.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/SafeFiles.h"
+#include "core/system/fs/StoreFile.h"
 
 namespace kestrel::platform {
 namespace {

@@ -1,5 +1,5 @@
 // The administrator command text of the system's script language, shared by every platform.
-#include "core/system/AdminPrompt.h"
+#include "core/system/process/AdminPrompt.h"
 
 #include "core/base/Text.h"
 

@@ -1,9 +1,9 @@
 // FS: file-system queries and the two-thread allocated-size walk.
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 
-#include "core/system/SafeFiles.h"
+#include "core/system/fs/SafeFiles.h"
 
-#include "core/system/FileStat.h"
+#include "core/system/fs/FileStat.h"
 #include "core/base/UniqueFd.h"
 #include "core/base/Workers.h"
 

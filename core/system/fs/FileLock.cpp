@@ -1,5 +1,5 @@
 // FileLock: flock on a close-on-exec descriptor so that child tools never inherit the lock.
-#include "core/system/FileLock.h"
+#include "core/system/fs/FileLock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -2,9 +2,9 @@
 // host's own sources, with the parsers of each source's text kept pure for tests.
 #pragma once
 
-#include "core/system/FS.h"
+#include "core/system/fs/FS.h"
 #include "core/system/Paths.h"
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
 #include <sys/types.h>
 

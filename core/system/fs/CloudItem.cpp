@@ -1,7 +1,7 @@
 // Cloud items on every platform: removal through the safe remover.
-#include "core/system/CloudItem.h"
+#include "core/system/fs/CloudItem.h"
 
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 
 namespace kestrel::platform {
 

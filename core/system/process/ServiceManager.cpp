@@ -1,6 +1,6 @@
 // ServiceManager: the launchd property lists of macOS and the systemd user units of Linux. Both
 // are plain text plus tool calls, so each is compiled and tested on every system.
-#include "core/system/ServiceManager.h"
+#include "core/system/process/ServiceManager.h"
 
 #include <plist/plist.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <system_error>
 
 #include "core/base/Text.h"
-#include "core/system/FS.h"
-#include "core/system/StoreFile.h"
+#include "core/system/fs/FS.h"
+#include "core/system/fs/StoreFile.h"
 
 namespace kestrel {
 namespace {

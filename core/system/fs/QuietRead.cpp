@@ -1,6 +1,6 @@
 // Quiet file reads: O_NOATIME where the system has it and the caller owns the file (macOS has no
 // such flag; its file system leaves the access times of reads alone).
-#include "core/system/QuietRead.h"
+#include "core/system/fs/QuietRead.h"
 
 #include "core/base/UniqueFd.h"
 

@@ -1,7 +1,7 @@
 // Shell: posix_spawn with two drained pipes, a polled deadline, terminate-then-kill.
-#include "core/system/Shell.h"
+#include "core/system/process/Shell.h"
 
-#include "core/system/Process.h"
+#include "core/system/process/Process.h"
 #include "core/base/UniqueFd.h"
 #include "core/base/Text.h"
 

@@ -8,7 +8,7 @@
 
 #include "core/base/Dates.h"
 #include "core/system/Paths.h"
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 
 namespace kestrel::platform {
 

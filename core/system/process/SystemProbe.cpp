@@ -1,5 +1,5 @@
 // System probe: the parsers of every source's text and the readers of sysfs and /proc.
-#include "core/system/SystemProbe.h"
+#include "core/system/process/SystemProbe.h"
 
 #include "core/base/UniqueFd.h"
 

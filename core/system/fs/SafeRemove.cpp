@@ -1,5 +1,5 @@
 // The safe remover: anchored, descriptor-relative resolution and an iterative, bounded tree walk.
-#include "core/system/SafeRemove.h"
+#include "core/system/fs/SafeRemove.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <utility>
 
-#include "core/system/FileStat.h"
-#include "core/system/SafeFiles.h"
-#include "core/system/TopLevelFolders.h"
+#include "core/system/fs/FileStat.h"
+#include "core/system/fs/SafeFiles.h"
+#include "core/system/fs/TopLevelFolders.h"
 
 namespace kestrel {
 namespace {

@@ -1,5 +1,5 @@
 // The notification script text, shared by every platform.
-#include "core/system/Notification.h"
+#include "core/system/process/Notification.h"
 
 #include "core/base/Text.h"
 
