@@ -18,7 +18,7 @@ Risk riskLimit(const std::optional<std::string>& text) {
 
 }  // namespace
 
-int runClean(Context& context) {
+int runClean(AgentContext& context) {
   const auto categoryText = context.option("--category");
   const auto category = categoryText ? categoryFromRaw(*categoryText) : std::nullopt;
   if (!category) {
@@ -64,7 +64,7 @@ int runClean(Context& context) {
   return 0;
 }
 
-int runQuarantine(Context& context) {
+int runQuarantine(AgentContext& context) {
   const std::string sub = context.args.empty() ? "list" : context.args[0];
   if ((sub == "restore" || sub == "purge") && context.args.size() >= 2 &&
       !isQuarantineSessionID(context.args[1])) {

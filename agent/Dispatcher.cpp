@@ -7,15 +7,15 @@
 
 namespace kestrel::agent {
 
-std::optional<std::string> Context::option(std::string_view name) const {
+std::optional<std::string> AgentContext::option(std::string_view name) const {
   auto it = std::find(args.begin(), args.end(), name);
   if (it == args.end() || it + 1 == args.end()) return std::nullopt;
   return *(it + 1);
 }
 
-bool Context::flag(std::string_view f) const { return std::find(args.begin(), args.end(), f) != args.end(); }
+bool AgentContext::flag(std::string_view f) const { return std::find(args.begin(), args.end(), f) != args.end(); }
 
-void Context::stamp(std::string_view message) const {
+void AgentContext::stamp(std::string_view message) const {
   out << Dates::iso8601(now()) << ' ' << message << '\n';
   out.flush();
 }
@@ -36,7 +36,7 @@ std::string usageText() {
 int runAgent(std::vector<std::string> args, const Paths& paths, std::ostream& out, const Services& services) {
   const std::string command = args.empty() ? "help" : args.front();
   if (!args.empty()) args.erase(args.begin());
-  Context ctx{std::move(args), paths, out, services.withDefaults()};
+  AgentContext ctx{std::move(args), paths, out, services.withDefaults()};
   for (const auto& c : commandTable()) {
     if (c.word == command) return c.handler(ctx);
   }

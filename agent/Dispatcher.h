@@ -16,7 +16,7 @@ namespace kestrel::agent {
 
 // What one command run sees: its arguments after the command word, the shared paths, where its
 // output goes, and the clock.
-struct Context {
+struct AgentContext {
   std::vector<std::string> args;
   Paths paths;
   std::ostream& out;
@@ -32,7 +32,7 @@ struct Context {
   void stamp(std::string_view message) const;
 };
 
-using Handler = int (*)(Context&);
+using Handler = int (*)(AgentContext&);
 
 struct Command {
   std::string_view word;

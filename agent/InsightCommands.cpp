@@ -63,7 +63,7 @@ std::optional<int64_t> parseDayCount(std::string_view text) {
   return -value;
 }
 
-int runForecast(Context& ctx) {
+int runForecast(AgentContext& ctx) {
   const auto& home = ctx.paths.home();
   if (auto space = FS::volumeSpace(home)) {
     ctx.out << "Free: " << ByteFormat::string(space->free) << " of "
@@ -86,7 +86,7 @@ int runForecast(Context& ctx) {
   return 0;
 }
 
-int runGrowth(Context& ctx) {
+int runGrowth(AgentContext& ctx) {
   // Positional on purpose: "growth --snapshot" has no day count and uses the default.
   const int64_t days = ctx.args.empty() ? kDefaultGrowthDays
                                         : parseDayCount(ctx.args[0]).value_or(kDefaultGrowthDays);

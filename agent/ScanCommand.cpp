@@ -18,7 +18,7 @@ std::string fit(const std::string& text, size_t width) {
 
 }  // namespace
 
-int runScan(Context& context) {
+int runScan(AgentContext& context) {
   const AppConfig config = ConfigStore(context.paths).load();
   std::set<CleanCategory> categories;
   for (CleanCategory c : allCategories())

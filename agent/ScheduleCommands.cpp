@@ -12,7 +12,7 @@
 namespace kestrel::agent {
 namespace {
 
-ScheduledRunner makeRunner(Context& ctx) {
+ScheduledRunner makeRunner(AgentContext& ctx) {
   return ScheduledRunner(
       ctx.paths, [&ctx](const std::string& line) { ctx.stamp(line); }, ctx.services.notify, ctx.services);
 }
@@ -26,7 +26,7 @@ const date::time_zone* userZone() {
 }
 
 // The rules file exists but does not decode: said as the tick says it; nothing runs.
-int reportDamaged(Context& ctx, const RuleStore& store, const std::string& reason) {
+int reportDamaged(AgentContext& ctx, const RuleStore& store, const std::string& reason) {
   ctx.out << store.damagedMessage(reason) << '\n';
   ctx.out.flush();
   return 1;
@@ -34,12 +34,12 @@ int reportDamaged(Context& ctx, const RuleStore& store, const std::string& reaso
 
 }  // namespace
 
-int runScheduled(Context& ctx) {
+int runScheduled(AgentContext& ctx) {
   makeRunner(ctx).tick(ctx.now());
   return 0;
 }
 
-int runRule(Context& ctx) {
+int runRule(AgentContext& ctx) {
   if (ctx.args.empty()) {
     ctx.out << "usage: run-rule <name|uuid>\n";
     ctx.out.flush();
@@ -71,7 +71,7 @@ int runRule(Context& ctx) {
   return 1;
 }
 
-int runRules(Context& ctx) {
+int runRules(AgentContext& ctx) {
   const Date now = ctx.now();
   const SystemState state = ScheduledRunner::probe(ctx.paths, ctx.services, now);
   const date::time_zone* zone = userZone();

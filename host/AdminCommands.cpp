@@ -7,7 +7,7 @@
 namespace kestrel::host {
 namespace {
 
-int status(Context& ctx) {
+int status(HostContext& ctx) {
   const AdminQueue queue(ctx.paths);
   if (const auto damage = queue.damage())
     throw CommandError("The administrator queue " + ctx.paths.adminQueueFile().string() + " is damaged (" + *damage +
@@ -31,7 +31,7 @@ int status(Context& ctx) {
   return kOK;
 }
 
-int run(Context& ctx) {
+int run(HostContext& ctx) {
   const ConfigStore store(ctx.paths);
   const auto config = store.loadChecked();
   // The defaults lack the user's protected paths: never remove on them.
@@ -68,7 +68,7 @@ int run(Context& ctx) {
   return result.failed.empty() ? kOK : kFailed;
 }
 
-int clear(Context& ctx) {
+int clear(HostContext& ctx) {
   const AdminQueue queue(ctx.paths);
   const size_t count = queue.count();
   queue.clear();
@@ -83,7 +83,7 @@ int clear(Context& ctx) {
 }  // namespace
 
 // The queue's line of "kestrel status" and its JSON.
-StatusPart adminStatus(Context& ctx) {
+StatusPart adminStatus(HostContext& ctx) {
   const AdminQueue queue(ctx.paths);
   const size_t count = queue.count();
   const int64_t bytes = queue.pendingBytes();
@@ -93,7 +93,7 @@ StatusPart adminStatus(Context& ctx) {
           {{"count", count}, {"bytes", bytes}}};
 }
 
-void addAdminCommands(CLI::App& app, Context& context, Action& action) {
+void addAdminCommands(CLI::App& app, HostContext& context, Action& action) {
   CLI::App* admin = app.add_subcommand("admin", "The removals that need administrator rights");
   admin->require_subcommand(1);
   admin->add_subcommand("status", "List what waits for administrator rights")->callback([&] {

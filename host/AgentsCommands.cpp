@@ -21,7 +21,7 @@ std::string stateText(bool installed, std::optional<bool> active) {
   return *active ? "installed, running" : "installed, stopped";
 }
 
-int install(Context& ctx) {
+int install(HostContext& ctx) {
   if (::access(ctx.agentPath.c_str(), X_OK) != 0)
     throw CommandError("KestrelAgent was not found at " + ctx.agentPath +
                        "; install it beside kestrel (cmake --install) first.");
@@ -43,7 +43,7 @@ int install(Context& ctx) {
   return kOK;
 }
 
-int uninstall(Context& ctx) {
+int uninstall(HostContext& ctx) {
   auto manager = ctx.serviceManager();
   for (const auto agent : kAgents) manager->uninstall(agent);
   if (ctx.json)
@@ -56,7 +56,7 @@ int uninstall(Context& ctx) {
 }  // namespace
 
 // The agents' lines of "kestrel status" and its JSON.
-StatusPart agentsStatus(Context& ctx) {
+StatusPart agentsStatus(HostContext& ctx) {
   auto manager = ctx.serviceManager();
   StatusPart part{{}, Json::object()};
   for (const auto agent : kAgents) {
@@ -74,7 +74,7 @@ StatusPart agentsStatus(Context& ctx) {
 
 namespace {
 
-int status(Context& ctx) {
+int status(HostContext& ctx) {
   const StatusPart part = agentsStatus(ctx);
   if (ctx.json) {
     ctx.printJson(part.json);
@@ -86,7 +86,7 @@ int status(Context& ctx) {
 
 }  // namespace
 
-void addAgentsCommands(CLI::App& app, Context& context, Action& action) {
+void addAgentsCommands(CLI::App& app, HostContext& context, Action& action) {
   CLI::App* agents = app.add_subcommand("agents", "Install, remove or show the background agents");
   agents->require_subcommand(1);
   agents->add_subcommand("install", "Install and start the scheduler and the Shredder service")

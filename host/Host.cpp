@@ -5,7 +5,7 @@
 
 namespace kestrel::host {
 
-void Context::printJson(const Json& value) const {
+void HostContext::printJson(const Json& value) const {
   out << JsonText::pretty(value) << '\n';
   out.flush();
 }
@@ -18,7 +18,7 @@ const std::vector<CommandGroup> kGroups = {addStatusCommand, addAgentsCommands, 
 
 }  // namespace
 
-int runHost(const std::vector<std::string>& args, Context& context) {
+int runHost(const std::vector<std::string>& args, HostContext& context) {
   CLI::App app{std::string(AppInfo::name) + ": the background agent, its rules and queued removals",
                "kestrel"};
   app.require_subcommand(1);

@@ -23,7 +23,7 @@ inline constexpr int kFailed = 1;
 inline constexpr int kUsage = 2;
 
 // What every command sees.
-struct Context {
+struct HostContext {
   Paths paths;
   std::ostream& out;
   std::ostream& err;
@@ -60,13 +60,13 @@ class CommandError : public std::runtime_error {
 using Action = std::function<int()>;
 
 // One command group: adds its subcommands under `app`; their callbacks set `action`.
-using CommandGroup = void (*)(CLI::App& app, Context& context, Action& action);
+using CommandGroup = void (*)(CLI::App& app, HostContext& context, Action& action);
 
-void addStatusCommand(CLI::App& app, Context& context, Action& action);
-void addAgentsCommands(CLI::App& app, Context& context, Action& action);
-void addRulesCommands(CLI::App& app, Context& context, Action& action);
-void addAdminCommands(CLI::App& app, Context& context, Action& action);
-void addShredderCommands(CLI::App& app, Context& context, Action& action);
+void addStatusCommand(CLI::App& app, HostContext& context, Action& action);
+void addAgentsCommands(CLI::App& app, HostContext& context, Action& action);
+void addRulesCommands(CLI::App& app, HostContext& context, Action& action);
+void addAdminCommands(CLI::App& app, HostContext& context, Action& action);
+void addShredderCommands(CLI::App& app, HostContext& context, Action& action);
 
 // One part of "kestrel status": its lines and its JSON.
 struct StatusPart {
@@ -74,13 +74,13 @@ struct StatusPart {
   Json json;
 };
 // The parts of the background agents, the administrator queue and the Shredder.
-StatusPart agentsStatus(Context& context);
-StatusPart adminStatus(Context& context);
-StatusPart shredderStatus(Context& context);
+StatusPart agentsStatus(HostContext& context);
+StatusPart adminStatus(HostContext& context);
+StatusPart shredderStatus(HostContext& context);
 
 // Parses `args` (without the program name) and runs the chosen command. Help goes to `out` with
 // status 0; parse and usage errors go to `err` with status 2; a failed command returns 1.
-int runHost(const std::vector<std::string>& args, Context& context);
+int runHost(const std::vector<std::string>& args, HostContext& context);
 
 // The KestrelAgent executable beside the running program.
 std::string agentBesideSelf();

@@ -187,7 +187,7 @@ std::string categoriesText(const ScheduleRule& rule) {
   return text;
 }
 
-int list(Context& ctx) {
+int list(HostContext& ctx) {
   const RuleStore store(ctx.paths);
   const auto loaded = store.loadChecked(ctx.now());
   if (loaded.damaged())
@@ -210,7 +210,7 @@ int list(Context& ctx) {
   return kOK;
 }
 
-int add(Context& ctx, const AddOptions& options) {
+int add(HostContext& ctx, const AddOptions& options) {
   const ScheduleRule rule = ruleFrom(options, ctx.now());
   bool taken = false;
   RuleStore(ctx.paths).update(
@@ -234,7 +234,7 @@ int add(Context& ctx, const AddOptions& options) {
 }
 
 // Applies `edit` to the rule named (or with the id) `wanted`; 1 when there is none.
-int change(Context& ctx, const std::string& wanted, const std::string& done,
+int change(HostContext& ctx, const std::string& wanted, const std::string& done,
            const std::function<void(std::vector<ScheduleRule>&,
                                     std::vector<ScheduleRule>::iterator)>& edit) {
   std::optional<ScheduleRule> found;
@@ -260,7 +260,7 @@ int change(Context& ctx, const std::string& wanted, const std::string& done,
 
 }  // namespace
 
-void addRulesCommands(CLI::App& app, Context& context, Action& action) {
+void addRulesCommands(CLI::App& app, HostContext& context, Action& action) {
   CLI::App* rules =
       app.add_subcommand("rules", "List, add, remove, switch on or off the schedule rules");
   rules->require_subcommand(1);

@@ -19,7 +19,7 @@ std::optional<ScheduleRule> lastRun(const std::vector<ScheduleRule>& rules) {
   return last;
 }
 
-int status(Context& ctx) {
+int status(HostContext& ctx) {
   std::vector<std::string> lines;
   Json json = Json::object();
   const auto add = [&](const char* key, StatusPart part) {
@@ -80,7 +80,7 @@ int status(Context& ctx) {
 
 }  // namespace
 
-void addStatusCommand(CLI::App& app, Context& context, Action& action) {
+void addStatusCommand(CLI::App& app, HostContext& context, Action& action) {
   app.add_subcommand(
          "status",
          "The agents, the last scheduled run, lifetime freed, quarantine, forecast, queued "

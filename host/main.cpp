@@ -5,7 +5,7 @@
 #include "host/Host.h"
 
 int main(int argc, char** argv) {
-  kestrel::host::Context context{
+  kestrel::host::HostContext context{
       kestrel::Environment::paths(), std::cout, std::cerr, kestrel::Environment::services(),
       kestrel::host::agentBesideSelf(),  false};
   return kestrel::host::runHost({argv + 1, argv + argc}, context);

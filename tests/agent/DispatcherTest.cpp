@@ -29,20 +29,20 @@ TEST(Dispatcher, UnknownWordsPrintUsageAndSucceed) {
 
 TEST(Dispatcher, OptionAndFlag) {
   std::ostringstream out;
-  Context ctx{{"--category", "logs", "--dry-run", "--max-risk"}, Paths("/tmp"), out};
+  AgentContext ctx{{"--category", "logs", "--dry-run", "--max-risk"}, Paths("/tmp"), out};
   EXPECT_EQ(ctx.option("--category"), "logs");
   EXPECT_EQ(ctx.option("--max-risk"), std::nullopt);  // last argument: no value
   EXPECT_EQ(ctx.option("--missing"), std::nullopt);
   EXPECT_EQ(ctx.option("--Category"), std::nullopt);
   EXPECT_TRUE(ctx.flag("--dry-run"));
   EXPECT_FALSE(ctx.flag("--json"));
-  Context twice{{"--x", "1", "--x", "2"}, Paths("/tmp"), out};
+  AgentContext twice{{"--x", "1", "--x", "2"}, Paths("/tmp"), out};
   EXPECT_EQ(twice.option("--x"), "1");
 }
 
 TEST(Dispatcher, StampPrintsUtcTimeAndMessage) {
   std::ostringstream out;
-  Context ctx{{}, Paths("/tmp"), out};
+  AgentContext ctx{{}, Paths("/tmp"), out};
   ctx.services.now = [] { return Dates::fromUnixSeconds(1795371789) + std::chrono::milliseconds(700); };
   ctx.stamp("Scheduled tick");
   ctx.stamp("");

@@ -40,7 +40,7 @@ struct Host {
   }
   HostRun run(std::vector<std::string> args, Layout layout = Layout::macos) {
     std::ostringstream out, err;
-    host::Context context{Paths(h.home(), layout), out, err, services(), "/bin/true", false};
+    host::HostContext context{Paths(h.home(), layout), out, err, services(), "/bin/true", false};
     const int status = host::runHost(args, context);
     return {status, out.str(), err.str()};
   }

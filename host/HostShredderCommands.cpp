@@ -26,7 +26,7 @@ std::string folderList(const ShredderSettings& s) {
   return text;
 }
 
-int status(Context& ctx) {
+int status(HostContext& ctx) {
   const ShredderSettings settings = ShredderStore(ctx.paths).load();
   const ShredStats week = ShredHistory(ctx.paths).stats(kStatsDays, ctx.now());
   const size_t waiting = ShredReviewQueue(ctx.paths).all().size();
@@ -60,7 +60,7 @@ int status(Context& ctx) {
   return kOK;
 }
 
-int switchTo(Context& ctx, bool on) {
+int switchTo(HostContext& ctx, bool on) {
   const ShredderStore store(ctx.paths);
   ShredderSettings settings = store.load();
   if (on) settings.approved = true;
@@ -86,7 +86,7 @@ int switchTo(Context& ctx, bool on) {
   return kOK;
 }
 
-int review(Context& ctx) {
+int review(HostContext& ctx) {
   const auto candidates = ShredReviewQueue(ctx.paths).all();
   if (ctx.json) {
     ctx.printJson(toJsonArray(candidates));
@@ -99,13 +99,13 @@ int review(Context& ctx) {
   return kOK;
 }
 
-std::optional<ShredCandidate> queued(const Context& ctx, const std::string& path) {
+std::optional<ShredCandidate> queued(const HostContext& ctx, const std::string& path) {
   for (const auto& c : ShredReviewQueue(ctx.paths).all())
     if (c.path == path) return c;
   return std::nullopt;
 }
 
-int keep(Context& ctx, const std::string& path) {
+int keep(HostContext& ctx, const std::string& path) {
   if (!queued(ctx, path)) {
     ctx.err << "Not in the review queue: " << path << '\n';
     return kFailed;
@@ -118,7 +118,7 @@ int keep(Context& ctx, const std::string& path) {
   return kOK;
 }
 
-int shred(Context& ctx, const std::string& path) {
+int shred(HostContext& ctx, const std::string& path) {
   const auto candidate = queued(ctx, path);
   if (!candidate) {
     ctx.err << "Not in the review queue: " << path << '\n';
@@ -147,7 +147,7 @@ int shred(Context& ctx, const std::string& path) {
 
 // One setting, typed as the settings file types it: true/false, a whole number, or a
 // comma-separated list (empty for none).
-int set(Context& ctx, const std::string& key, const std::string& value) {
+int set(HostContext& ctx, const std::string& key, const std::string& value) {
   const ShredderStore store(ctx.paths);
   Json json = toJson(store.load());
   if (!json.contains(key)) {
@@ -188,7 +188,7 @@ int set(Context& ctx, const std::string& key, const std::string& value) {
 }  // namespace
 
 // The Shredder's line of "kestrel status" and its JSON.
-StatusPart shredderStatus(Context& ctx) {
+StatusPart shredderStatus(HostContext& ctx) {
   const ShredderSettings settings = ShredderStore(ctx.paths).load();
   const size_t waiting = ShredReviewQueue(ctx.paths).all().size();
   return {{"Shredder: " + stateWord(settings) + (settings.enabled ? ", watching " + folderList(settings) : "") +
@@ -196,7 +196,7 @@ StatusPart shredderStatus(Context& ctx) {
           {{"approved", settings.approved}, {"enabled", settings.enabled}, {"reviewQueue", waiting}}};
 }
 
-void addShredderCommands(CLI::App& app, Context& context, Action& action) {
+void addShredderCommands(CLI::App& app, HostContext& context, Action& action) {
   CLI::App* shredder =
       app.add_subcommand("shredder", "The Shredder: its switch, settings and review queue");
   shredder->require_subcommand(1);

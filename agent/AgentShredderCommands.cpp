@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kHistoryLines = 40;
 
-void printEvents(const Context& ctx, const std::vector<ShredEvent>& events, bool notifyEach) {
+void printEvents(const AgentContext& ctx, const std::vector<ShredEvent>& events, bool notifyEach) {
   if (events.empty()) return;
   int64_t total = 0;
   for (const auto& e : events) {
@@ -36,7 +36,7 @@ void printEvents(const Context& ctx, const std::vector<ShredEvent>& events, bool
 
 // The settings a disposal may rely on: a damaged file (the defaults lack the user's protected
 // paths) stops the command with the same line a clean prints.
-std::optional<AppConfig> loadConfigForRemoval(const Context& ctx) {
+std::optional<AppConfig> loadConfigForRemoval(const AgentContext& ctx) {
   const ConfigStore store(ctx.paths);
   auto loaded = store.loadChecked();
   if (loaded.damaged()) {
@@ -48,7 +48,7 @@ std::optional<AppConfig> loadConfigForRemoval(const Context& ctx) {
 }
 
 // What a sweep that did not run says, for the log. True when the shredder was switched off.
-bool reportNotRun(const Context& ctx, const SweepResult& result) {
+bool reportNotRun(const AgentContext& ctx, const SweepResult& result) {
   if (result.status == SweepResult::Status::off) {
     ctx.stamp("Shredder is off; exiting.");
     return true;
@@ -59,7 +59,7 @@ bool reportNotRun(const Context& ctx, const SweepResult& result) {
 
 }  // namespace
 
-int runShredWatch(Context& ctx) {
+int runShredWatch(AgentContext& ctx) {
   const ShredderStore store(ctx.paths);
   const ShredderSettings settings = store.load();
   if (!settings.approved || !settings.enabled) {
@@ -112,7 +112,7 @@ int runShredWatch(Context& ctx) {
   }
 }
 
-int runShredNow(Context& ctx) {
+int runShredNow(AgentContext& ctx) {
   const auto config = loadConfigForRemoval(ctx);
   if (!config) return 1;
   ShredderEngine engine(ctx.paths, *config, ShredderStore(ctx.paths).load(), ctx.services);
@@ -133,7 +133,7 @@ int runShredNow(Context& ctx) {
   return 0;
 }
 
-int runShredHistory(Context& ctx) {
+int runShredHistory(AgentContext& ctx) {
   for (const auto& e : ShredHistory(ctx.paths).events(kHistoryLines)) {
     ctx.out << Dates::description(e.date) << ' ' << ByteFormat::string(e.size) << '\t' << e.rule << '\t' << e.name()
             << '\n';
