@@ -14,7 +14,7 @@ int status(HostContext& ctx) {
                        "); `kestrel admin clear` empties it (nothing is removed).");
   const auto items = queue.items();
   if (ctx.json) {
-    ctx.printJson(
+    ctx.printJson("admin", 
         {{"count", items.size()}, {"bytes", queue.pendingBytes()}, {"items", toJson(items)}});
     return kOK;
   }
@@ -39,7 +39,7 @@ int run(HostContext& ctx) {
   const AdminQueue queue(ctx.paths);
   if (queue.count() == 0 && !queue.damage()) {
     if (ctx.json)
-      ctx.printJson({{"removed", 0}, {"freed", 0}, {"failed", Json::array()}});
+      ctx.printJson("admin", {{"removed", 0}, {"freed", 0}, {"failed", Json::array()}});
     else
       ctx.out << "Nothing waits for administrator rights.\n";
     return kOK;
@@ -51,7 +51,7 @@ int run(HostContext& ctx) {
     Json failed = Json::array();
     for (const auto& f : result.failed)
       failed.push_back({{"id", f.itemID}, {"message", f.message}});
-    ctx.printJson({{"removed", result.removed.size()},
+    ctx.printJson("admin", {{"removed", result.removed.size()},
                    {"freed", result.freed},
                    {"failed", failed},
                    {"alreadyGone", result.alreadyGone},
@@ -73,7 +73,7 @@ int clear(HostContext& ctx) {
   const size_t count = queue.count();
   queue.clear();
   if (ctx.json)
-    ctx.printJson({{"cleared", count}});
+    ctx.printJson("admin", {{"cleared", count}});
   else
     ctx.out << "Cleared " << count
             << " item(s) from the administrator queue; nothing was removed.\n";

@@ -29,7 +29,7 @@ int install(HostContext& ctx) {
   manager->removeLegacyAgents();
   for (const auto agent : kAgents) manager->install(agent, ctx.agentPath);
   if (ctx.json) {
-    ctx.printJson({{"installed", true}, {"agentPath", ctx.agentPath}});
+    ctx.printJson("agents", {{"installed", true}, {"agentPath", ctx.agentPath}});
     return kOK;
   }
   ctx.out << "Installed the scheduler (every 15 minutes) and the Shredder service, running "
@@ -47,7 +47,7 @@ int uninstall(HostContext& ctx) {
   auto manager = ctx.serviceManager();
   for (const auto agent : kAgents) manager->uninstall(agent);
   if (ctx.json)
-    ctx.printJson({{"installed", false}});
+    ctx.printJson("agents", {{"installed", false}});
   else
     ctx.out << "Removed the background agents; rules and settings are kept.\n";
   return kOK;
@@ -77,7 +77,7 @@ namespace {
 int status(HostContext& ctx) {
   const StatusPart part = agentsStatus(ctx);
   if (ctx.json) {
-    ctx.printJson(part.json);
+    ctx.printJson("agents", part.json);
   } else {
     for (const auto& line : part.lines) ctx.out << line << '\n';
   }

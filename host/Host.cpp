@@ -5,25 +5,44 @@
 
 namespace kestrel::host {
 
-void HostContext::printJson(const Json& value) const {
-  out << JsonText::pretty(value) << '\n';
+void HostContext::printJson(std::string_view command, Json body) const {
+  // A list alone becomes the envelope's items.
+  if (!body.is_object()) body = Json{{"items", std::move(body)}};
+  out << JsonText::pretty(envelope(command, std::move(body))) << '\n';
   out.flush();
 }
 
 namespace {
 
-// In the order "--help" lists them.
-const std::vector<CommandGroup> kGroups = {addStatusCommand, addAgentsCommands, addRulesCommands,
-                                           addAdminCommands, addShredderCommands};
+// In the order "--help" lists them: what people do first, then the background agent's controls.
+const std::vector<CommandGroup> kGroups = {addScanCommand,      addCleanCommand,    addQuarantineCommands,
+                                           addTrashCommands,    addInsightCommands, addStatusCommand,
+                                           addAgentsCommands,   addRulesCommands,   addAdminCommands,
+                                           addShredderCommands};
+
+std::string colorText(ColorMode mode) {
+  switch (mode) {
+    case ColorMode::automatic: return "auto";
+    case ColorMode::always: return "always";
+    case ColorMode::never: return "never";
+  }
+  return "auto";
+}
 
 }  // namespace
 
 int runHost(const std::vector<std::string>& args, HostContext& context) {
-  CLI::App app{std::string(AppInfo::name) + ": the background agent, its rules and queued removals",
+  CLI::App app{std::string(AppInfo::name) + ": find reclaimable space, clean it up, undo it, and run the background agent",
                "kestrel"};
   app.require_subcommand(1);
-  app.fallthrough();  // "--json" is accepted after the subcommand words too
+  app.fallthrough();  // "--json" and "--color" are accepted after the subcommand words too
+  app.set_version_flag("--version", std::string("kestrel ") + KESTREL_VERSION);
   app.add_flag("--json", context.json, "Report one JSON value instead of text");
+  std::string color = colorText(context.color);
+  app.add_option("--color", color, "Colour: auto (on a terminal, unless NO_COLOR is set), always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}));
+  app.footer("Examples:\n  kestrel scan --details\n  kestrel clean userCaches logs\n  kestrel quarantine list\n"
+             "Run `kestrel <command> --help` for one command's options.");
   Action action;
   for (CommandGroup add : kGroups) add(app, context, action);
 
@@ -37,6 +56,9 @@ int runHost(const std::vector<std::string>& args, HostContext& context) {
   } catch (const CLI::CallForAllHelp&) {
     context.out << app.help("", CLI::AppFormatMode::All);
     return kOK;
+  } catch (const CLI::CallForVersion& e) {
+    context.out << e.what() << '\n';
+    return kOK;
   } catch (const CLI::ParseError& e) {
     // A subcommand's own --help is thrown from within it: print that subcommand's help.
     context.err << e.what() << "\nRun with --help for more information.\n";
@@ -46,6 +68,8 @@ int runHost(const std::vector<std::string>& args, HostContext& context) {
     context.err << "A command is required\nRun with --help for more information.\n";
     return kUsage;
   }
+  for (const ColorMode mode : {ColorMode::automatic, ColorMode::always, ColorMode::never})
+    if (colorText(mode) == color) context.color = mode;
   try {
     return action();
   } catch (const UsageError& e) {

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <istream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "core/system/Paths.h"
 #include "core/system/process/ServiceManager.h"
 #include "core/system/Services.h"
+#include "host/Output.h"
 
 namespace kestrel::host {
 
@@ -32,10 +34,19 @@ struct HostContext {
   std::string agentPath;
   // "--json": the command reports one JSON value instead of text.
   bool json = false;
+  // Standard input, for the question before removing (nothing: never asked, as when not on a
+  // terminal).
+  std::istream* in = nullptr;
+  // Which streams are terminals (none by default, as in tests); "--color".
+  Terminal terminal{};
+  ColorMode color = ColorMode::automatic;
 
   Date now() const { return services.now(); }
-  // Prints `value` as the store writer formats it, with a final newline.
-  void printJson(const Json& value) const;
+  // Prints `body` in the one JSON shape of `command` (see envelope), with a final newline.
+  void printJson(std::string_view command, Json body) const;
+  bool colored() const { return colorOn(color, terminal); }
+  // Whether a question can be asked and answered.
+  bool interactive() const { return in && terminal.in; }
   // The system's service manager for this home (launchd or systemd), through `services`.
   std::unique_ptr<ServiceManager> serviceManager() const {
     return ServiceManager::make(paths, services);
@@ -62,6 +73,11 @@ using Action = std::function<int()>;
 // One command group: adds its subcommands under `app`; their callbacks set `action`.
 using CommandGroup = void (*)(CLI::App& app, HostContext& context, Action& action);
 
+void addScanCommand(CLI::App& app, HostContext& context, Action& action);
+void addCleanCommand(CLI::App& app, HostContext& context, Action& action);
+void addQuarantineCommands(CLI::App& app, HostContext& context, Action& action);
+void addTrashCommands(CLI::App& app, HostContext& context, Action& action);
+void addInsightCommands(CLI::App& app, HostContext& context, Action& action);
 void addStatusCommand(CLI::App& app, HostContext& context, Action& action);
 void addAgentsCommands(CLI::App& app, HostContext& context, Action& action);
 void addRulesCommands(CLI::App& app, HostContext& context, Action& action);

@@ -35,7 +35,7 @@ int status(HostContext& ctx) {
   const auto running =
       installed ? manager->isActive(BackgroundAgent::shredder) : std::optional<bool>(false);
   if (ctx.json) {
-    ctx.printJson({{"settings", toJson(settings)},
+    ctx.printJson("shredder", {{"settings", toJson(settings)},
                    {"serviceInstalled", installed},
                    {"serviceRunning", running ? Json(*running) : Json(nullptr)},
                    {"reviewQueue", waiting},
@@ -75,7 +75,7 @@ int switchTo(HostContext& ctx, bool on) {
       manager->stop(BackgroundAgent::shredder);
   }
   if (ctx.json) {
-    ctx.printJson({{"enabled", on}, {"serviceInstalled", installed}});
+    ctx.printJson("shredder", {{"enabled", on}, {"serviceInstalled", installed}});
     return kOK;
   }
   ctx.out << (on ? "Shredder is on; watching " + folderList(settings) + "."
@@ -89,7 +89,7 @@ int switchTo(HostContext& ctx, bool on) {
 int review(HostContext& ctx) {
   const auto candidates = ShredReviewQueue(ctx.paths).all();
   if (ctx.json) {
-    ctx.printJson(toJsonArray(candidates));
+    ctx.printJson("shredder", toJsonArray(candidates));
     return kOK;
   }
   if (candidates.empty()) ctx.out << "Nothing waits for review.\n";
@@ -112,7 +112,7 @@ int keep(HostContext& ctx, const std::string& path) {
   }
   ShredReviewQueue(ctx.paths).remove(path);
   if (ctx.json)
-    ctx.printJson({{"kept", path}});
+    ctx.printJson("shredder", {{"kept", path}});
   else
     ctx.out << "Kept " << path << "; it left the review queue.\n";
   return kOK;
@@ -137,7 +137,7 @@ int shred(HostContext& ctx, const std::string& path) {
     return kFailed;
   }
   if (ctx.json)
-    ctx.printJson(toJson(*event));
+    ctx.printJson("shredder", toJson(*event));
   else
     ctx.out << "shredded " << event->name() << " \u2014 " << event->reason << " ("
             << ByteFormat::string(event->size)
@@ -179,7 +179,7 @@ int set(HostContext& ctx, const std::string& key, const std::string& value) {
   const ShredderSettings changed = shredderSettingsFromJson(json);
   store.save(changed);
   if (ctx.json)
-    ctx.printJson(toJson(changed));
+    ctx.printJson("shredder", toJson(changed));
   else
     ctx.out << key << " = " << JsonText::compact(toJson(changed)[key]) << '\n';
   return kOK;

@@ -194,7 +194,7 @@ int list(HostContext& ctx) {
     throw CommandError(store.damagedMessage(loaded.reason));
   const auto& rules = *loaded.value;
   if (ctx.json) {
-    ctx.printJson(toJson(rules));
+    ctx.printJson("rules", toJson(rules));
     return kOK;
   }
   for (const auto& rule : rules) {
@@ -226,7 +226,7 @@ int add(HostContext& ctx, const AddOptions& options) {
     return kFailed;
   }
   if (ctx.json)
-    ctx.printJson(toJson(rule));
+    ctx.printJson("rules", toJson(rule));
   else
     ctx.out << "Added rule \"" << rule.name << "\" (" << rule.id << "): " << rule.trigger.summary()
             << '\n';
@@ -252,7 +252,7 @@ int change(HostContext& ctx, const std::string& wanted, const std::string& done,
     return kFailed;
   }
   if (ctx.json)
-    ctx.printJson({{"id", found->id}, {"name", found->name}, {"result", done}});
+    ctx.printJson("rules", {{"id", found->id}, {"name", found->name}, {"result", done}});
   else
     ctx.out << done << " rule \"" << found->name << "\".\n";
   return kOK;

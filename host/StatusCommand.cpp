@@ -71,7 +71,7 @@ int status(HostContext& ctx) {
   add("shredder", shredderStatus(ctx));
 
   if (ctx.json) {
-    ctx.printJson(json);
+    ctx.printJson("status", json);
   } else {
     for (const auto& line : lines) ctx.out << line << '\n';
   }

@@ -210,8 +210,8 @@ std::string local(Date d, std::string_view pattern, const std::string& zone) {
     std::snprintf(buf, sizeof buf, "%04d%02u%02u-%02u%02u%02u", y, mo, dd, h, mi, sc);
   } else if (pattern == "yyyy-MM-dd") {
     std::snprintf(buf, sizeof buf, "%04d-%02u-%02u", y, mo, dd);
-  } else if (pattern == "yyyy-MM-ddTHH:mm:ss") {
-    std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02u:%02u:%02u", y, mo, dd, h, mi, sc);
+  } else if (pattern == "yyyy-MM-ddTHH:mm:ss" || pattern == "yyyy-MM-dd HH:mm:ss") {
+    std::snprintf(buf, sizeof buf, "%04d-%02u-%02u%c%02u:%02u:%02u", y, mo, dd, pattern[10], h, mi, sc);
   } else if (pattern == "h.mm.ss a") {
     std::snprintf(buf, sizeof buf, "%u.%02u.%02u %s", h % 12 == 0 ? 12 : h % 12, mi, sc, h < 12 ? "AM" : "PM");
   } else if (pattern == "HH:mm") {

@@ -47,7 +47,8 @@ std::optional<Date> parseLocal(std::string_view text, const std::string& zone = 
 std::string description(Date d);
 
 // Local wall-clock text in the named zone (empty: the machine's zone). Supported patterns:
-// "yyyyMMdd-HHmmss", "yyyy-MM-dd", "yyyy-MM-ddTHH:mm:ss", "h.mm.ss a" (12-hour, AM/PM), "HH:mm".
+// "yyyyMMdd-HHmmss", "yyyy-MM-dd", "yyyy-MM-ddTHH:mm:ss", "yyyy-MM-dd HH:mm:ss", "h.mm.ss a"
+// (12-hour, AM/PM), "HH:mm"; anything else gives an empty text.
 std::string local(Date d, std::string_view pattern, const std::string& zone = "");
 
 }  // namespace Dates

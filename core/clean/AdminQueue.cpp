@@ -126,24 +126,20 @@ AdminQueue::FlushResult AdminQueue::flush(const AppConfig& config, PrivilegedSes
     std::vector<AuditEntry> audit;
     for (const auto& item : allowed) {
       const std::string p = *item.path();
+      auto record = AuditEntry::of(AuditAction::delete_, p, now)
+                        .bytes(item.size)
+                        .in(item.category)
+                        .by(TriggerSource::schedule("admin batch"));
       if (!FS::exists(p)) {
         result.removed.push_back(item);
-        if (__builtin_add_overflow(result.freed, item.size, &result.freed))
-          result.freed = INT64_MAX;
-        audit.push_back(AuditEntry::of(AuditAction::delete_, p, now)
-                            .bytes(item.size)
-                            .in(item.category)
-                            .by(TriggerSource::schedule("admin batch")));
+        if (__builtin_add_overflow(result.freed, item.size, &result.freed)) result.freed = INT64_MAX;
       } else {
         // A reply of success says nothing about why this path stayed.
         const std::string reason = Explain::removalFailure(p, run.ok() ? "" : output);
         result.failed.push_back({item.id, reason});
-        audit.push_back(AuditEntry::of(AuditAction::delete_, p, now)
-                            .bytes(item.size)
-                            .in(item.category)
-                            .by(TriggerSource::schedule("admin batch"))
-                            .failed(reason));
+        record.failed(reason);
       }
+      audit.push_back(record);
     }
     AuditLog(paths_).append(audit);
   }

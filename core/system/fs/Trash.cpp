@@ -271,6 +271,30 @@ std::optional<Date> trashInfoDeletionDate(std::string_view text) {
   return std::nullopt;
 }
 
+std::optional<std::string> trashInfoPath(std::string_view text, const fs::path& topdir) {
+  for (size_t start = 0; start < text.size();) {
+    size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view line = text.substr(start, end - start);
+    start = end + 1;
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (!line.starts_with("Path=")) continue;
+    std::string decoded;
+    for (size_t i = 5; i < line.size(); ++i) {
+      const auto hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
+      if (line[i] == '%' && i + 2 < line.size() + 0 && hex(line[i + 1]) && hex(line[i + 2])) {
+        decoded += static_cast<char>(std::stoi(std::string(line.substr(i + 1, 2)), nullptr, 16));
+        i += 2;
+      } else {
+        decoded += line[i];
+      }
+    }
+    if (decoded.empty()) return std::nullopt;
+    return decoded[0] == '/' ? decoded : (topdir / decoded).string();
+  }
+  return std::nullopt;
+}
+
 std::optional<Date> trashDeletionDate(const fs::path& entry) noexcept {
   try {
     const auto text = StoreFile::readFile(trashInfoFile(entry));

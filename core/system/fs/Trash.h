@@ -4,6 +4,8 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <vector>
 #include <string_view>
 
 #include "core/base/Dates.h"
@@ -31,6 +33,9 @@ std::filesystem::path trashInfoFile(const std::filesystem::path& filesEntry);
 // The "DeletionDate" of a ".trashinfo" text (local time, no zone; the first such line); nothing
 // when it has none or it does not read as a date.
 std::optional<Date> trashInfoDeletionDate(std::string_view text);
+// The original path of a ".trashinfo" text: its "Path" key percent-decoded, a relative one taken
+// below `topdir` (the volume the Trash is on); nothing when it has none.
+std::optional<std::string> trashInfoPath(std::string_view text, const std::filesystem::path& topdir);
 // When the entry was trashed: the info file's "DeletionDate" (local time); nothing when missing.
 std::optional<Date> trashDeletionDate(const std::filesystem::path& filesEntry) noexcept;
 // After `<trash>/files/<name>` was removed for good: removes its info file and its
