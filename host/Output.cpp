@@ -49,17 +49,20 @@ void ProgressLine::show(const std::string& text) {
   // About ten updates a second: a terminal redrawn faster only flickers.
   if (last_ && now - *last_ < std::chrono::milliseconds(100)) return;
   last_ = now;
-  err_ << '\r' << Utf8::displayText(Utf8::prefix(text, 78)) << "\033[K";
+  const std::string line = Utf8::displayText(Utf8::prefix(text, 78));
+  const size_t width = Utf8::length(line);
+  // Blanks over what is left of a longer line before.
+  err_ << '\r' << line << std::string(shown_ > width ? shown_ - width : 0, ' ');
   err_.flush();
-  shown_ = true;
+  shown_ = width;
 }
 
 void ProgressLine::done() {
   std::lock_guard guard(lock_);
-  if (!shown_) return;
-  err_ << "\r\033[K";
+  if (shown_ == 0) return;
+  err_ << '\r' << std::string(shown_, ' ') << '\r';
   err_.flush();
-  shown_ = false;
+  shown_ = 0;
 }
 
 bool confirm(std::ostream& out, std::istream& in, const std::string& question) {

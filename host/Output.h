@@ -33,7 +33,8 @@ enum class Color { dim, bold, red, yellow, green };
 std::string paint(std::string_view text, Color color, bool on);
 
 // One line of progress on a terminal's standard error, rewritten in place at most ten times a
-// second and erased when done; nothing at all when `enabled` is false. Thread-safe.
+// second and erased when done (with blanks, never an escape code); nothing at all when `enabled`
+// is false. Thread-safe.
 class ProgressLine {
  public:
   ProgressLine(std::ostream& err, bool enabled) : err_(err), enabled_(enabled) {}
@@ -47,7 +48,7 @@ class ProgressLine {
  private:
   std::ostream& err_;
   bool enabled_;
-  bool shown_ = false;
+  size_t shown_ = 0;  // characters on the line now
   std::optional<std::chrono::steady_clock::time_point> last_;
   std::mutex lock_;
 };

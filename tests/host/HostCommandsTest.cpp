@@ -240,6 +240,9 @@ TEST(HostCommandLine, HelpUsageAndStatus) {
   const HostRun sub = t.run({"rules", "add", "--help"});
   EXPECT_EQ(sub.status, 0);
   EXPECT_NE(sub.out.find("--forecast-within-days"), std::string::npos) << sub.out;
+  for (const char* command : {"scan", "clean", "quarantine", "trash", "forecast", "growth"})
+    EXPECT_NE(t.run({command, "--help"}).out.find("Example"), std::string::npos) << command;
+  EXPECT_EQ(t.run({"--version"}).out, std::string("kestrel ") + KESTREL_VERSION_TEXT + "\n");
   for (const auto& args :
        std::vector<std::vector<std::string>>{{}, {"bogus"}, {"rules"}, {"agents", "start"}}) {
     const HostRun r = t.run(args);
