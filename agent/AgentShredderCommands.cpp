@@ -5,6 +5,7 @@
 #include "core/shredder/ShredderEngine.h"
 #include "core/shredder/ShredderStore.h"
 #include "core/store/ConfigStore.h"
+#include "core/system/fs/LogFile.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -68,6 +69,8 @@ int runShredWatch(AgentContext& ctx) {
   }
   const auto config = loadConfigForRemoval(ctx);
   if (!config) return 1;
+  // Before this watcher writes its first line; it is the log's only writer.
+  LogFile::cutIfLarge(ctx.paths.shredderLogFile());
   ShredderEngine engine(ctx.paths, *config, settings, ctx.services);
   // Every sweep acts on the settings files as they are then, and a change of them is watched.
   engine.followSettingsFiles();

@@ -15,6 +15,7 @@
 #include "core/store/RuleStore.h"
 #include "core/store/JSONStore.h"
 #include "core/system/fs/FileLock.h"
+#include "core/system/fs/LogFile.h"
 
 #include <date/tz.h>
 
@@ -96,6 +97,8 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
     log_("Another run is in progress; skipping.");
     return;
   }
+  // Under the lock, before this run logs anything: no other run is writing to it.
+  LogFile::cutIfLarge(paths_.agentLogFile());
   Tick t;
   t.now = now;
   t.services = services_;

@@ -1,5 +1,6 @@
 // End to end: "run-scheduled", "run-rule" and "rules" through the built binary on a scratch home,
 // with the probing and crontab tools faked on PATH.
+#include "core/base/Text.h"
 #include "core/store/RuleStore.h"
 #include "tests/e2e/RunAgent.h"
 #include "tests/support/FakeTools.h"
@@ -28,6 +29,23 @@ TEST(ScheduleBinary, RunScheduledRunRuleAndRules) {
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find(" [Stay ahead of a full disk] running ("), std::string::npos) << r.out;
   EXPECT_TRUE(RuleStore(h.paths()).load()[3].lastRun);
+}
+
+TEST(ScheduleBinary, ALogOverFiveMegabytesIsCutAtTheNextRunAndNothingIsLost) {
+  ScratchHome h;
+  FakeTools tools(h.root());
+  tools.tool("crontab", "", 1);
+  const fs::path log = h.paths().agentLogFile();
+  const std::string old = std::string(6 << 20, 'o') + "\n";
+  h.text(fs::relative(log, h.home()).string(), old);
+  // As the service manager runs it: the output appended to the log, opened before the agent starts.
+  const auto r = runAgentAt(h.home().string(), {"run-rule", "stay ahead of a full disk"}, 120,
+                            "exec \"$@\" >> " + Text::shellQuote(log.string()));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readText(log.string() + ".1"), old);
+  const std::string now = readText(log);
+  EXPECT_EQ(now.find(std::string(100, 'o')), std::string::npos);  // none of the old text
+  EXPECT_NE(now.find(" [Stay ahead of a full disk] running ("), std::string::npos) << now;
 }
 
 TEST(ScheduleBinary, ADamagedRulesFileIsSaidByEveryCommandAndRunsNothing) {
