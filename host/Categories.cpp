@@ -4,6 +4,7 @@
 #include "core/base/Text.h"
 #include "core/scan/ScanEngine.h"
 #include "core/store/ConfigStore.h"
+#include "core/store/LastScan.h"
 
 namespace kestrel::host {
 
@@ -56,6 +57,7 @@ std::vector<CategoryResult> scanWithProgress(const HostContext& ctx, const AppCo
     progress.show("Scanning " + std::string(displayName(c)) + ": " + tilde(where, ctx.paths.home()));
   });
   progress.done();
+  LastScan::record(ctx.paths, results, ctx.now());
   return results;
 }
 

@@ -17,8 +17,8 @@ namespace {
 // In the order "--help" lists them: what people do first, then the background agent's controls.
 const std::vector<CommandGroup> kGroups = {addScanCommand,      addCleanCommand,    addQuarantineCommands,
                                            addTrashCommands,    addInsightCommands, addStatusCommand,
-                                           addAgentsCommands,   addRulesCommands,   addAdminCommands,
-                                           addShredderCommands};
+                                           addMetricsCommand,   addAgentsCommands,  addRulesCommands,
+                                           addAdminCommands,    addShredderCommands};
 
 std::string colorText(ColorMode mode) {
   switch (mode) {

@@ -29,6 +29,7 @@ Json toJson(const AppConfig& c) {
       {"minItemAgeHours", c.minItemAgeHours},
       {"hasCompletedOnboarding", c.hasCompletedOnboarding},
       {"queueAdminRemovals", c.queueAdminRemovals},
+      {"metricsTextfileDir", c.metricsTextfileDir},
   };
 }
 
@@ -59,6 +60,7 @@ AppConfig appConfigFromJson(const Json& j) {
   int64("minItemAgeHours", c.minItemAgeHours);
   boolean("hasCompletedOnboarding", c.hasCompletedOnboarding);
   boolean("queueAdminRemovals", c.queueAdminRemovals);
+  if (auto v = JsonDecode::optString(j, "metricsTextfileDir")) c.metricsTextfileDir = *v;
   return c;
 }
 

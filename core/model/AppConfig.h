@@ -27,6 +27,8 @@ struct AppConfig {
   int64_t minItemAgeHours = 1;
   bool hasCompletedOnboarding = false;
   bool queueAdminRemovals = true;
+  // A folder every scheduled tick writes "kestrel.prom" (the metrics) into; empty: none.
+  std::string metricsTextfileDir;
 
   // Docker is always deleted; then the user's override; then quarantineEverything (except the
   // Trash, which stays a deletion); then the category's built-in disposal.

@@ -8,6 +8,8 @@
 #include "core/insights/SpaceHistory.h"
 #include "core/scan/ScanEngine.h"
 #include "core/schedule/AgentState.h"
+#include "core/schedule/Metrics.h"
+#include "core/store/LastScan.h"
 #include "core/schedule/Persistence.h"
 #include "core/schedule/RuleEvaluator.h"
 #include "core/store/AuditLog.h"
@@ -115,6 +117,7 @@ void ScheduledRunner::tick(Date now, const std::optional<std::string>& forceRule
   warnOfFullDisk(t, history);
   takeGrowthSnapshot(t);
   t.agentState.save(paths_);
+  writeMetrics(t);
   lock->release();
 }
 
@@ -156,7 +159,9 @@ void ScheduledRunner::runDueRules(Tick& t, const std::optional<std::string>& for
     const ScanEngine engine(paths_, t.settings, t.services);
     const std::set<CleanCategory> categories(rule.categories.begin(), rule.categories.end());
     std::vector<ScanItem> items;
-    for (const auto& result : engine.scan(categories))
+    const auto results = engine.scan(categories);
+    LastScan::record(paths_, results, t.now);
+    for (const auto& result : results)
       for (const auto& item : result.items)
         if (item.risk <= rule.maxRisk) items.push_back(item);
     Cleaner cleaner(paths_, t.settings, t.services);
@@ -217,6 +222,15 @@ void ScheduledRunner::warnOfFullDisk(Tick& t, const SpaceHistory& history) {
             "You're using ~" + ByteFormat::string(whole(forecast->bytesPerDay)) + "/day. Open " +
                 std::string(AppInfo::name) + " to see what's growing.");
     agentState.lastForecastAlert = now;
+  }
+}
+
+void ScheduledRunner::writeMetrics(Tick& t) {
+  if (t.settings.metricsTextfileDir.empty()) return;
+  try {
+    Metrics::writeTextfile(t.settings.metricsTextfileDir, Metrics::text(paths_, t.now));
+  } catch (const std::exception& e) {
+    log_("Could not write the metrics into " + t.settings.metricsTextfileDir + ": " + e.what());
   }
 }
 

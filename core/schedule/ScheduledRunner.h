@@ -54,6 +54,7 @@ class ScheduledRunner {
   void reportBackgroundItems(Tick& t);
   void warnOfFullDisk(Tick& t, const SpaceHistory& history);
   void takeGrowthSnapshot(Tick& t);
+  void writeMetrics(Tick& t);
 
   Paths paths_;
   Log log_;

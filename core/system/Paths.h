@@ -111,6 +111,8 @@ class Paths {
   fs::path shredderHashCacheFile() const { return stateDir() / "shredder-hashes.cache"; }
   // Held by every shredder sweep of any process while it decides and disposes.
   fs::path shredderSweepLockFile() const { return stateDir() / "shredder-sweep.lock"; }
+  // What the last scan of each category found (the metrics read it).
+  fs::path lastScanFile() const { return stateDir() / "last-scan.json"; }
   // Removals waiting for administrator rights, kept until a run removes them.
   fs::path adminQueueFile() const { return stateDir() / "admin-queue.json"; }
   // Held while one administrator batch runs, so two never take the same items.
