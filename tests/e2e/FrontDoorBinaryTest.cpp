@@ -20,6 +20,7 @@ const std::vector<std::string> kLinux = {"KESTREL_LAYOUT=linux"};
 // A Linux home with logs (to quarantine, by its settings), caches (deleted) and the Trash (review).
 void junk(ScratchHome& h) {
   h.text(".config/orvo-kestrel/config.json", R"({"disposalOverrides": {"logs": "quarantine"}})");
+  h.folder(".local/state/orvo-kestrel");
   h.aged(".local/state/app/old.log", 40000, 10);
   h.aged(".xsession-errors.old", 30000, 10);
   h.oldFolder(".cache/app", 100000, 10);
