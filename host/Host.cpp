@@ -18,7 +18,7 @@ namespace {
 const std::vector<CommandGroup> kGroups = {addScanCommand,      addCleanCommand,    addQuarantineCommands,
                                            addTrashCommands,    addInsightCommands, addStatusCommand,
                                            addMetricsCommand,   addAgentsCommands,  addRulesCommands,
-                                           addAdminCommands,    addShredderCommands};
+                                           addAdminCommands,    addShredderCommands, addManualCommands};
 
 std::string colorText(ColorMode mode) {
   switch (mode) {

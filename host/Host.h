@@ -80,6 +80,7 @@ void addTrashCommands(CLI::App& app, HostContext& context, Action& action);
 void addInsightCommands(CLI::App& app, HostContext& context, Action& action);
 void addStatusCommand(CLI::App& app, HostContext& context, Action& action);
 void addMetricsCommand(CLI::App& app, HostContext& context, Action& action);
+void addManualCommands(CLI::App& app, HostContext& context, Action& action);
 void addAgentsCommands(CLI::App& app, HostContext& context, Action& action);
 void addRulesCommands(CLI::App& app, HostContext& context, Action& action);
 void addAdminCommands(CLI::App& app, HostContext& context, Action& action);

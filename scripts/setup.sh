@@ -8,7 +8,7 @@ debian_packages=(
   nlohmann-json3-dev libhowardhinnant-date-dev libdate-tz3 libxxhash-dev
   libplist++-dev libplist-dev libuv1-dev libcli11-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 shellcheck util-linux libclang-rt-14-dev procps universal-ctags
-  trash-cli python3-jsonschema jq prometheus-node-exporter
+  trash-cli python3-jsonschema jq prometheus-node-exporter man-db
 )
 brew_formulae=(cmake ninja nlohmann-json howard-hinnant-date xxhash libplist libuv cli11 googletest google-benchmark shellcheck universal-ctags)
 
